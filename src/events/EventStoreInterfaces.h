@@ -1,0 +1,83 @@
+#pragma once
+
+// The five faces of the event store. Components receive only the one they need.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "events/EventRecords.h"
+#include "rovalis/Date.h"
+
+namespace rovalis {
+
+// One stored event as the store hands it back.
+struct EventPayload {
+    std::string type;
+    Date trackedAtMs;
+    std::string payload;  // the event's JSON object, exactly as stored
+    std::string uri;      // the row's permanent identifier
+
+    friend bool operator==(const EventPayload&, const EventPayload&) = default;
+};
+using RVLEventPayload = EventPayload;
+
+class RVLEventInsertable {
+public:
+    virtual ~RVLEventInsertable() = default;
+
+    virtual void insertWaypointEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude, double speed,
+                                                    double bearing, double accuracy, double altitude,
+                                                    const std::string& provider) = 0;
+    virtual void insertSignificantLocationEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                               double accuracy) = 0;
+    virtual void insertPreSleepEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                    double accuracy, long reasonCode) = 0;
+    virtual void insertPreWakeUpEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                     double accuracy, long reasonCode) = 0;
+    virtual void insertBatteryEventWithTrackedAtMs(Date trackedAtMs, bool isCharging, float status) = 0;
+    virtual void insertConnectivityEventWithTrackedAtMs(Date trackedAtMs, long statusCode) = 0;
+    // Synchronous: returns the new row's identifier text, or none if no row was made.
+    virtual std::optional<std::string> insertToggleTrackingEventWithTrackedAtMs(Date trackedAtMs, bool state,
+                                                                                long reasonCode) = 0;
+    virtual void insertToggleStandbyEventWithTrackedAtMs(Date trackedAtMs, bool state,
+                                                         const std::string& reasonText) = 0;
+    virtual void insertDebugEventWithTrackedAtMs(Date trackedAtMs, long topicCode, const std::string& comment) = 0;
+    virtual void insertIOSActivityEventWithTrackedAtMs(Date trackedAtMs, long confidenceCode,
+                                                       const std::vector<IOSActivityTypeWrapper>& activityCodes) = 0;
+    // Goes into the acceleration buffer; no row is written yet.
+    virtual void insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, Decimal magnitude) = 0;
+    // Writes every buffered acceleration, one row each, and empties the buffer.
+    virtual void insertBuffers() = 0;
+};
+
+// For producers that build their records themselves (geofences, beacons, settings).
+class EventRecordInsertable {
+public:
+    virtual ~EventRecordInsertable() = default;
+    virtual void insert(EventRecord record) = 0;
+};
+
+class RVLEventFetchable {
+public:
+    virtual ~RVLEventFetchable() = default;
+    virtual long eventsCount() = 0;
+    // Oldest first, up to and including the row named by uri (all rows when absent or
+    // unmatched); limit <= 0 means no limit.
+    virtual std::vector<EventPayload> fetchEventsPayloadTo(const std::optional<std::string>& uri,
+                                                           std::int64_t limit) = 0;
+    // Newest first.
+    virtual std::vector<EventPayload> fetchLastEventsPayloadWithLimit(std::int64_t limit) = 0;
+};
+
+class RVLEventDeletable {
+public:
+    virtual ~RVLEventDeletable() = default;
+    virtual long deleteEventsWithPayload(const std::vector<EventPayload>& payloads) = 0;
+    virtual long deleteEventsWithUpTo(Date date) = 0;
+};
+
+class RVLEventStorable : public RVLEventInsertable, public RVLEventFetchable, public RVLEventDeletable {};
+
+}  // namespace rovalis
