@@ -1,0 +1,47 @@
+#pragma once
+
+// Small helpers shared by the tests.
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "rovalis/Console.h"
+
+namespace rovalis::test {
+
+// A fresh directory under the system's temporary folder, removed with everything in it
+// when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Collects the console's lines while it lives, and restores the previous sink after.
+class ConsoleCapture {
+public:
+    ConsoleCapture();
+    ~ConsoleCapture();
+    ConsoleCapture(const ConsoleCapture&) = delete;
+    ConsoleCapture& operator=(const ConsoleCapture&) = delete;
+
+    std::vector<std::string> lines() const;
+    bool contains(const std::string& line) const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+    Console::Sink previous_;
+};
+
+}  // namespace rovalis::test
