@@ -1,0 +1,114 @@
+#pragma once
+
+// The persistence manager of the event store: one SQLite connection (WAL journal) and the
+// serial background executor that is the only place the connection is used.
+//
+// Rows are written in groups: producers queue rows from any thread, and one save task on
+// the background executor writes everything queued so far in one transaction. Reads and
+// deletes run synchronously on the executor after saving what is queued, so they see
+// every row queued before them.
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "events/EventStoreInterfaces.h"
+#include "rovalis/Date.h"
+#include "util/SerialExecutor.h"
+
+namespace rovalis {
+
+class WorkTracker;
+
+namespace sqlite {
+class Database;
+class Statement;
+}  // namespace sqlite
+
+// One row waiting to be written. The type is a record's static type name.
+struct PendingRow {
+    std::string_view type;
+    double trackedAt = 0;  // seconds since 1970
+    std::string payload;
+};
+
+class CoreDataManager {
+public:
+    static constexpr const char* containerName = "com.rovalis.sdk.CoreDataModel";
+    static constexpr const char* entityName = "EventEntity";
+    static constexpr const char* backgroundQueueLabel = "com.rovalis.sdk.CoreDataModel.background";
+    static constexpr const char* uriScheme = "x-rovalis-store";
+
+    // Opens the store at path, creating the file (mode 0600) and the schema if needed.
+    explicit CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker = nullptr);
+    ~CoreDataManager();
+
+    CoreDataManager(const CoreDataManager&) = delete;
+    CoreDataManager& operator=(const CoreDataManager&) = delete;
+
+    // False when the store could not be opened; it then drops inserts and reads as empty.
+    bool isLoaded() const { return loaded_; }
+    // The UUID generated when the store file was created (empty when not loaded).
+    const std::string& storeIdentifier() const { return storeIdentifier_; }
+    const std::filesystem::path& path() const { return path_; }
+
+    // Queue rows and return at once; a save is scheduled unless one is already due.
+    void enqueue(PendingRow row);
+    void enqueue(std::vector<PendingRow>&& rows);
+
+    // Writes the row now, with everything queued before it, and returns its id; none when
+    // the row could not be written yet (it is kept and written by a later save).
+    std::optional<std::int64_t> insertAndWait(PendingRow row);
+
+    // Rows with lower < time <= upper ordered by (time, id); limit <= 0 means no limit.
+    std::vector<EventPayload> fetch(Date lower, Date upper, bool ascending, std::int64_t limit);
+    long count();
+    // Both delete in one statement and transaction and return the number of rows removed.
+    long deleteUpTo(Date date);
+    long deleteObjects(const std::vector<std::int64_t>& ids);
+
+    // The permanent identifier of a row as URI text, and back. A URI of another store or
+    // entity, or one that does not name a row id, gives none.
+    std::string uriRepresentation(std::int64_t id) const;
+    std::optional<std::int64_t> objectIDForURIRepresentation(std::string_view uri) const;
+
+    // Runs fn on the background executor with the connection (null when not loaded) and
+    // waits. For tests and benchmarks that need to reach below the store.
+    void performAndWaitWithConnection(const std::function<void(sqlite::Database*)>& fn);
+
+private:
+    struct Statements;
+
+    void load();
+    void openAndPrepare();
+    void saveContext();
+    void takePending();
+    bool writeRows();
+    template <typename Fn>
+    auto performAndWait(Fn&& fn);
+
+    const std::filesystem::path path_;
+    bool loaded_ = false;
+    std::string storeIdentifier_;
+    std::string uriPrefix_;
+
+    // Owned by the background executor.
+    std::unique_ptr<sqlite::Database> db_;
+    std::unique_ptr<Statements> statements_;
+    std::vector<PendingRow> writing_;  // taken from pending_; kept after a failed save
+
+    std::mutex pendingMutex_;
+    std::vector<PendingRow> pending_;
+    bool saveScheduled_ = false;
+
+    // Last member: destroyed first, after its tasks have drained.
+    SerialExecutor background_;
+};
+
+}  // namespace rovalis

@@ -1,0 +1,178 @@
+#include "events/EventRepository.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "rovalis/Console.h"
+#include "util/Fatal.h"
+
+namespace rovalis {
+
+namespace {
+
+// The shape every URI has: a scheme (a letter, then letters, digits, "+", "-" or ".")
+// followed by ":", and no white space or control characters anywhere.
+bool isValidURI(std::string_view text) {
+    if (text.empty()) return false;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte <= 0x20 || byte == 0x7f) return false;
+    }
+    const auto colon = text.find(':');
+    if (colon == std::string_view::npos || colon == 0) return false;
+    if (!std::isalpha(static_cast<unsigned char>(text.front()))) return false;
+    return std::all_of(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(colon), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '+' || c == '-' || c == '.';
+    });
+}
+
+}  // namespace
+
+EventRepository::EventRepository(const std::filesystem::path& databasePath, std::shared_ptr<WorkTracker> tracker)
+    : coreDataManager_(databasePath, tracker), accelerationBuffer_(accelerationBufferSize, tracker) {}
+
+EventRepository::~EventRepository() {
+    // Buffered samples are written rather than lost when the store is closed in order;
+    // the manager then writes everything queued before it closes the connection.
+    insertBuffers();
+    accelerationBuffer_.waitUntilDrained();
+}
+
+PendingRow EventRepository::encode(const EventRecord& record) const {
+    return PendingRow{typeOf(record), trackedAtOf(record).secondsSince1970, eventEncoder_.encode(record)};
+}
+
+// ---- Inserts ----
+// Each record is built (and so validated) here, on the caller's thread: an invalid value
+// stops the process before anything is queued.
+
+void EventRepository::insertWaypointEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                         double speed, double bearing, double accuracy,
+                                                         double altitude, const std::string& provider) {
+    insert(Waypoint(trackedAtMs, latitude, longitude, speed, bearing, accuracy, altitude, provider));
+}
+
+void EventRepository::insertSignificantLocationEventWithTrackedAtMs(Date trackedAtMs, double latitude,
+                                                                    double longitude, double accuracy) {
+    insert(SignificantLocation(trackedAtMs, latitude, longitude, accuracy));
+}
+
+void EventRepository::insertPreSleepEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                         double accuracy, long reasonCode) {
+    insert(PreSleep(trackedAtMs, latitude, longitude, accuracy, PreSleep::reasonFromCode(reasonCode)));
+}
+
+void EventRepository::insertPreWakeUpEventWithTrackedAtMs(Date trackedAtMs, double latitude, double longitude,
+                                                          double accuracy, long reasonCode) {
+    insert(PreWakeUp(trackedAtMs, latitude, longitude, accuracy, PreWakeUp::reasonFromCode(reasonCode)));
+}
+
+void EventRepository::insertBatteryEventWithTrackedAtMs(Date trackedAtMs, bool isCharging, float status) {
+    insert(Battery(trackedAtMs, isCharging, status));
+}
+
+void EventRepository::insertConnectivityEventWithTrackedAtMs(Date trackedAtMs, long statusCode) {
+    insert(Connectivity(trackedAtMs, Connectivity::statusFromCode(statusCode)));
+}
+
+std::optional<std::string> EventRepository::insertToggleTrackingEventWithTrackedAtMs(Date trackedAtMs, bool state,
+                                                                                     long reasonCode) {
+    const ToggleTracking record(trackedAtMs, state, ToggleTracking::reasonFromCode(reasonCode));
+    const auto id = coreDataManager_.insertAndWait(encode(record));
+    if (!id) return std::nullopt;
+    return coreDataManager_.uriRepresentation(*id);
+}
+
+void EventRepository::insertToggleStandbyEventWithTrackedAtMs(Date trackedAtMs, bool state,
+                                                              const std::string& reasonText) {
+    insert(ToggleStandby(trackedAtMs, state, reasonText));
+}
+
+void EventRepository::insertDebugEventWithTrackedAtMs(Date trackedAtMs, long topicCode, const std::string& comment) {
+    insert(Debug(trackedAtMs, Debug::topicFromCode(topicCode), comment));
+}
+
+void EventRepository::insertIOSActivityEventWithTrackedAtMs(Date trackedAtMs, long confidenceCode,
+                                                            const std::vector<IOSActivityTypeWrapper>& activityCodes) {
+    std::vector<IOSActivity::Activity> activities;
+    activities.reserve(activityCodes.size());
+    for (const auto& code : activityCodes) activities.push_back(IOSActivity::activityFromCode(code.type));
+    insert(IOSActivity(trackedAtMs, IOSActivity::confidenceFromCode(confidenceCode), std::move(activities)));
+}
+
+void EventRepository::insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, Decimal magnitude) {
+    accelerationBuffer_.append(Acceleration(trackedAtMs, magnitude),
+                               [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
+}
+
+void EventRepository::insertBuffers() {
+    accelerationBuffer_.flush(
+        [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
+}
+
+// On the buffer's queue: the group is encoded here and queued as one, so it is written in
+// one transaction.
+void EventRepository::handOverAccelerations(std::vector<Acceleration> records) {
+    if (records.empty()) return;
+    std::vector<PendingRow> rows;
+    rows.reserve(records.size());
+    for (const auto& record : records) {
+        rows.push_back(PendingRow{Acceleration::typeName, record.trackedAtMs.secondsSince1970,
+                                  eventEncoder_.encode(EventRecord(record))});
+    }
+    coreDataManager_.enqueue(std::move(rows));
+}
+
+void EventRepository::insert(EventRecord record) { coreDataManager_.enqueue(encode(record)); }
+
+void EventRepository::drainBuffer() { accelerationBuffer_.waitUntilDrained(); }
+
+// ---- Fetching ----
+
+long EventRepository::eventsCount() {
+    drainBuffer();
+    return coreDataManager_.count();
+}
+
+std::vector<EventPayload> EventRepository::fetchEventsPayloadTo(const std::optional<std::string>& uri,
+                                                                std::int64_t limit) {
+    drainBuffer();
+    auto payloads = coreDataManager_.fetch(Date::distantPast(), Date::distantFuture(), true, limit);
+    if (uri) {
+        const auto match = std::find_if(payloads.begin(), payloads.end(),
+                                        [&](const EventPayload& payload) { return payload.uri == *uri; });
+        if (match != payloads.end()) payloads.erase(match + 1, payloads.end());
+    }
+    return payloads;
+}
+
+std::vector<EventPayload> EventRepository::fetchLastEventsPayloadWithLimit(std::int64_t limit) {
+    drainBuffer();
+    return coreDataManager_.fetch(Date::distantPast(), Date::distantFuture(), false, limit);
+}
+
+// ---- Deleting ----
+
+long EventRepository::deleteEventsWithPayload(const std::vector<EventPayload>& payloads) {
+    std::vector<std::int64_t> ids;
+    ids.reserve(payloads.size());
+    for (const auto& payload : payloads) {
+        if (!isValidURI(payload.uri)) fatalError("Invalid URI: " + payload.uri);
+        // URIs of another store or entity name no row here and are skipped.
+        if (const auto id = coreDataManager_.objectIDForURIRepresentation(payload.uri)) ids.push_back(*id);
+    }
+    if (!coreDataManager_.isLoaded()) return 0;
+    if (ids.empty()) {
+        Console::log("No valid object IDs found");
+        return 0;
+    }
+    drainBuffer();
+    return coreDataManager_.deleteObjects(ids);
+}
+
+long EventRepository::deleteEventsWithUpTo(Date date) {
+    drainBuffer();
+    return coreDataManager_.deleteUpTo(date);
+}
+
+}  // namespace rovalis
