@@ -1,0 +1,72 @@
+#include "util/ThreadRunLoop.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "util/RunLoopQueue.h"
+
+namespace rovalis {
+
+namespace {
+// The longest the loop sleeps without looking at the date source again, so that a clock
+// that jumps (a changed system time, a resumed machine) delays a timer by at most this.
+constexpr auto kMaximumWait = std::chrono::seconds(1);
+}  // namespace
+
+ThreadRunLoop::ThreadRunLoop(std::shared_ptr<const RVLDateSource> dateSource, std::string threadName)
+    : queue_(std::make_shared<RunLoopQueue>(std::move(dateSource))) {
+    thread_ = std::thread([this] { run(); });
+    if (threadName.size() > 15) threadName.resize(15);
+    pthread_setname_np(thread_.native_handle(), threadName.c_str());
+}
+
+ThreadRunLoop::~ThreadRunLoop() {
+    queue_->stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+void ThreadRunLoop::run() {
+    queue_->setRunner(std::this_thread::get_id());
+    while (!queue_->stopped()) {
+        while (!queue_->stopped() && queue_->runOne()) {
+        }
+        queue_->waitForWork(kMaximumWait);
+    }
+    while (queue_->runOneTask()) {
+    }
+    queue_->setRunner(std::thread::id());
+}
+
+void ThreadRunLoop::async(std::function<void()> task) { queue_->post(std::move(task)); }
+
+void ThreadRunLoop::sync(const std::function<void()>& task) {
+    if (isCurrent()) {
+        task();
+        return;
+    }
+    std::mutex doneMutex;
+    std::condition_variable doneSignal;
+    bool done = false;
+    queue_->post([&] {
+        task();
+        std::lock_guard lock(doneMutex);
+        done = true;
+        doneSignal.notify_one();
+    });
+    std::unique_lock lock(doneMutex);
+    doneSignal.wait(lock, [&] { return done; });
+}
+
+bool ThreadRunLoop::isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
+
+std::shared_ptr<RunLoopTimer> ThreadRunLoop::scheduleTimer(double intervalSeconds, bool repeats,
+                                                           std::function<void()> callback) {
+    return queue_->scheduleTimer(intervalSeconds, repeats, std::move(callback));
+}
+
+Date ThreadRunLoop::now() const { return queue_->now(); }
+
+}  // namespace rovalis

@@ -1,0 +1,127 @@
+#include "util/VirtualRunLoop.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+
+#include "util/Fatal.h"
+#include "util/RunLoopQueue.h"
+#include "util/WorkTracker.h"
+
+namespace rovalis {
+
+VirtualRunLoop::VirtualRunLoop(std::shared_ptr<SettableDateSource> clock, std::shared_ptr<WorkTracker> tracker)
+    : clock_(std::move(clock)),
+      tracker_(std::move(tracker)),
+      queue_(std::make_shared<RunLoopQueue>(clock_)),
+      owner_(std::this_thread::get_id()) {
+    if (!clock_) fatalError("VirtualRunLoop needs a clock");
+}
+
+VirtualRunLoop::~VirtualRunLoop() = default;
+
+template <typename Body>
+void VirtualRunLoop::drive(Body&& body) {
+    if (queue_->isCurrent()) fatalError("VirtualRunLoop was asked to run from one of its own tasks");
+    std::lock_guard lock(driving_);
+    struct RunnerScope {
+        RunLoopQueue& queue;
+        explicit RunnerScope(RunLoopQueue& q) : queue(q) { queue.setRunner(std::this_thread::get_id()); }
+        ~RunnerScope() { queue.setRunner(std::thread::id()); }
+    } scope(*queue_);
+    body();
+}
+
+void VirtualRunLoop::async(std::function<void()> task) { queue_->post(std::move(task)); }
+
+void VirtualRunLoop::sync(const std::function<void()>& task) {
+    if (isCurrent()) {
+        task();
+        return;
+    }
+    struct Completion {
+        std::mutex mutex;
+        std::condition_variable signal;
+        bool done = false;
+    } completion;
+    queue_->post([&] {
+        task();
+        std::lock_guard lock(completion.mutex);
+        completion.done = true;
+        completion.signal.notify_all();
+    });
+    if (std::this_thread::get_id() == owner_) {
+        drive([&] {
+            for (;;) {
+                {
+                    std::lock_guard lock(completion.mutex);
+                    if (completion.done) return;
+                }
+                if (!queue_->runOneTask()) return;
+            }
+        });
+        return;
+    }
+    std::unique_lock lock(completion.mutex);
+    completion.signal.wait(lock, [&] { return completion.done; });
+}
+
+bool VirtualRunLoop::isCurrent() const { return queue_->isCurrent(); }
+
+std::shared_ptr<RunLoopTimer> VirtualRunLoop::scheduleTimer(double intervalSeconds, bool repeats,
+                                                            std::function<void()> callback) {
+    return queue_->scheduleTimer(intervalSeconds, repeats, std::move(callback));
+}
+
+bool VirtualRunLoop::waitForTrackedWork() {
+    using namespace std::chrono;
+    // Tracked work ends without telling this loop, so the wait looks again after a short,
+    // growing pause; a task posted meanwhile ends the pause at once.
+    auto pause = duration_cast<steady_clock::duration>(microseconds(10));
+    const auto longest = duration_cast<steady_clock::duration>(milliseconds(1));
+    while (!tracker_->isIdle()) {
+        if (queue_->hasDueWork()) return false;
+        queue_->waitForWork(pause);
+        pause = std::min(pause * 2, longest);
+    }
+    return true;
+}
+
+void VirtualRunLoop::runDueWork() {
+    for (;;) {
+        while (queue_->runOne()) {
+        }
+        if (!tracker_) return;
+        // Idle here means: no tracked work anywhere, and nothing it posted is left to run.
+        if (waitForTrackedWork() && !queue_->hasDueWork()) return;
+    }
+}
+
+void VirtualRunLoop::runUntilIdle() {
+    drive([this] { runDueWork(); });
+}
+
+void VirtualRunLoop::fastForwardBy(double seconds) {
+    drive([this, seconds] {
+        const Date end = clock_->now().addingSeconds(std::max(seconds, 0.0));
+        for (;;) {
+            runDueWork();
+            const auto next = queue_->nextTimerDate();
+            if (!next || *next > end) break;
+            if (*next > clock_->now()) clock_->setNow(*next);
+        }
+        if (end > clock_->now()) clock_->setNow(end);
+        runDueWork();
+    });
+}
+
+std::optional<double> VirtualRunLoop::nextPendingDelay() const {
+    if (queue_->hasDueWork()) return 0.0;
+    const auto next = queue_->nextTimerDate();
+    if (!next) return std::nullopt;
+    return std::max(0.0, next->timeIntervalSince(clock_->now()));
+}
+
+bool VirtualRunLoop::hasPendingTasks() const { return queue_->hasDueWork(); }
+
+}  // namespace rovalis
