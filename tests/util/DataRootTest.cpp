@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+
+#include "support/TestSupport.h"
+#include "util/DataRoot.h"
+
+namespace rovalis {
+namespace {
+
+namespace fs = std::filesystem;
+
+unsigned modeOf(const fs::path& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 07777;
+}
+
+// Sets an environment variable for one test and puts the old value back.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        if (value) ::setenv(name, value, 1); else ::unsetenv(name);
+    }
+    ~ScopedEnv() {
+        if (old_) ::setenv(name_, old_->c_str(), 1); else ::unsetenv(name_);
+    }
+
+private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+TEST(DataRoot, CreatesPrivateDirectoriesAndTightensExistingOnes) {
+    test::TempDir temp;
+    const fs::path existing = temp / "existing";
+    fs::create_directory(existing);
+    ::chmod(existing.c_str(), 0755);
+
+    DataRoot root(existing / "nested" / "root");
+    ASSERT_TRUE(root.isUsable());
+    EXPECT_EQ(modeOf(existing), 0755u);  // an ancestor that was there is left alone
+    EXPECT_EQ(modeOf(existing / "nested"), 0700u);
+    EXPECT_EQ(modeOf(root.root()), 0700u);
+
+    EXPECT_EQ(root.documents(), root.root() / "Documents");
+    EXPECT_EQ(modeOf(root.documents()), 0700u);
+    ::chmod(root.documents().c_str(), 0777);
+    root.documents();
+    EXPECT_EQ(modeOf(root.root() / "Documents"), 0700u);
+    EXPECT_EQ(modeOf(root.privateDirectory("Keychain")), 0700u);
+}
+
+TEST(DataRoot, PrivateFilesAreCreatedOrTightenedWithoutLosingContents) {
+    test::TempDir temp;
+    const fs::path file = temp / "state";
+    ASSERT_TRUE(ensurePrivateFile(file));
+    EXPECT_EQ(modeOf(file), 0600u);
+
+    { std::ofstream(file) << "kept"; }
+    ::chmod(file.c_str(), 0644);
+    ASSERT_TRUE(ensurePrivateFile(file));
+    EXPECT_EQ(modeOf(file), 0600u);
+    std::string text;
+    std::ifstream(file) >> text;
+    EXPECT_EQ(text, "kept");
+}
+
+TEST(DataRoot, AFileInThePlaceOfTheRootIsReportedNotFatal) {
+    test::TempDir temp;
+    test::ConsoleCapture console;
+    { std::ofstream(temp / "occupied") << "x"; }
+    DataRoot root(temp / "occupied");
+    EXPECT_FALSE(root.isUsable());
+    EXPECT_FALSE(console.lines().empty());
+}
+
+TEST(DataRoot, DefaultPathFollowsXdgThenHomeAndKeepsTheIdentifierInside) {
+    {
+        ScopedEnv xdg("XDG_DATA_HOME", "/data/xdg");
+        EXPECT_EQ(DataRoot::defaultPath("org.example.demo"), fs::path("/data/xdg/rovalis/org.example.demo"));
+        EXPECT_EQ(DataRoot::defaultPath(std::nullopt), fs::path("/data/xdg/rovalis/rovalis"));
+        EXPECT_EQ(DataRoot::defaultPath("../evil"), fs::path("/data/xdg/rovalis/.._evil"));
+        EXPECT_EQ(DataRoot::defaultPath(".."), fs::path("/data/xdg/rovalis/rovalis"));
+    }
+    ScopedEnv home("HOME", "/home/someone");
+    for (const char* value : {static_cast<const char*>(nullptr), "relative/dir", ""}) {
+        ScopedEnv xdg("XDG_DATA_HOME", value);
+        EXPECT_EQ(DataRoot::defaultPath("app"), fs::path("/home/someone/.local/share/rovalis/app"));
+    }
+}
+
+TEST(DataRootDeath, PrivateDirectoryNameMustBeOneComponent) {
+    test::TempDir temp;
+    DataRoot root(temp.path());
+    EXPECT_DEATH(root.privateDirectory("../outside"), "Fatal error: Invalid private directory name: \\.\\./outside");
+    EXPECT_DEATH(root.privateDirectory(""), "Fatal error: Invalid private directory name");
+}
+
+}  // namespace
+}  // namespace rovalis
