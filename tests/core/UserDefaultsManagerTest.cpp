@@ -1,0 +1,142 @@
+#include <gtest/gtest.h>
+
+#include "core/UserDefaultsManager.h"
+#include "platform/linux/SqliteKeyValueStore.h"
+#include "support/TestSupport.h"
+#include "util/InMemoryKeyValueStore.h"
+
+namespace rovalis {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct UserDefaults : ::testing::Test {
+    std::shared_ptr<InMemoryKeyValueStore> store = std::make_shared<InMemoryKeyValueStore>();
+    UserDefaultsManager manager{store};
+};
+
+TEST_F(UserDefaults, AnEmptyStoreReadsAsAFreshInstallationAndStaysEmpty) {
+    EXPECT_EQ(manager.storedTrackingStatus(), 0);
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 1);
+    EXPECT_FALSE(manager.wifiOnlyDataTransfer());
+    EXPECT_EQ(manager.lastConnectionType(), 2);
+    EXPECT_EQ(manager.lastSuccessfulEventUploadDate(), Date::distantPast());
+    EXPECT_FALSE(manager.appInfo().has_value());
+    EXPECT_FALSE(manager.pauseRecord().has_value());
+    EXPECT_FALSE(manager.isFirstStart());
+    EXPECT_FALSE(manager.userActivatedTrackingOnce());
+    for (const char* key : {"RVLLastSuccessfulEventTransmissionDate", "RVLLastConnectionType", "RVL_APP_INFO",
+                            "IZSettings14", "RVL_TRACKING_INTERRUPTED_REASON", "RVL_MANAGERS_PAUSED",
+                            "RVDataTransferMode", "firstStart", "User-Activated-Tracking-Once"}) {
+        EXPECT_FALSE(store->object(key).has_value()) << key;  // reading writes nothing
+    }
+}
+
+TEST_F(UserDefaults, EachValueIsStoredUnderItsKeyWithItsType) {
+    manager.setLastSuccessfulEventUploadDate(Date{1700000123.25});
+    manager.setLastConnectionType(3);
+    manager.setAppInfo("Demo 1.2 (34)Linux 6.1");
+    manager.setStoredTrackingStatus(-1);
+    manager.setStoredTrackingInterruptedReason(0);
+    manager.setPauseRecord(Bytes{1, 2, 3});
+    manager.setIsFirstStart(true);
+    manager.setUserActivatedTrackingOnce(true);
+
+    EXPECT_EQ(store->object("RVLLastSuccessfulEventTransmissionDate"), KeyValue(Date{1700000123.25}));
+    EXPECT_EQ(store->object("RVLLastConnectionType"), KeyValue(std::int64_t{3}));
+    EXPECT_EQ(store->object("RVL_APP_INFO"), KeyValue(std::string("Demo 1.2 (34)Linux 6.1")));
+    EXPECT_EQ(store->object("IZSettings14"), KeyValue(std::int64_t{-1}));
+    EXPECT_EQ(store->object("RVL_TRACKING_INTERRUPTED_REASON"), KeyValue(std::int64_t{0}));
+    EXPECT_EQ(store->object("RVL_MANAGERS_PAUSED"), KeyValue(Bytes{1, 2, 3}));
+    EXPECT_EQ(store->object("firstStart"), KeyValue(true));
+    EXPECT_EQ(store->object("User-Activated-Tracking-Once"), KeyValue(true));
+
+    EXPECT_EQ(manager.storedTrackingStatus(), -1);
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 0);
+    EXPECT_EQ(manager.appInfo(), "Demo 1.2 (34)Linux 6.1");
+    EXPECT_EQ(manager.pauseRecord(), (Bytes{1, 2, 3}));
+}
+
+TEST_F(UserDefaults, WifiOnlyIsTheTransferModeZero) {
+    manager.setWifiOnlyDataTransfer(true);
+    EXPECT_EQ(store->object("RVDataTransferMode"), KeyValue(std::int64_t{0}));
+    EXPECT_TRUE(manager.wifiOnlyDataTransfer());
+    manager.setWifiOnlyDataTransfer(false);
+    EXPECT_EQ(store->object("RVDataTransferMode"), KeyValue(std::int64_t{1}));
+    EXPECT_FALSE(manager.wifiOnlyDataTransfer());
+    store->setObject(std::int64_t{7}, "RVDataTransferMode");
+    EXPECT_FALSE(manager.wifiOnlyDataTransfer());
+}
+
+TEST_F(UserDefaults, ValuesOfAnotherTypeOrOutOfRangeReadAsTheDefault) {
+    store->setObject(std::string("1"), "IZSettings14");
+    store->setObject(std::int64_t{9}, "RVL_TRACKING_INTERRUPTED_REASON");
+    store->setObject(1700000000.0, "RVLLastSuccessfulEventTransmissionDate");  // a number, not a date
+    store->setObject(std::int64_t{1}, "firstStart");
+    store->setObject(Bytes{'a'}, "RVL_APP_INFO");
+    store->setObject(std::string("record"), "RVL_MANAGERS_PAUSED");
+    store->setObject(false, "RVDataTransferMode");
+
+    EXPECT_EQ(manager.storedTrackingStatus(), 0);
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 1);
+    EXPECT_EQ(manager.lastSuccessfulEventUploadDate(), Date::distantPast());
+    EXPECT_FALSE(manager.isFirstStart());
+    EXPECT_FALSE(manager.appInfo().has_value());
+    EXPECT_FALSE(manager.pauseRecord().has_value());
+    EXPECT_FALSE(manager.wifiOnlyDataTransfer());
+
+    store->setObject(std::int64_t{-1}, "RVL_TRACKING_INTERRUPTED_REASON");
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 1);
+    manager.setStoredTrackingInterruptedReason(5);
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 5);
+}
+
+TEST_F(UserDefaults, AbsentAppInfoOrPauseRecordRemovesTheKey) {
+    manager.setAppInfo("info");
+    manager.setPauseRecord(Bytes{9});
+    manager.setAppInfo(std::nullopt);
+    manager.setPauseRecord(std::nullopt);
+    EXPECT_FALSE(store->object("RVL_APP_INFO").has_value());
+    EXPECT_FALSE(store->object("RVL_MANAGERS_PAUSED").has_value());
+}
+
+TEST_F(UserDefaults, ComponentsSeeOnlyTheirNarrowView) {
+    RVLPauseRecordModifier& pauses = manager;
+    RVLDataTransferModeRecording& transferMode = manager;
+    RVLLastConnectionTypeModifier& connection = manager;
+    pauses.setPauseRecord(Bytes{4});
+    transferMode.setWifiOnlyDataTransfer(true);
+    connection.setLastConnectionType(0);
+    // Another manager over the same store sees it all: nothing is cached.
+    UserDefaultsManager other(store);
+    EXPECT_EQ(other.pauseRecord(), (Bytes{4}));
+    EXPECT_TRUE(other.wifiOnlyDataTransfer());
+    EXPECT_EQ(other.lastConnectionType(), 0);
+}
+
+TEST(UserDefaultsOnDisk, ValuesSurviveReopeningTheStore) {
+    test::TempDir temp;
+    const auto file = temp / "Preferences.sqlite";
+    {
+        UserDefaultsManager manager(std::make_shared<SqliteKeyValueStore>(file));
+        manager.setStoredTrackingStatus(1);
+        manager.setStoredTrackingInterruptedReason(4);
+        manager.setPauseRecord(Bytes{0, 255});
+        manager.setLastSuccessfulEventUploadDate(Date{1700000000.125});
+        manager.setLastConnectionType(3);
+        manager.setWifiOnlyDataTransfer(true);
+        manager.setIsFirstStart(true);
+    }
+    UserDefaultsManager manager(std::make_shared<SqliteKeyValueStore>(file));
+    EXPECT_EQ(manager.storedTrackingStatus(), 1);
+    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 4);
+    EXPECT_EQ(manager.pauseRecord(), (Bytes{0, 255}));
+    EXPECT_EQ(manager.lastSuccessfulEventUploadDate(), Date{1700000000.125});
+    EXPECT_EQ(manager.lastConnectionType(), 3);
+    EXPECT_TRUE(manager.wifiOnlyDataTransfer());
+    EXPECT_TRUE(manager.isFirstStart());
+    EXPECT_FALSE(manager.userActivatedTrackingOnce());
+}
+
+}  // namespace
+}  // namespace rovalis
