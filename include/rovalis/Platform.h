@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "rovalis/DateSource.h"
+#include "rovalis/Executor.h"
+#include "rovalis/RunLoop.h"
+#include "rovalis/platform/KeyValueStore.h"
+
+namespace rovalis {
+
+class KeychainStore;
+class WorkTracker;
+
+// The platform services the SDK runs on, handed in one bundle to the composition root,
+// which builds every component from it; no component reaches for a global. A host or the
+// simulated device fills it in; on Linux the default bundle comes from the data root.
+//
+// Location, motion, network and Bluetooth services join this bundle as they are added.
+struct Platform {
+    std::shared_ptr<RVLDateSource> dateSource;
+    // Carries every location callback, timer and tracker call, and the host's callbacks.
+    std::shared_ptr<RunLoop> mainRunLoop;
+    // The persisted SDK state.
+    std::shared_ptr<KeyValueStore> keyValueStore;
+    // Credentials.
+    std::shared_ptr<KeychainStore> keychain;
+    // Optional: counts work queued anywhere, so that a virtual clock moves only when all of
+    // it has finished.
+    std::shared_ptr<WorkTracker> workTracker;
+
+    // A new named serial queue with a thread of its own, whose work the tracker counts.
+    std::unique_ptr<Executor> makeSerialExecutor(std::string label) const;
+};
+
+}  // namespace rovalis

@@ -1,0 +1,12 @@
+#pragma once
+
+#include "rovalis/Platform.h"
+#include "util/DataRoot.h"
+
+namespace rovalis {
+
+// The real Linux bundle: the system clock, a main run loop on a thread of its own, and the
+// key-value state in <root>/Preferences.sqlite.
+Platform makeLinuxPlatform(const DataRoot& root);
+
+}  // namespace rovalis

@@ -1,0 +1,51 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <future>
+
+#include "platform/linux/LinuxPlatform.h"
+#include "support/TestSupport.h"
+#include "util/WorkTracker.h"
+
+namespace rovalis {
+namespace {
+
+TEST(Platform, SerialExecutorsItMakesReportTheirWorkToTheTracker) {
+    Platform platform;
+    platform.workTracker = std::make_shared<WorkTracker>();
+    auto executor = platform.makeSerialExecutor("test.platform");
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    executor->async([released] { released.wait(); });
+    EXPECT_FALSE(platform.workTracker->isIdle());
+    release.set_value();
+    platform.workTracker->waitUntilIdle();
+
+    Platform untracked;
+    auto plain = untracked.makeSerialExecutor("test.plain");
+    EXPECT_TRUE(syncResult(*plain, [&] { return plain->isCurrent(); }));
+}
+
+TEST(LinuxPlatform, KeepsItsStateUnderTheDataRootAndRunsTheMainLoop) {
+    test::TempDir temp;
+    const DataRoot root(temp / "root");
+    {
+        const Platform platform = makeLinuxPlatform(root);
+        platform.keyValueStore->setObject(std::string("kept"), "key");
+        std::promise<bool> fired;
+        auto timer = platform.mainRunLoop->scheduleTimer(
+            0.001, false, [&] { fired.set_value(platform.mainRunLoop->isCurrent()); });
+        auto result = fired.get_future();
+        ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+        EXPECT_TRUE(result.get());
+    }
+    struct stat status {};
+    ASSERT_EQ(::stat((root.root() / "Preferences.sqlite").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_EQ(makeLinuxPlatform(root).keyValueStore->object("key"), KeyValue(std::string("kept")));
+}
+
+}  // namespace
+}  // namespace rovalis
