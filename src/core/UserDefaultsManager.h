@@ -41,7 +41,9 @@ private:
 template <typename T>
 class UserDefaultsWrapper<std::optional<T>> {
 public:
-    UserDefaultsWrapper(std::shared_ptr<KeyValueStore> store, std::string key, std::optional<T> defaultValue = std::nullopt)
+    UserDefaultsWrapper(std::shared_ptr<KeyValueStore> store, std::string key)
+        : store_(std::move(store)), key_(std::move(key)) {}
+    UserDefaultsWrapper(std::shared_ptr<KeyValueStore> store, std::string key, T defaultValue)
         : store_(std::move(store)), key_(std::move(key)), default_(std::move(defaultValue)) {}
 
     std::optional<T> get() const {
