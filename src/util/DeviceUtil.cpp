@@ -1,0 +1,116 @@
+#include "util/DeviceUtil.h"
+
+#include <sys/utsname.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <regex>
+
+#include "rovalis/Console.h"
+
+namespace rovalis {
+namespace {
+
+std::mutex resourceMutex;
+std::filesystem::path resourceOverride;
+
+std::optional<nlohmann::json> readList(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return std::nullopt;
+    nlohmann::json list = nlohmann::json::parse(in, nullptr, /*allow_exceptions=*/false);
+    if (!list.is_object()) return std::nullopt;
+    return list;
+}
+
+// A number, or text that starts with one (read the way a numeric text field reads), as a
+// float; anything else reads as zero.
+float floatValue(const nlohmann::json& value) {
+    if (value.is_number()) return value.get<float>();
+    if (value.is_string()) return std::strtof(value.get_ref<const std::string&>().c_str(), nullptr);
+    if (value.is_boolean()) return value.get<bool>() ? 1.0f : 0.0f;
+    return 0.0f;
+}
+
+}  // namespace
+
+std::string RVL_DeviceUtil::hardwareString() {
+    struct utsname name {};
+    if (::uname(&name) != 0) return {};
+    return name.machine;
+}
+
+void RVL_DeviceUtil::setResourceDirectory(std::filesystem::path directory) {
+    std::lock_guard lock(resourceMutex);
+    resourceOverride = std::move(directory);
+}
+
+std::filesystem::path RVL_DeviceUtil::resourceDirectory() {
+    {
+        std::lock_guard lock(resourceMutex);
+        if (!resourceOverride.empty()) return resourceOverride;
+    }
+    if (const char* fromEnvironment = std::getenv("ROVALIS_RESOURCE_DIR"); fromEnvironment && *fromEnvironment) {
+        return fromEnvironment;
+    }
+    return ROVALIS_SOURCE_DATA_DIR;
+}
+
+std::optional<nlohmann::json> RVL_DeviceUtil::getDeviceList() {
+    const std::filesystem::path directory = resourceDirectory();
+    const std::filesystem::path ownBundle = directory / "DeviceUtil";
+    // The list's own folder when it is there; otherwise the resource directory itself.
+    if (std::filesystem::is_directory(ownBundle)) return readList(ownBundle / "DeviceList.json");
+    return readList(directory / "DeviceList.json");
+}
+
+std::optional<nlohmann::json> RVL_DeviceUtil::entryForThisDevice() {
+    const auto list = getDeviceList();
+    if (!list) return std::nullopt;
+    const auto entry = list->find(hardwareString());
+    if (entry == list->end() || !entry->is_object()) return std::nullopt;
+    return *entry;
+}
+
+std::optional<std::string> RVL_DeviceUtil::hardwareDescription() {
+    if (const auto entry = entryForThisDevice()) {
+        const auto name = entry->find("name");
+        if (name != entry->end() && name->is_string()) return name->get<std::string>();
+    }
+    logMessage(hardwareString());
+    return std::nullopt;
+}
+
+std::string RVL_DeviceUtil::simpleDescription(const std::string& description) {
+    // From an opening parenthesis that does not start a generation such as "(3 Gen)",
+    // greedily to the last closing parenthesis.
+    static const std::regex suffix(R"(\((?![0-9]+ Gen).*\))", std::regex::ECMAScript | std::regex::icase);
+    return std::regex_replace(description, suffix, "");
+}
+
+std::optional<std::string> RVL_DeviceUtil::hardwareSimpleDescription() {
+    const auto description = hardwareDescription();
+    if (!description) return std::nullopt;
+    return simpleDescription(*description);
+}
+
+float RVL_DeviceUtil::hardwareNumber() {
+    float number = 0.0f;
+    if (const auto entry = entryForThisDevice()) {
+        const auto version = entry->find("version");
+        if (version != entry->end()) number = floatValue(*version);
+    }
+    if (number == 0.0f) {
+        logMessage(hardwareString());
+        return 200.0f;
+    }
+    return number;
+}
+
+void RVL_DeviceUtil::logMessage(const std::string& hardwareString) {
+    Console::log("This is a device which is not listed in this category. "
+                 "Please report it, with the line below, to the maintainers of the SDK's device list.");
+    Console::log("Your device hardware string is: " + hardwareString);
+}
+
+}  // namespace rovalis

@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "support/TestSupport.h"
+#include "util/DeviceUtil.h"
+
+namespace rovalis {
+namespace {
+
+const std::string kUnlistedLine = "This is a device which is not listed in this category. "
+                                  "Please report it, with the line below, to the maintainers of the SDK's device list.";
+
+// Points the device list at a temporary resource directory for one test.
+class DeviceListTest : public ::testing::Test {
+protected:
+    ~DeviceListTest() override { RVL_DeviceUtil::setResourceDirectory({}); }
+
+    void writeList(const std::string& json, const std::string& subdirectory = "") {
+        const auto directory = subdirectory.empty() ? temp_.path() : temp_.path() / subdirectory;
+        std::filesystem::create_directories(directory);
+        std::ofstream(directory / "DeviceList.json") << json;
+        RVL_DeviceUtil::setResourceDirectory(temp_.path());
+    }
+
+    // A list whose entry for this machine is `entry`.
+    void writeEntryForThisMachine(const std::string& entry) {
+        writeList("{\"" + RVL_DeviceUtil::hardwareString() + "\": " + entry + "}");
+    }
+
+    test::TempDir temp_;
+};
+
+TEST_F(DeviceListTest, ListedDeviceGivesNameSimpleNameAndNumberQuietly) {
+    writeEntryForThisMachine(R"j({"name": "Tablet Air (Wi-Fi)", "version": 11.25})j");
+    test::ConsoleCapture console;
+
+    EXPECT_EQ(RVL_DeviceUtil::hardwareDescription(), "Tablet Air (Wi-Fi)");
+    EXPECT_EQ(RVL_DeviceUtil::hardwareSimpleDescription(), "Tablet Air ");
+    EXPECT_FLOAT_EQ(RVL_DeviceUtil::hardwareNumber(), 11.25f);
+    EXPECT_TRUE(console.lines().empty());
+}
+
+TEST_F(DeviceListTest, UnlistedDeviceFailsSoftlyWithTwoLinesPerCall) {
+    writeList(R"j({"some-other-machine": {"name": "Other", "version": 3}})j");
+    test::ConsoleCapture console;
+
+    EXPECT_EQ(RVL_DeviceUtil::hardwareDescription(), std::nullopt);
+    EXPECT_EQ(RVL_DeviceUtil::hardwareSimpleDescription(), std::nullopt);
+    EXPECT_FLOAT_EQ(RVL_DeviceUtil::hardwareNumber(), 200.0f);
+
+    const std::vector<std::string> pair = {kUnlistedLine,
+                                           "Your device hardware string is: " + RVL_DeviceUtil::hardwareString()};
+    std::vector<std::string> expected;
+    for (int call = 0; call < 3; ++call) expected.insert(expected.end(), pair.begin(), pair.end());
+    EXPECT_EQ(console.lines(), expected);
+}
+
+TEST_F(DeviceListTest, MissingNameOrZeroVersionCountAsUnlisted) {
+    writeEntryForThisMachine(R"j({"version": 0})j");
+    test::ConsoleCapture console;
+    EXPECT_EQ(RVL_DeviceUtil::hardwareDescription(), std::nullopt);
+    EXPECT_FLOAT_EQ(RVL_DeviceUtil::hardwareNumber(), 200.0f);
+    EXPECT_EQ(console.lines().size(), 4u);
+}
+
+TEST_F(DeviceListTest, MissingOrGarbageListFailsSoftly) {
+    RVL_DeviceUtil::setResourceDirectory(temp_.path() / "nowhere");
+    EXPECT_EQ(RVL_DeviceUtil::getDeviceList(), std::nullopt);
+    EXPECT_FLOAT_EQ(RVL_DeviceUtil::hardwareNumber(), 200.0f);
+
+    for (const char* garbage : {"{\"x86_64\": {\"name\": ", "[1, 2, 3]", "\xff\xfe"}) {
+        writeList(garbage);
+        EXPECT_EQ(RVL_DeviceUtil::getDeviceList(), std::nullopt) << garbage;
+        EXPECT_EQ(RVL_DeviceUtil::hardwareDescription(), std::nullopt) << garbage;
+    }
+}
+
+TEST_F(DeviceListTest, OwnFolderIsPreferredOverTheResourceDirectory) {
+    writeList(R"j({"a": {"name": "from the resource directory", "version": 1}})j");
+    writeList(R"({"a": {"name": "from its own folder", "version": 1}})", "DeviceUtil");
+    EXPECT_EQ(RVL_DeviceUtil::getDeviceList()->at("a").at("name"), "from its own folder");
+}
+
+TEST(DeviceUtil, SimpleDescriptionDropsSuffixesButKeepsGenerations) {
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (3 Gen)"), "Tablet (3 Gen)");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (12 gen)"), "Tablet (12 gen)");  // case-insensitive
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (2nd Gen)"), "Tablet ");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (3Gen)"), "Tablet ");
+    // Greedy: from the first removable parenthesis to the last closing one.
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Phone (GSM) Plus (CDMA)"), "Phone ");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Phone (unclosed"), "Phone (unclosed");
+}
+
+TEST(DeviceUtil, ShippedListIsWellFormedAndMachineIsKnown) {
+    EXPECT_FALSE(RVL_DeviceUtil::hardwareString().empty());
+    const auto list = RVL_DeviceUtil::getDeviceList();
+    ASSERT_TRUE(list.has_value());
+    ASSERT_FALSE(list->empty());
+    for (const auto& [machine, entry] : list->items()) {
+        EXPECT_TRUE(entry.at("name").is_string()) << machine;
+        EXPECT_GT(entry.at("version").get<float>(), 0.0f) << machine;
+    }
+}
+
+}  // namespace
+}  // namespace rovalis
