@@ -5,9 +5,8 @@
 
 namespace rovalis {
 
-// The real Linux bundle: the system clock, a main run loop on a thread of its own, and the
-// key-value state in <root>/Preferences.sqlite. The keychain member is not filled in yet:
-// the file keychain under <root>/Keychain joins the bundle here once it exists.
+// The real Linux bundle: the system clock, a main run loop on a thread of its own, the
+// key-value state in <root>/Preferences.sqlite and the keychain in <root>/Keychain.
 Platform makeLinuxPlatform(const DataRoot& root);
 
 }  // namespace rovalis
