@@ -2,10 +2,10 @@
 
 #include <sys/utsname.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
-#include <regex>
 
 #include "rovalis/Console.h"
 
@@ -82,10 +82,36 @@ std::optional<std::string> RVL_DeviceUtil::hardwareDescription() {
 }
 
 std::string RVL_DeviceUtil::simpleDescription(const std::string& description) {
-    // From an opening parenthesis that does not start a generation such as "(3 Gen)",
-    // greedily to the last closing parenthesis.
-    static const std::regex suffix(R"(\((?![0-9]+ Gen).*\))", std::regex::ECMAScript | std::regex::icase);
-    return std::regex_replace(description, suffix, "");
+    // Removes every match of the expression \((?![0-9]+ Gen).*\) (case-insensitive): from an
+    // opening parenthesis that does not start a generation such as "(3 Gen)", greedily to
+    // the last closing parenthesis on the same line. Written out by hand: it is one small
+    // pattern, and a regular-expression engine costs more to build than it saves.
+    const auto isLineEnd = [](char c) { return c == '\n' || c == '\r'; };
+    const auto startsGeneration = [&](std::size_t open) {
+        std::size_t at = open + 1;
+        while (at < description.size() && std::isdigit(static_cast<unsigned char>(description[at]))) ++at;
+        if (at == open + 1 || description.compare(at, 1, " ") != 0) return false;
+        if (description.size() < at + 4) return false;
+        return std::tolower(static_cast<unsigned char>(description[at + 1])) == 'g' &&
+               std::tolower(static_cast<unsigned char>(description[at + 2])) == 'e' &&
+               std::tolower(static_cast<unsigned char>(description[at + 3])) == 'n';
+    };
+
+    std::string result;
+    std::size_t at = 0;
+    while (at < description.size()) {
+        if (description[at] == '(' && !startsGeneration(at)) {
+            std::size_t lineEnd = at;
+            while (lineEnd < description.size() && !isLineEnd(description[lineEnd])) ++lineEnd;
+            const std::size_t close = description.rfind(')', lineEnd - 1);
+            if (close != std::string::npos && close > at) {
+                at = close + 1;
+                continue;
+            }
+        }
+        result += description[at++];
+    }
+    return result;
 }
 
 std::optional<std::string> RVL_DeviceUtil::hardwareSimpleDescription() {

@@ -83,6 +83,8 @@ TEST_F(DeviceListTest, OwnFolderIsPreferredOverTheResourceDirectory) {
 }
 
 TEST(DeviceUtil, SimpleDescriptionDropsSuffixesButKeepsGenerations) {
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet Air (Wi-Fi)"), "Tablet Air ");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("(Wi-Fi) (3 Gen)"), "");
     EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (3 Gen)"), "Tablet (3 Gen)");
     EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (12 gen)"), "Tablet (12 gen)");  // case-insensitive
     EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Tablet (2nd Gen)"), "Tablet ");
@@ -90,6 +92,9 @@ TEST(DeviceUtil, SimpleDescriptionDropsSuffixesButKeepsGenerations) {
     // Greedy: from the first removable parenthesis to the last closing one.
     EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Phone (GSM) Plus (CDMA)"), "Phone ");
     EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Phone (unclosed"), "Phone (unclosed");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("Phone (3 Gen) (GSM)"), "Phone (3 Gen) ");
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("A (x)\nB (y)"), "A \nB ");  // one line at a time
+    EXPECT_EQ(RVL_DeviceUtil::simpleDescription("A (x\ny)"), "A (x\ny)");
 }
 
 TEST(DeviceUtil, ShippedListIsWellFormedAndMachineIsKnown) {
