@@ -3,6 +3,8 @@
 //   BM_StoreInsert/N          typed Waypoint inserts by N producers until committed
 //   BM_RawInsert              the same payloads, 300 rows per transaction, bare SQLite
 //   BM_StoreAcceleration      acceleration samples through the buffer (300 a group)
+//   BM_StoreFetchDocumentGzip fetch the oldest 20000 + batch document + gzip
+//   BM_RawFetchConcatDeflate  the same rows by bare SQLite, concatenated, zlib deflate
 //   BM_StoreDeleteByPayload   deleteEventsWithPayload of 20000 fetched rows
 //   BM_RawDeleteByIds         one DELETE ... WHERE id IN (...) of 20000 ids
 //   BM_StoreBytesPerEvent     file size per stored Waypoint after a truncating checkpoint
@@ -10,6 +12,7 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <zlib.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -17,10 +20,12 @@
 #include <thread>
 #include <vector>
 
+#include "events/EventBatchGenerator.h"
 #include "events/EventEncoder.h"
 #include "events/EventRepository.h"
 #include "events/SqliteDatabase.h"
 #include "rovalis/Console.h"
+#include "upload/Gzip.h"
 
 namespace {
 
@@ -153,6 +158,68 @@ void BM_StoreAcceleration(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * insertsPerIteration);
 }
 BENCHMARK(BM_StoreAcceleration)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+
+// ---- (c) fetch + document + gzip ----
+
+constexpr int fetchBatch = 20000;
+
+void BM_StoreFetchDocumentGzip(benchmark::State& state) {
+    ScratchDir dir;
+    EventRepository store(dir / "events.sqlite");
+    for (int i = 0; i < fetchBatch; ++i) insertWaypoint(store, i);
+    EventBatchGenerator generator;
+    std::size_t compressed = 0;
+    for (auto _ : state) {
+        const auto events = store.fetchEventsPayloadTo(std::nullopt, fetchBatch);
+        const auto document = generator.generateEventBatchFrom(events, "9B4E3C2A-5D6F-4A1B-8C7D-0E9F8A7B6C5D", 42);
+        const auto gzipped = dataByGZipCompressingWithError(document, nullptr);
+        if (events.size() != fetchBatch || !gzipped) state.SkipWithError("fetch or gzip failed");
+        compressed = gzipped ? gzipped->size() : 0;
+    }
+    state.counters["gzip_bytes"] = static_cast<double>(compressed);
+    state.SetItemsProcessed(state.iterations() * fetchBatch);
+}
+BENCHMARK(BM_StoreFetchDocumentGzip)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+
+void BM_RawFetchConcatDeflate(benchmark::State& state) {
+    ScratchDir dir;
+    RawStore raw(dir / "raw.sqlite");
+    raw.insertAll(encodedWaypoints(fetchBatch), 0);
+    sqlite3_stmt* select = nullptr;
+    sqlite3_prepare_v2(raw.db, "SELECT payload FROM EventEntity ORDER BY tracked_at_ms, id LIMIT ?1", -1, &select,
+                       nullptr);
+    std::size_t compressed = 0;
+    for (auto _ : state) {
+        std::string document = "[";
+        sqlite3_bind_int(select, 1, fetchBatch);
+        int rows = 0;
+        while (sqlite3_step(select) == SQLITE_ROW) {
+            if (rows++) document += ',';
+            document.append(static_cast<const char*>(sqlite3_column_blob(select, 0)),
+                            static_cast<std::size_t>(sqlite3_column_bytes(select, 0)));
+        }
+        sqlite3_reset(select);
+        document += ']';
+
+        z_stream stream{};
+        deflateInit2(&stream, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+        std::string out(deflateBound(&stream, document.size()), '\0');
+        stream.next_in = reinterpret_cast<Bytef*>(document.data());
+        stream.avail_in = static_cast<uInt>(document.size());
+        stream.next_out = reinterpret_cast<Bytef*>(out.data());
+        stream.avail_out = static_cast<uInt>(out.size());
+        const int status = deflate(&stream, Z_FINISH);
+        out.resize(stream.total_out);
+        deflateEnd(&stream);
+        if (rows != fetchBatch || status != Z_STREAM_END) state.SkipWithError("fetch or deflate failed");
+        compressed = out.size();
+        benchmark::DoNotOptimize(out.data());
+    }
+    sqlite3_finalize(select);
+    state.counters["gzip_bytes"] = static_cast<double>(compressed);
+    state.SetItemsProcessed(state.iterations() * fetchBatch);
+}
+BENCHMARK(BM_RawFetchConcatDeflate)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 
 // ---- (d) deletes ----
 
