@@ -27,6 +27,11 @@ private:
     std::filesystem::path path_;
 };
 
+// The permission bits of a file or directory (a failed stat is reported and gives 0).
+unsigned fileMode(const std::filesystem::path& path);
+std::string readFile(const std::filesystem::path& path);
+void writeFile(const std::filesystem::path& path, const std::string& bytes);
+
 // Collects the console's lines while it lives, and restores the previous sink after.
 class ConsoleCapture {
 public:

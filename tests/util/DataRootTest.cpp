@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <optional>
 
 #include "support/TestSupport.h"
@@ -13,12 +12,7 @@ namespace rovalis {
 namespace {
 
 namespace fs = std::filesystem;
-
-unsigned modeOf(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
+using test::fileMode;
 
 // Sets an environment variable for one test and puts the old value back.
 class ScopedEnv {
@@ -44,37 +38,34 @@ TEST(DataRoot, CreatesPrivateDirectoriesAndTightensExistingOnes) {
 
     DataRoot root(existing / "nested" / "root");
     ASSERT_TRUE(root.isUsable());
-    EXPECT_EQ(modeOf(existing), 0755u);  // an ancestor that was there is left alone
-    EXPECT_EQ(modeOf(existing / "nested"), 0700u);
-    EXPECT_EQ(modeOf(root.root()), 0700u);
+    EXPECT_EQ(fileMode(existing), 0755u);  // an ancestor that was there is left alone
+    EXPECT_EQ(fileMode(existing / "nested"), 0700u);
+    EXPECT_EQ(fileMode(root.root()), 0700u);
 
     EXPECT_EQ(root.documents(), root.root() / "Documents");
-    EXPECT_EQ(modeOf(root.documents()), 0700u);
     ::chmod(root.documents().c_str(), 0777);
     root.documents();
-    EXPECT_EQ(modeOf(root.root() / "Documents"), 0700u);
-    EXPECT_EQ(modeOf(root.privateDirectory("Keychain")), 0700u);
+    EXPECT_EQ(fileMode(root.root() / "Documents"), 0700u);
+    EXPECT_EQ(fileMode(root.privateDirectory("Keychain")), 0700u);
 }
 
 TEST(DataRoot, PrivateFilesAreCreatedOrTightenedWithoutLosingContents) {
     test::TempDir temp;
     const fs::path file = temp / "state";
     ASSERT_TRUE(ensurePrivateFile(file));
-    EXPECT_EQ(modeOf(file), 0600u);
+    EXPECT_EQ(fileMode(file), 0600u);
 
-    { std::ofstream(file) << "kept"; }
+    test::writeFile(file, "kept");
     ::chmod(file.c_str(), 0644);
     ASSERT_TRUE(ensurePrivateFile(file));
-    EXPECT_EQ(modeOf(file), 0600u);
-    std::string text;
-    std::ifstream(file) >> text;
-    EXPECT_EQ(text, "kept");
+    EXPECT_EQ(fileMode(file), 0600u);
+    EXPECT_EQ(test::readFile(file), "kept");
 }
 
 TEST(DataRoot, AFileInThePlaceOfTheRootIsReportedNotFatal) {
     test::TempDir temp;
     test::ConsoleCapture console;
-    { std::ofstream(temp / "occupied") << "x"; }
+    test::writeFile(temp / "occupied", "x");
     DataRoot root(temp / "occupied");
     EXPECT_FALSE(root.isUsable());
     EXPECT_FALSE(console.lines().empty());

@@ -77,11 +77,9 @@ TEST(HostInfo, OnlyABooleanTrueSwitchesASettingOn) {
                    {"NUMBER", std::int64_t{1}},
                    {"REAL", 1.0}}};
     EXPECT_TRUE(host.isSwitchOn("RV_SDK_BEACON_TRACKING_ENABLED"));
-    EXPECT_FALSE(host.isSwitchOn("OFF"));
-    EXPECT_FALSE(host.isSwitchOn("TEXT"));
-    EXPECT_FALSE(host.isSwitchOn("NUMBER"));
-    EXPECT_FALSE(host.isSwitchOn("REAL"));
-    EXPECT_FALSE(host.isSwitchOn("RV_SDK_EDDYSTONE_TRACKING_ENABLED"));
+    for (const char* key : {"OFF", "TEXT", "NUMBER", "REAL", "RV_SDK_EDDYSTONE_TRACKING_ENABLED"}) {
+        EXPECT_FALSE(host.isSwitchOn(key)) << key;
+    }
 
     // Literals land on the intended alternatives.
     EXPECT_TRUE(std::holds_alternative<std::string>(host.info.at("TEXT")));

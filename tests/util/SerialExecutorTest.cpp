@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <vector>
 
 #include "util/SerialExecutor.h"
-#include "util/WorkTracker.h"
 
 namespace rovalis {
 namespace {
@@ -31,20 +29,6 @@ TEST(SerialExecutor, SyncWaitsAndMayBeCalledFromItsOwnQueue) {
     });
     EXPECT_EQ(seen, 2);
     EXPECT_FALSE(executor.isCurrent());
-}
-
-TEST(SerialExecutor, WorkTrackerSeesQueuedWorkUntilItHasRun) {
-    auto tracker = std::make_shared<WorkTracker>();
-    SerialExecutor executor("test.tracked", tracker);
-    std::atomic<bool> release{false};
-    executor.async([&] {
-        while (!release) std::this_thread::yield();
-    });
-    executor.async([] {});
-    EXPECT_GE(tracker->outstanding(), 1u);
-    release = true;
-    tracker->waitUntilIdle();
-    EXPECT_TRUE(tracker->isIdle());
 }
 
 }  // namespace
