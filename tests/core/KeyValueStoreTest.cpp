@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <cmath>
-#include <fstream>
 #include <thread>
 
 #include "platform/linux/SqliteKeyValueStore.h"
@@ -41,23 +39,12 @@ TYPED_TEST_SUITE(KeyValueStoreContract, Stores);
 
 TYPED_TEST(KeyValueStoreContract, KeepsEveryTypeDistinct) {
     auto store = this->make();
-    store->setObject(Date{1700000000.5}, "date");
-    store->setObject(std::int64_t{-9007199254740993}, "integer");
-    store->setObject(1700000000.5, "real");
-    store->setObject(true, "bool");
-    store->setObject(std::string("abc"), "text");
-    store->setObject(Bytes{'a', 'b', 'c'}, "bytes");
-    store->setObject(Bytes{}, "empty bytes");
-    store->setObject(std::string(), "empty text");
-
-    EXPECT_EQ(store->object("date"), KeyValue(Date{1700000000.5}));
-    EXPECT_EQ(store->object("integer"), KeyValue(std::int64_t{-9007199254740993}));
-    EXPECT_EQ(store->object("real"), KeyValue(1700000000.5));
-    EXPECT_EQ(store->object("bool"), KeyValue(true));
-    EXPECT_EQ(store->object("text"), KeyValue(std::string("abc")));
-    EXPECT_EQ(store->object("bytes"), KeyValue(Bytes{'a', 'b', 'c'}));
-    EXPECT_EQ(store->object("empty bytes"), KeyValue(Bytes{}));
-    EXPECT_EQ(store->object("empty text"), KeyValue(std::string()));
+    const std::vector<std::pair<std::string, KeyValue>> values = {
+        {"date", Date{1700000000.5}}, {"integer", std::int64_t{-9007199254740993}}, {"real", 1700000000.5},
+        {"bool", true}, {"text", std::string("abc")}, {"bytes", Bytes{'a', 'b', 'c'}}, {"empty bytes", Bytes{}},
+        {"empty text", std::string()}};
+    for (const auto& [key, value] : values) store->setObject(value, key);
+    for (const auto& [key, value] : values) EXPECT_EQ(store->object(key), value) << key;
     EXPECT_FALSE(store->object("missing").has_value());
 
     store->setObject(std::int64_t{1}, "bool");  // a new type replaces the old one
@@ -67,9 +54,12 @@ TYPED_TEST(KeyValueStoreContract, KeepsEveryTypeDistinct) {
     EXPECT_FALSE(store->object("bool").has_value());
 }
 
-TEST(SqliteKeyValueStore, ValuesSurviveReopeningAndTheFileIsPrivate) {
+struct SqliteKeyValueStoreFile : ::testing::Test {
     test::TempDir temp;
     const fs::path file = temp / "Preferences.sqlite";
+};
+
+TEST_F(SqliteKeyValueStoreFile, ValuesSurviveReopeningAndTheFileIsPrivate) {
     {
         SqliteKeyValueStore store(file);
         EXPECT_TRUE(store.isPersistent());
@@ -79,9 +69,7 @@ TEST(SqliteKeyValueStore, ValuesSurviveReopeningAndTheFileIsPrivate) {
         store.setObject(std::string("gone"), "removed");
         store.removeObject("removed");
     }
-    struct stat status {};
-    ASSERT_EQ(::stat(file.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::fileMode(file), 0600u);
 
     SqliteKeyValueStore reopened(file);
     EXPECT_EQ(reopened.object("past"), KeyValue(Date{-62135769600.0}));
@@ -92,12 +80,10 @@ TEST(SqliteKeyValueStore, ValuesSurviveReopeningAndTheFileIsPrivate) {
     EXPECT_TRUE(std::isnan(std::get<double>(*nan)));
 }
 
-TEST(SqliteKeyValueStore, AFileThatIsNotADatabaseIsSetAsideAndTheStoreStartsEmpty) {
-    test::TempDir temp;
+TEST_F(SqliteKeyValueStoreFile, AFileThatIsNotADatabaseIsSetAsideAndTheStoreStartsEmpty) {
     test::ConsoleCapture console;
-    const fs::path file = temp / "Preferences.sqlite";
     const std::string garbage(4096, 'x');
-    { std::ofstream(file) << garbage; }
+    test::writeFile(file, garbage);
 
     {
         SqliteKeyValueStore store(file);
@@ -107,14 +93,11 @@ TEST(SqliteKeyValueStore, AFileThatIsNotADatabaseIsSetAsideAndTheStoreStartsEmpt
     }
     ASSERT_EQ(console.lines().size(), 1u);
     EXPECT_NE(console.lines()[0].find("could not be read"), std::string::npos) << console.lines()[0];
-    std::string aside;
-    std::getline(std::ifstream(temp / "Preferences.sqlite.corrupt"), aside);
-    EXPECT_EQ(aside, garbage);
+    EXPECT_EQ(test::readFile(temp / "Preferences.sqlite.corrupt"), garbage);
     EXPECT_EQ(SqliteKeyValueStore(file).object("fresh"), KeyValue(std::int64_t{5}));
 }
 
-TEST(SqliteKeyValueStore, AnUnusablePathFallsBackToMemory) {
-    test::TempDir temp;
+TEST_F(SqliteKeyValueStoreFile, AnUnusablePathFallsBackToMemory) {
     test::ConsoleCapture console;
     fs::create_directory(temp / "directory");
     SqliteKeyValueStore store(temp / "directory");
@@ -124,9 +107,7 @@ TEST(SqliteKeyValueStore, AnUnusablePathFallsBackToMemory) {
     EXPECT_FALSE(console.lines().empty());
 }
 
-TEST(SqliteKeyValueStore, UnknownKindsAndMismatchedValuesReadAsAbsent) {
-    test::TempDir temp;
-    const fs::path file = temp / "Preferences.sqlite";
+TEST_F(SqliteKeyValueStoreFile, UnknownKindsAndMismatchedValuesReadAsAbsent) {
     { SqliteKeyValueStore store(file); }
     runSql(file,
            "INSERT INTO defaults VALUES ('future', 99, 1);"
@@ -134,15 +115,12 @@ TEST(SqliteKeyValueStore, UnknownKindsAndMismatchedValuesReadAsAbsent) {
            "INSERT INTO defaults VALUES ('bytes as text', 6, 'abc');"
            "INSERT INTO defaults VALUES ('text', 5, 'fine');");
     SqliteKeyValueStore store(file);
-    EXPECT_FALSE(store.object("future").has_value());
-    EXPECT_FALSE(store.object("integer as text").has_value());
-    EXPECT_FALSE(store.object("bytes as text").has_value());
+    for (const char* key : {"future", "integer as text", "bytes as text"}) EXPECT_FALSE(store.object(key)) << key;
     EXPECT_EQ(store.object("text"), KeyValue(std::string("fine")));
 }
 
-TEST(SqliteKeyValueStore, ConcurrentWritersOfDifferentKeysAllLand) {
-    test::TempDir temp;
-    SqliteKeyValueStore store(temp / "Preferences.sqlite");
+TEST_F(SqliteKeyValueStoreFile, ConcurrentWritersOfDifferentKeysAllLand) {
+    SqliteKeyValueStore store(file);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&store, t] {
@@ -153,18 +131,14 @@ TEST(SqliteKeyValueStore, ConcurrentWritersOfDifferentKeysAllLand) {
     for (int t = 0; t < 4; ++t) EXPECT_EQ(store.object("k" + std::to_string(t)), KeyValue(std::int64_t{24}));
 }
 
-TEST(ForwardingKeyValueStore, AFaultDoubleOverridesOneMember) {
-    struct DroppingWrites : ForwardingKeyValueStore {
-        using ForwardingKeyValueStore::ForwardingKeyValueStore;
-        void setObject(const Value&, const std::string&) override {}
-    };
-    auto inner = std::make_shared<InMemoryKeyValueStore>();
-    inner->setObject(true, "kept");
-    DroppingWrites store(inner);
-    store.setObject(false, "kept");
+TEST(ForwardingKeyValueStore, PassesEveryCallToItsTarget) {
+    auto target = std::make_shared<InMemoryKeyValueStore>();
+    ForwardingKeyValueStore store(target);
+    store.setObject(true, "kept");
+    EXPECT_EQ(target->object("kept"), KeyValue(true));
     EXPECT_EQ(store.object("kept"), KeyValue(true));
     store.removeObject("kept");
-    EXPECT_FALSE(inner->object("kept").has_value());
+    EXPECT_FALSE(target->object("kept").has_value());
 }
 
 }  // namespace

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <atomic>
 #include <future>
 
 #include "platform/linux/LinuxPlatform.h"
@@ -41,9 +38,7 @@ TEST(LinuxPlatform, KeepsItsStateUnderTheDataRootAndRunsTheMainLoop) {
         ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
         EXPECT_TRUE(result.get());
     }
-    struct stat status {};
-    ASSERT_EQ(::stat((root.root() / "Preferences.sqlite").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_EQ(test::fileMode(root.root() / "Preferences.sqlite"), 0600u);
     EXPECT_EQ(makeLinuxPlatform(root).keyValueStore->object("key"), KeyValue(std::string("kept")));
 }
 
