@@ -27,36 +27,26 @@ std::vector<int> range(int from, int to) {
     return values;
 }
 
-TEST(EventBuffer, FullBufferHandsOverExactlyItsCapacityAndStartsANewGroup) {
+TEST(EventBuffer, FullBufferHandsOverItsCapacityAndAFlushWhatIsCollectedEvenWhenEmpty) {
     Groups groups;
     EventBuffer<int> buffer(300);
+    buffer.flush(groups.handOver());
     for (int i = 0; i < 299; ++i) buffer.append(i, groups.handOver());
     buffer.waitUntilDrained();
-    EXPECT_TRUE(groups.groups.empty());
+    ASSERT_EQ(groups.groups.size(), 1u);
+    EXPECT_TRUE(groups.groups[0].empty());
 
     buffer.append(299, groups.handOver());
     buffer.append(300, groups.handOver());
     buffer.waitUntilDrained();
-    ASSERT_EQ(groups.groups.size(), 1u);
-    EXPECT_EQ(groups.groups[0], range(0, 300));
+    ASSERT_EQ(groups.groups.size(), 2u);
+    EXPECT_EQ(groups.groups[1], range(0, 300));
 
     // The 301st record started the next group, which a flush hands over.
     buffer.flush(groups.handOver());
     buffer.waitUntilDrained();
-    ASSERT_EQ(groups.groups.size(), 2u);
-    EXPECT_EQ(groups.groups[1], std::vector<int>{300});
-}
-
-TEST(EventBuffer, FlushHandsOverWhatIsCollectedInArrivalOrderEvenWhenEmpty) {
-    Groups groups;
-    EventBuffer<int> buffer(300);
-    buffer.flush(groups.handOver());
-    for (int i = 0; i < 10; ++i) buffer.append(i, groups.handOver());
-    buffer.flush(groups.handOver());
-    buffer.waitUntilDrained();
-    ASSERT_EQ(groups.groups.size(), 2u);
-    EXPECT_TRUE(groups.groups[0].empty());
-    EXPECT_EQ(groups.groups[1], range(0, 10));
+    ASSERT_EQ(groups.groups.size(), 3u);
+    EXPECT_EQ(groups.groups[2], std::vector<int>{300});
 }
 
 TEST(EventBufferDeathTest, CapacityMustBePositive) {

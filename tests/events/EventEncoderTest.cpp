@@ -16,8 +16,15 @@ const EventEncoder encoder;
 
 std::string json(const EventRecord& record) { return encoder.encode(record); }
 
+// The text of the value under key in an encoded record, up to `until`.
+std::string valueOf(const std::string& text, const std::string& key, const std::string& until = ",") {
+    const auto start = text.find("\"" + key + "\":") + key.size() + 3;
+    return text.substr(start, text.find(until, start) - start);
+}
+
+// Its UUID holds every hexadecimal digit.
 IBeacon beacon(Date when) {
-    return IBeacon(when, *Uuid::parse("e2c56db5-dffb-48d2-b060-d0f5a71096e0"), 1, 2, -60);
+    return IBeacon(when, *Uuid::parse("e2c56db5-dffb-48d2-b060-d0f5a71096e3"), 1, 2, -60);
 }
 
 // ---- Every record kind, byte for byte ----
@@ -46,8 +53,6 @@ TEST(EventEncoder, LocationBearingRecords) {
 TEST(EventEncoder, StateAndDeviceRecords) {
     EXPECT_EQ(json(Battery(t, true, 0.8f)),
               R"({"battery_status":0.8,"is_charging":true,"tracked_at_ms":1700000000000,"type":"Battery"})");
-    EXPECT_EQ(json(Battery(t, false, 1.0f)),
-              R"({"battery_status":1,"is_charging":false,"tracked_at_ms":1700000000000,"type":"Battery"})");
     EXPECT_EQ(json(SDKSettings(t, false)),
               R"({"tracked_at_ms":1700000000000,"type":"SDKSettings","wifi_only_data_transfer":false})");
     EXPECT_EQ(json(DeviceSettings(t, true, false)),
@@ -76,42 +81,29 @@ TEST(EventEncoder, SensorRecords) {
     EXPECT_EQ(json(IOSActivity(t, IOSActivity::Confidence::low, {})),
               R"({"activities":[],"confidence":0,"tracked_at_ms":1700000000000,"type":"IOSActivity"})");
     const std::string iBeacon = R"({"major":1,"minor":2,"protocol":"IBeacon","rssi":-60,"tracked_at_ms":1000,)"
-                                R"("uuid":"E2C56DB5-DFFB-48D2-B060-D0F5A71096E0"})";
+                                R"("uuid":"E2C56DB5-DFFB-48D2-B060-D0F5A71096E3"})";
     const std::string eddystone = R"({"eid":"a\/b","protocol":"Eddystone","rssi":-70,"tracked_at_ms":2000})";
     EXPECT_EQ(json(beacon(Date{1.0})), iBeacon);
     EXPECT_EQ(json(Eddystone(Date{2.0}, "a/b", -70)), eddystone);
     EXPECT_EQ(json(BeaconScan(t, {beacon(Date{1.0}), Eddystone(Date{2.0}, "a/b", -70)})),
               R"({"beacons":[)" + iBeacon + "," + eddystone +
                   R"(],"tracked_at_ms":1700000000000,"type":"BeaconScan"})");
-    const Uuid random = Uuid::random();
-    EXPECT_NE(json(IBeacon(t, random, 0, 0, 0)).find("\"uuid\":\"" + random.uuidString() + "\""), std::string::npos);
 }
 
 // ---- Numbers ----
 
 TEST(EventEncoder, TimeIsWholeMillisecondsRoundedHalfAwayFromZero) {
-    auto time = [](double seconds) {
-        const std::string text = json(SDKSettings(Date{seconds}, true));
-        const auto start = text.find(':') + 1;
-        return text.substr(start, text.find(',') - start);
-    };
-    EXPECT_EQ(time(1700000000.25), "1700000000250");
+    auto time = [](double seconds) { return valueOf(json(SDKSettings(Date{seconds}, true)), "tracked_at_ms"); };
     EXPECT_EQ(time(1700000000.0625), "1700000000063");  // exactly .5 ms
     EXPECT_EQ(time(-1700000000.0625), "-1700000000063");
     EXPECT_EQ(time(0.0005), "1");
     EXPECT_EQ(time(-0.0001), "0");
     EXPECT_EQ(time(1700000000.1234), "1700000000123");
-    EXPECT_EQ(time(Date::distantPast().secondsSince1970), "-62135769600000");
-    EXPECT_EQ(time(Date::distantFuture().secondsSince1970), "64092211200000");
     EXPECT_EQ(time(1e300), "1e+303");
 }
 
 TEST(EventEncoder, DoublesAreShortestRoundTripText) {
-    auto longitude = [](double value) {
-        const std::string text = json(SignificantLocation(t, 0, value, 0));
-        const auto start = text.find("\"longitude\":") + 12;
-        return text.substr(start, text.find(',', start) - start);
-    };
+    auto longitude = [](double value) { return valueOf(json(SignificantLocation(t, 0, value, 0)), "longitude"); };
     EXPECT_EQ(longitude(0.1 + 0.2), "0.30000000000000004");
     EXPECT_EQ(longitude(1e-7), "1e-07");
     EXPECT_EQ(longitude(-0.0), "-0");
@@ -119,18 +111,12 @@ TEST(EventEncoder, DoublesAreShortestRoundTripText) {
 }
 
 TEST(EventEncoder, DecimalsKeepExactlyTheirDigits) {
-    auto magnitude = [](Decimal value) {
-        const std::string text = json(Acceleration(t, value));
-        return text.substr(13, text.find(',') - 13);
-    };
-    EXPECT_EQ(magnitude({123, 4}), "0.0123");
+    auto magnitude = [](Decimal value) { return valueOf(json(Acceleration(t, value)), "magnitude"); };
     EXPECT_EQ(magnitude({-5, 2}), "-0.05");
     EXPECT_EQ(magnitude({150, 2}), "1.5");
     EXPECT_EQ(magnitude({100, 2}), "1");
-    EXPECT_EQ(magnitude({7, 0}), "7");
     EXPECT_EQ(magnitude({-1200, 1}), "-120");
     EXPECT_EQ(magnitude({0, 3}), "0");
-    EXPECT_EQ(magnitude({12345, 2}), "123.45");
     EXPECT_EQ(magnitude({1, 20}), "0.00000000000000000001");
     EXPECT_EQ(magnitude({std::numeric_limits<std::int64_t>::min(), 0}), "-9223372036854775808");
     EXPECT_EQ(magnitude({std::numeric_limits<std::int64_t>::max(), 18}), "9.223372036854775807");
@@ -141,7 +127,6 @@ TEST(EventEncoderDeathTest, ValuesWithoutJsonTextAreFatal) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     EXPECT_DEATH(json(Waypoint(t, 0, 0, nan, 0, 0, 0, "")), message);
     EXPECT_DEATH(json(Waypoint(t, 0, 0, 0, 0, std::numeric_limits<double>::infinity(), 0, "")), message);
-    EXPECT_DEATH(json(GeofenceCreate(t, RegionReason::exit, -nan, 0, 0, "")), message);
     EXPECT_DEATH(json(SDKSettings(Date{nan}, true)), message);
 }
 
@@ -149,9 +134,7 @@ TEST(EventEncoderDeathTest, ValuesWithoutJsonTextAreFatal) {
 
 TEST(EventEncoder, StringsAreEscapedLikeThePlatformEncoder) {
     auto reason = [](const std::string& text) {
-        const std::string out = json(ToggleStandby(t, false, text));
-        const std::string head = "{\"toggle_standby_reason\":";
-        return out.substr(head.size(), out.find(",\"toggle_standby_state\"") - head.size());
+        return valueOf(json(ToggleStandby(t, false, text)), "toggle_standby_reason", ",\"toggle_standby_state\"");
     };
     EXPECT_EQ(reason("a\"b\\c/d"), R"("a\"b\\c\/d")");
     EXPECT_EQ(reason("\b\f\n\r\t"), R"("\b\f\n\r\t")");
@@ -169,25 +152,16 @@ TEST(EventEncoder, StringsAreEscapedLikeThePlatformEncoder) {
     // reads back to the well-formed text.
     std::string bytes;
     for (int c = 0; c < 256; ++c) bytes.push_back(static_cast<char>(c));
-    const auto parsed = nlohmann::json::parse(json(Debug(t, Debug::Topic::log, bytes)));
-    const std::string comment = parsed["comment"];
-    EXPECT_EQ(comment.substr(0, 128), bytes.substr(0, 128));
-    EXPECT_EQ(comment.substr(128), [&] {
-        std::string replaced;
-        for (int i = 128; i < 256; ++i) replaced += fffd;
-        return replaced;
-    }());
+    const std::string comment = nlohmann::json::parse(json(Debug(t, Debug::Topic::log, bytes)))["comment"];
+    std::string expected = bytes.substr(0, 128);
+    for (int i = 128; i < 256; ++i) expected += fffd;
+    EXPECT_EQ(comment, expected);
 }
 
 // ---- Output ----
 
-TEST(EventEncoder, EqualRecordsGiveIdenticalBytesAppendedToTheCallersBuffer) {
-    Waypoint first(t, 1, 2, 3, 4, 5, 6, "regular");
-    Waypoint second(Date{0}, 0, 0, 0, 0, 0, 0, "");
-    second.provider = "regular", second.altitude = 6, second.accuracy = 5, second.bearing = 4;
-    second.speed = 3, second.longitude = 2, second.latitude = 1, second.trackedAtMs = t;
-    EXPECT_EQ(json(first), json(second));
-
+TEST(EventEncoder, OutputIsAppendedToTheCallersBuffer) {
+    const Waypoint first(t, 1, 2, 3, 4, 5, 6, "regular");
     std::string out = "[";
     encoder.encode(first, out);
     out += ',';
