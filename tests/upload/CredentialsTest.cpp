@@ -1,10 +1,8 @@
 #include "upload/CredentialsManager.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <cerrno>
-#include <fstream>
 #include <limits>
 
 #include "platform/linux/FileKeychain.h"
@@ -17,15 +15,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Bytes = std::vector<std::uint8_t>;
+using test::fileMode;
 using test::TempDir;
 
 Bytes bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
-
-unsigned mode(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
 
 // Records the items added and updated ("<service> <account> <accessibility>"), can
 // refuse one kind of call with a status, and can answer lookups without their data.
@@ -48,11 +41,11 @@ public:
     KeychainStatus remove(const KeychainQuery& query) override {
         return removeStatus ? *removeStatus : ForwardingKeychainStore::remove(query);
     }
-
     void record(const KeychainQuery& query, KeychainAccessibility accessibility) {
         const bool migrates = accessibility == KeychainAccessibility::afterFirstUnlock;
         written.push_back(query.service + " " + query.account + (migrates ? " migrates" : " stays"));
     }
+
     std::vector<std::string> written;
     std::optional<KeychainStatus> lookupStatus, addStatus, updateStatus, removeStatus;
     bool dropData = false;
@@ -89,7 +82,6 @@ TEST_F(CredentialsTest, DeviceAndBatchIdsAreMadeOnceAndSurviveARestart) {
     ASSERT_TRUE(Uuid::parse(deviceId));
     EXPECT_EQ(Uuid::parse(deviceId)->uuidString(), deviceId);
     EXPECT_NE(batchId, deviceId);
-    EXPECT_EQ(credentials.deviceId(), deviceId);
     EXPECT_EQ(stored("kRVLDeviceIDKey2"), deviceId);
     EXPECT_EQ(stored("kRVLBatchIdKey"), batchId);
 
@@ -150,12 +142,11 @@ TEST_F(CredentialsTest, ItemsCarryTheHostServiceAndOnlyTokenAndUserMayLeaveTheDe
     credentials.sequentialId();
     credentials.setAccessToken("token2");
 
-    EXPECT_EQ(keychain_->written, (std::vector<std::string>{"org.example.host kRVLUserTokenKey2 migrates",
-                                                             "org.example.host kRVLUserIDKey migrates",
-                                                             "org.example.host kRVLDeviceIDKey2 stays",
-                                                             "org.example.host kRVLBatchIdKey stays",
-                                                             "org.example.host kRVLSequentialIdKey stays",
-                                                             "org.example.host kRVLUserTokenKey2 migrates"}));
+    const std::string host = "org.example.host ";
+    EXPECT_EQ(keychain_->written,
+              (std::vector<std::string>{host + "kRVLUserTokenKey2 migrates", host + "kRVLUserIDKey migrates",
+                                        host + "kRVLDeviceIDKey2 stays", host + "kRVLBatchIdKey stays",
+                                        host + "kRVLSequentialIdKey stays", host + "kRVLUserTokenKey2 migrates"}));
 
     for (const auto& identifier : {std::optional<std::string>{}, std::optional<std::string>{""}}) {
         host_.identifier = identifier;
@@ -202,11 +193,8 @@ TEST_F(CredentialsDeathTest, TextThatIsNotUtf8StopsBothWays) {
 }
 
 TEST_F(CredentialsDeathTest, AnEmptyKeyAndAnOverflowingSequentialIdStop) {
-    struct EmptyKeyItem : KeychainItem {
-        std::string key() const override { return ""; }
-        std::string service() const override { return "rovalis"; }
-        KeychainAccessibility accessibility() const override { return KeychainAccessibility::afterFirstUnlock; }
-        KeychainItemClass itemClass() const override { return KeychainItemClass::genericPassword; }
+    struct EmptyKeyItem : GenericPasswordKeychainItem {
+        EmptyKeyItem() : GenericPasswordKeychainItem("", "rovalis", KeychainAccessibility::afterFirstUnlock) {}
     };
     auto credentials = restart();
     KeychainWrapper wrapper(keychain_, std::make_shared<EmptyKeyItem>());
@@ -227,11 +215,11 @@ TEST_F(CredentialsTest, FileKeychainKeepsPrivateFilesNamedWithoutTheirValues) {
         credentials.setAccessToken(token + "2");
         credentials.deviceId();
     }
-    EXPECT_EQ(mode(keychainDirectory()), 0700u);
+    EXPECT_EQ(fileMode(keychainDirectory()), 0700u);
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(keychainDirectory())) {
         names.push_back(entry.path().filename().string());
-        EXPECT_EQ(mode(entry.path()), 0600u);
+        EXPECT_EQ(fileMode(entry.path()), 0600u);
         EXPECT_EQ(names.back().find("tmp"), std::string::npos) << "left over: " << names.back();
         EXPECT_EQ(names.back().find("eyJ"), std::string::npos);
     }
@@ -258,7 +246,7 @@ TEST_F(CredentialsTest, FileKeychainReportsStatusesAndKeepsNamesInside) {
 
     // A directory that cannot exist reports the file system's error.
     test::ConsoleCapture console;
-    { std::ofstream(dir_ / "file") << "x"; }
+    test::writeFile(dir_ / "file", "x");
     FileKeychain broken(dir_ / "file" / "Keychain");
     const KeychainStatus status = broken.add(escaping, KeychainAccessibility::afterFirstUnlock, bytes("v"));
     EXPECT_EQ(status, ENOTDIR);
@@ -268,28 +256,21 @@ TEST_F(CredentialsTest, FileKeychainReportsStatusesAndKeepsNamesInside) {
 TEST_F(CredentialsTest, FileKeychainRemovesLeftoverTemporariesAndReplacesDamagedItems) {
     const KeychainQuery item{KeychainItemClass::genericPassword, "s", "a"};
     const fs::path file = keychainDirectory() / FileKeychain::itemFileName(item);
-    {
-        FileKeychain keychain(keychainDirectory());
-        std::ofstream(keychainDirectory() / (FileKeychain::itemFileName(item) + ".tmp.abc123")) << "secret";
-        std::ofstream(file) << "not an item";
-    }
+    FileKeychain{keychainDirectory()};  // makes the directory
+    test::writeFile(keychainDirectory() / (FileKeychain::itemFileName(item) + ".tmp.abc123"), "secret");
+    test::writeFile(file, "not an item");
     FileKeychain keychain(keychainDirectory());
     EXPECT_EQ(std::distance(fs::directory_iterator(keychainDirectory()), fs::directory_iterator()), 1);
     EXPECT_EQ(keychain.copyMatching(item, true).status, kKeychainItemNotFound);
     EXPECT_EQ(keychain.update(item, bytes("v"), KeychainAccessibility::afterFirstUnlock), kKeychainItemNotFound);
     EXPECT_EQ(keychain.add(item, KeychainAccessibility::afterFirstUnlock, bytes("v")), kKeychainSuccess);
     EXPECT_EQ(keychain.copyMatching(item, true).data, bytes("v"));
-    EXPECT_EQ(mode(file), 0600u);
+    EXPECT_EQ(fileMode(file), 0600u);
 }
 
 TEST(LinuxPlatformKeychain, KeepsItemsInTheKeychainDirectoryOfTheRoot) {
     TempDir dir;
-    std::string deviceId;
-    {
-        const Platform platform = makeLinuxPlatform(DataRoot(dir.path()));
-        ASSERT_NE(platform.keychain, nullptr);
-        deviceId = CredentialsManager(platform.keychain, HostInfo{}).deviceId();
-    }
+    const std::string deviceId = CredentialsManager(makeLinuxPlatform(DataRoot(dir.path())).keychain, {}).deviceId();
     EXPECT_EQ(CredentialsManager(std::make_shared<FileKeychain>(dir / "Keychain"), HostInfo{}).deviceId(), deviceId);
 }
 
