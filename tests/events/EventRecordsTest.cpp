@@ -96,8 +96,6 @@ TEST(EventRecordCodes, CodesSelectTheCaseAtTheirPosition) {
     for (long code = 0; code < 3; ++code) EXPECT_EQ(static_cast<long>(IOSActivity::confidenceFromCode(code)), code);
     EXPECT_EQ(rawText(RegionReason::enter), "ENTER");
     EXPECT_EQ(rawText(RegionReason::exit), "EXIT");
-    EXPECT_EQ(PreSleepReasonWrapper(PreSleep::Reason::noMovement).reasonString, "no movement");
-    EXPECT_EQ(PreWakeUpReasonWrapper(PreWakeUp::Reason::enteredGeofence).reasonString, "entered surrounding geofence");
 }
 
 TEST(EventRecordCodesDeathTest, CodesOutOfRangeAreFatal) {
@@ -109,16 +107,6 @@ TEST(EventRecordCodesDeathTest, CodesOutOfRangeAreFatal) {
     EXPECT_DEATH(Debug::topicFromCode(6), fatal("Invalid Debug.Topic code: 6"));
     EXPECT_DEATH(IOSActivity::confidenceFromCode(3), fatal("Invalid IOSActivity.Confidence code: 3"));
     EXPECT_DEATH(IOSActivity::activityFromCode(6), fatal("Invalid IOSActivity.Activity code: 6"));
-}
-
-TEST(EventRecordKinds, TypeAndTimeOfAnyRecord) {
-    const Date when{1699999999.5};
-    const EventRecord sighting = IBeacon(when, Uuid{}, 1, 2, -60);
-    EXPECT_EQ(typeOf(sighting), "IBeacon");
-    EXPECT_EQ(trackedAtOf(sighting), when);
-    const EventRecord scan = BeaconScan(when, {Eddystone(t, "e", -70)});
-    EXPECT_EQ(typeOf(scan), "BeaconScan");
-    EXPECT_EQ(trackedAtOf(scan), when);
 }
 
 }  // namespace
