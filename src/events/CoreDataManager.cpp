@@ -83,13 +83,16 @@ struct CoreDataManager::Statements {
 
 CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker)
     : path_(std::move(path)), background_(backgroundQueueLabel, std::move(tracker)) {
-    background_.sync([this] { load(); });
+    background_.sync([this] { load(/*reportFailure=*/true); });
 }
 
 CoreDataManager::~CoreDataManager() {
     // Write what is still queued, then close the connection on its own executor.
     background_.sync([this] {
         saveContext();
+        if (!writing_.empty()) {
+            Console::log(std::to_string(writing_.size()) + " events could not be stored before the store closed");
+        }
         statements_.reset();
         db_.reset();
     });
@@ -107,12 +110,13 @@ auto CoreDataManager::performAndWait(Fn&& fn) {
 //   to "<file>.unreadable-<unix ms>", untouched, and a fresh store is created in its
 //   place. Nothing stored is destroyed, and events recorded from now on are kept.
 // - Anything else (a directory that cannot be read, no permission, no space to create
-//   the file) is a fault of the environment, not of the program: the store runs
-//   degraded, dropping inserts and reading as empty, rather than stopping the host.
+//   the file) is a fault of the environment, not of the program: the store runs without
+//   a file rather than stopping the host. Inserts wait in memory and each save tries to
+//   open the store again, so a fault that passes loses nothing.
 // Either way one console line tells what happened.
-void CoreDataManager::load() {
-    const auto report = [](const std::string& description) {
-        Console::log("Load persistent stores finished with error = " + description);
+void CoreDataManager::load(bool reportFailure) {
+    const auto report = [reportFailure](const std::string& description) {
+        if (reportFailure) Console::log("Load persistent stores finished with error = " + description);
     };
     try {
         openAndPrepare();
@@ -195,13 +199,21 @@ void CoreDataManager::openAndPrepare() {
     }
     statements_ = std::make_unique<Statements>(*db_);
     uriPrefix_ = std::string(uriScheme) + "://" + storeIdentifier_ + "/" + entityName + "/p";
-    loaded_ = true;
+    loaded_.store(true);
+}
+
+bool CoreDataManager::ensureLoaded() {
+    if (loaded_.load()) return true;
+    load(/*reportFailure=*/false);
+    if (!loaded_.load()) return false;
+    Console::log("Persistent store loaded at \"" + path_.string() + "\"; " + std::to_string(writing_.size()) +
+                 " waiting events are written now");
+    return true;
 }
 
 // ---- Writing ----
 
 void CoreDataManager::enqueue(PendingRow row) {
-    if (!loaded_) return;
     bool schedule = false;
     {
         std::lock_guard lock(pendingMutex_);
@@ -212,7 +224,7 @@ void CoreDataManager::enqueue(PendingRow row) {
 }
 
 void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
-    if (!loaded_ || rows.empty()) return;
+    if (rows.empty()) return;
     bool schedule = false;
     {
         std::lock_guard lock(pendingMutex_);
@@ -229,21 +241,29 @@ void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
 
 // On the executor: moves the queued rows behind any kept from a failed save.
 void CoreDataManager::takePending() {
-    std::lock_guard lock(pendingMutex_);
-    saveScheduled_ = false;
-    if (writing_.empty()) {
-        writing_.swap(pending_);
-    } else {
-        writing_.insert(writing_.end(), std::make_move_iterator(pending_.begin()),
-                        std::make_move_iterator(pending_.end()));
-        pending_.clear();
+    {
+        std::lock_guard lock(pendingMutex_);
+        saveScheduled_ = false;
+        if (writing_.empty()) {
+            writing_.swap(pending_);
+        } else {
+            writing_.insert(writing_.end(), std::make_move_iterator(pending_.begin()),
+                            std::make_move_iterator(pending_.end()));
+            pending_.clear();
+        }
+    }
+    if (writing_.size() > maxWaitingRows) {
+        const std::size_t dropped = writing_.size() - maxWaitingRows;
+        writing_.erase(writing_.begin(), writing_.begin() + static_cast<std::ptrdiff_t>(dropped));
+        Console::log("Dropped the oldest " + std::to_string(dropped) + " of the events waiting to be stored: " +
+                     "the store has not been writable for " + std::to_string(maxWaitingRows) + " events");
     }
 }
 
 void CoreDataManager::saveContext() {
-    if (!loaded_) return;
     takePending();
-    if (!writing_.empty() && writeRows()) writing_.clear();
+    if (!ensureLoaded() || writing_.empty()) return;
+    if (writeRows()) writing_.clear();
 }
 
 // Writes writing_ in one transaction. A full disk or an I/O error leaves the rows in
@@ -269,11 +289,10 @@ bool CoreDataManager::writeRows() {
 }
 
 std::optional<std::int64_t> CoreDataManager::insertAndWait(PendingRow row) {
-    if (!loaded_) return std::nullopt;
     return performAndWait([&]() -> std::optional<std::int64_t> {
         takePending();
         writing_.push_back(std::move(row));
-        if (!writeRows()) return std::nullopt;
+        if (!ensureLoaded() || !writeRows()) return std::nullopt;
         writing_.clear();
         return db_->lastInsertRowid();
     });

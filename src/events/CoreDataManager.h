@@ -8,6 +8,8 @@
 // deletes run synchronously on the executor after saving what is queued, so they see
 // every row queued before them.
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -52,9 +54,15 @@ public:
     CoreDataManager(const CoreDataManager&) = delete;
     CoreDataManager& operator=(const CoreDataManager&) = delete;
 
-    // False when the store could not be opened; it then drops inserts and reads as empty.
-    bool isLoaded() const { return loaded_; }
-    // The UUID generated when the store file was created (empty when not loaded).
+    // At most this many rows wait in memory while they cannot be written (the store could
+    // not be opened, or the disk is full); beyond it the oldest are dropped, so that a
+    // store that stays unwritable cannot exhaust the host's memory.
+    static constexpr std::size_t maxWaitingRows = 100000;
+
+    // False while the store could not be opened. Inserts then wait in memory, reads are
+    // empty, and every save tries to open the store again.
+    bool isLoaded() const { return loaded_.load(); }
+    // The UUID generated when the store file was created. Read it only once loaded.
     const std::string& storeIdentifier() const { return storeIdentifier_; }
     const std::filesystem::path& path() const { return path_; }
 
@@ -85,7 +93,10 @@ public:
 private:
     struct Statements;
 
-    void load();
+    // reportFailure: false for the quiet retries after the first failure was reported.
+    void load(bool reportFailure);
+    // On the executor: true when the store is open, trying to open it again if it is not.
+    bool ensureLoaded();
     void openAndPrepare();
     void saveContext();
     void takePending();
@@ -94,7 +105,9 @@ private:
     auto performAndWait(Fn&& fn);
 
     const std::filesystem::path path_;
-    bool loaded_ = false;
+    // Set once, on the executor, after storeIdentifier_ and uriPrefix_ (which never change
+    // afterwards), so another thread that sees true may read them.
+    std::atomic<bool> loaded_{false};
     std::string storeIdentifier_;
     std::string uriPrefix_;
 

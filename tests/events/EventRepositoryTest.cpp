@@ -230,7 +230,7 @@ TEST_F(EventRepositoryTest, FileThatIsNotADatabaseIsKeptAsideAndANewStoreIsCreat
     EXPECT_EQ(repository_->eventsCount(), 1);
 }
 
-TEST_F(EventRepositoryTest, StoreThatCannotBeOpenedRunsEmptyWithoutStopping) {
+TEST_F(EventRepositoryTest, StoreThatCannotBeOpenedKeepsEventsAndOpensOnceItCan) {
     ConsoleCapture console;
     open("missing/events.sqlite");
     ASSERT_EQ(console.lines().size(), 1u);
@@ -239,8 +239,16 @@ TEST_F(EventRepositoryTest, StoreThatCannotBeOpenedRunsEmptyWithoutStopping) {
     insertWaypointAt(1.0);
     EXPECT_FALSE(repository_->insertToggleTrackingEventWithTrackedAtMs(Date{2.0}, true, 0).has_value());
     EXPECT_EQ(repository_->eventsCount(), 0);
-    EXPECT_TRUE(rows().empty());
     EXPECT_EQ(repository_->deleteEventsWithUpTo(Date::distantFuture()), 0);
+    EXPECT_EQ(console.lines().size(), 1u);  // the retries are quiet
+
+    // Once the directory exists, the next save opens the store and writes what waited.
+    fs::create_directories(dir_ / "missing");
+    const auto all = rows();
+    EXPECT_EQ(times(all), (std::vector<double>{1, 2}));
+    EXPECT_TRUE(console.contains("Persistent store loaded at \"" + (dir_ / "missing/events.sqlite").string() +
+                                 "\"; 2 waiting events are written now"));
+    EXPECT_TRUE(repository_->insertToggleTrackingEventWithTrackedAtMs(Date{3.0}, true, 0).has_value());
 }
 
 TEST_F(EventRepositoryTest, StoreFilesArePrivateToTheUser) {
