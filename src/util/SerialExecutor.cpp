@@ -32,26 +32,50 @@ void SerialExecutor::async(std::function<void()> task) {
     wake_.notify_one();
 }
 
+// Like a dispatch queue, sync runs the task on the calling thread while the queue is held
+// at the task's place in line: everything queued before it has run, nothing queued after
+// it starts until it returns. The caller is spared two thread switches, and what the task
+// allocates for its caller is allocated by the thread that will free it.
 void SerialExecutor::sync(const std::function<void()>& task) {
     if (isCurrent()) {
         task();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
-    async([&] {
-        task();
-        std::lock_guard lock(doneMutex);
-        done = true;
-        doneSignal.notify_one();
+    struct Handover {
+        std::mutex mutex;
+        std::condition_variable signal;
+        bool reached = false;
+        bool finished = false;
+    };
+    const auto handover = std::make_shared<Handover>();
+    async([this, handover] {
+        std::unique_lock lock(handover->mutex);
+        handover->reached = true;
+        handover->signal.notify_all();
+        handover->signal.wait(lock, [&] { return handover->finished; });
     });
-    std::unique_lock lock(doneMutex);
-    doneSignal.wait(lock, [&] { return done; });
+    {
+        std::unique_lock lock(handover->mutex);
+        handover->signal.wait(lock, [&] { return handover->reached; });
+    }
+    borrower_.store(std::this_thread::get_id());
+    // Hands the queue back however the task ends.
+    struct Release {
+        SerialExecutor& executor;
+        Handover& handover;
+        ~Release() {
+            executor.borrower_.store(std::thread::id());
+            std::lock_guard lock(handover.mutex);
+            handover.finished = true;
+            handover.signal.notify_all();
+        }
+    } release{*this, *handover};
+    task();
 }
 
 bool SerialExecutor::isCurrent() const {
-    return std::this_thread::get_id() == thread_.get_id();
+    const auto self = std::this_thread::get_id();
+    return self == thread_.get_id() || self == borrower_.load();
 }
 
 void SerialExecutor::run() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -40,6 +41,8 @@ private:
     std::deque<std::function<void()>> tasks_;
     bool stopping_ = false;
     std::thread thread_;
+    // The thread running a sync task in the queue's place, if any.
+    std::atomic<std::thread::id> borrower_{};
 };
 
 }  // namespace rovalis

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <stdexcept>
+#include <thread>
 #include <vector>
 
 #include "util/SerialExecutor.h"
@@ -28,6 +31,35 @@ TEST(SerialExecutor, SyncWaitsAndMayBeCalledFromItsOwnQueue) {
         return inner;
     });
     EXPECT_EQ(seen, 2);
+    EXPECT_FALSE(executor.isCurrent());
+}
+
+// A sync task holds the queue at its place in line, whichever thread runs it: tasks queued
+// from inside it (or by others meanwhile) start only after it returns, and a task that
+// throws still hands the queue back.
+TEST(SerialExecutor, SyncHoldsTheQueueUntilItsTaskEnds) {
+    SerialExecutor executor("test.hold");
+    std::atomic<bool> syncRunning{false};
+    std::atomic<int> overlaps{0};
+    std::vector<int> order;
+    executor.sync([&] {
+        syncRunning = true;
+        executor.async([&] {
+            if (syncRunning) ++overlaps;
+            order.push_back(2);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        order.push_back(1);
+        syncRunning = false;
+    });
+    EXPECT_THROW(executor.sync([] { throw std::runtime_error("task failed"); }), std::runtime_error);
+    executor.sync([&] { order.push_back(3); });
+    EXPECT_EQ(overlaps, 0);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+
+    // Another thread's sync is not mistaken for this thread's place on the queue.
+    std::thread other([&] { executor.sync([&] { EXPECT_TRUE(executor.isCurrent()); }); });
+    other.join();
     EXPECT_FALSE(executor.isCurrent());
 }
 
