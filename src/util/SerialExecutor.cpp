@@ -48,7 +48,7 @@ void SerialExecutor::sync(const std::function<void()>& task) {
         bool finished = false;
     };
     const auto handover = std::make_shared<Handover>();
-    async([this, handover] {
+    async([handover] {
         std::unique_lock lock(handover->mutex);
         handover->reached = true;
         handover->signal.notify_all();
