@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -10,14 +11,17 @@
 
 namespace rovalis {
 
+class BackgroundTaskScheduler;
 class KeychainStore;
+class LocationManagerType;
+class NetworkMonitor;
 class WorkTracker;
 
 // The platform services the SDK runs on, handed in one bundle to the composition root,
 // which builds every component from it; no component reaches for a global. A host or the
 // simulated device fills it in; on Linux the default bundle comes from the data root.
 //
-// Location, motion, network and Bluetooth services join this bundle as they are added.
+// Motion and Bluetooth services join this bundle as they are added.
 struct Platform {
     std::shared_ptr<RVLDateSource> dateSource;
     // Carries every location callback, timer and tracker call, and the host's callbacks.
@@ -29,6 +33,14 @@ struct Platform {
     // Optional: counts work queued anywhere, so that a virtual clock moves only when all of
     // it has finished.
     std::shared_ptr<WorkTracker> workTracker;
+    // The network as the reachability service sees it; HTTP sessions consult it too.
+    std::shared_ptr<NetworkMonitor> network;
+    // Extra running time while a transfer must not be cut short.
+    std::shared_ptr<BackgroundTaskScheduler> backgroundTasks;
+    // A new, independent location manager of the device's one location service.
+    std::function<std::shared_ptr<LocationManagerType>()> makeLocationManager;
+    // The operating system's version text, as sent to the collection service.
+    std::string systemVersion;
 
     // A new named serial queue with a thread of its own, whose work the tracker counts.
     std::unique_ptr<Executor> makeSerialExecutor(std::string label) const;

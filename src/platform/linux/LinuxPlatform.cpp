@@ -1,10 +1,24 @@
 #include "platform/linux/LinuxPlatform.h"
 
 #include "platform/linux/FileKeychain.h"
+#include "platform/linux/LinuxBackgroundTasks.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 #include "util/ThreadRunLoop.h"
 
+#include <sys/utsname.h>
+
 namespace rovalis {
+
+namespace {
+
+// The kernel release stands for the system version.
+std::string kernelRelease() {
+    struct utsname name {};
+    if (::uname(&name) != 0) return {};
+    return name.release;
+}
+
+}  // namespace
 
 Platform makeLinuxPlatform(const DataRoot& root) {
     Platform platform;
@@ -12,6 +26,8 @@ Platform makeLinuxPlatform(const DataRoot& root) {
     platform.mainRunLoop = std::make_shared<ThreadRunLoop>(platform.dateSource);
     platform.keyValueStore = std::make_shared<SqliteKeyValueStore>(root.root() / "Preferences.sqlite");
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
+    platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
+    platform.systemVersion = kernelRelease();
     return platform;
 }
 

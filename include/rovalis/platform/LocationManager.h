@@ -1,0 +1,61 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "rovalis/Error.h"
+#include "rovalis/platform/Location.h"
+
+namespace rovalis {
+
+class LocationManagerType;
+
+// What a location manager reports. Every callback arrives on the main run loop; a delegate
+// implements the ones it needs.
+class LocationManagerDelegate {
+public:
+    virtual ~LocationManagerDelegate() = default;
+
+    virtual void locationManagerDidUpdateLocations(LocationManagerType& /*manager*/,
+                                                   const std::vector<Location>& /*locations*/) {}
+    virtual void locationManagerDidEnterRegion(LocationManagerType& /*manager*/, const CircularRegion& /*region*/) {}
+    virtual void locationManagerDidExitRegion(LocationManagerType& /*manager*/, const CircularRegion& /*region*/) {}
+    virtual void locationManagerDidChangeAuthorization(LocationManagerType& /*manager*/) {}
+    virtual void locationManagerDidFailWithError(LocationManagerType& /*manager*/, const Error& /*error*/) {}
+};
+
+// The platform location manager, one to one. Each instance has its own settings and
+// delegate; several instances share the one location service of the device. Used from the
+// main run loop only.
+class LocationManagerType {
+public:
+    virtual ~LocationManagerType() = default;
+
+    // The delegate is held weakly: one that has gone is simply not called.
+    virtual std::shared_ptr<LocationManagerDelegate> delegate() const = 0;
+    virtual void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) = 0;
+
+    virtual bool allowsBackgroundLocationUpdates() const = 0;
+    virtual void setAllowsBackgroundLocationUpdates(bool allows) = 0;
+    virtual bool pausesLocationUpdatesAutomatically() const = 0;
+    virtual void setPausesLocationUpdatesAutomatically(bool pauses) = 0;
+    virtual double distanceFilter() const = 0;
+    virtual void setDistanceFilter(double metres) = 0;
+    virtual double desiredAccuracy() const = 0;
+    virtual void setDesiredAccuracy(double metres) = 0;
+
+    virtual std::vector<CircularRegion> monitoredRegions() const = 0;
+
+    virtual void startUpdatingLocation() = 0;
+    virtual void stopUpdatingLocation() = 0;
+    virtual void startMonitoringSignificantLocationChanges() = 0;
+    virtual void stopMonitoringSignificantLocationChanges() = 0;
+    virtual void startMonitoring(const CircularRegion& region) = 0;
+    virtual void stopMonitoring(const CircularRegion& region) = 0;
+
+    virtual AuthorizationStatus authorizationStatus() const = 0;
+    virtual AccuracyAuthorization accuracyAuthorization() const = 0;
+    virtual bool locationServicesEnabled() const = 0;
+};
+
+}  // namespace rovalis

@@ -1,0 +1,63 @@
+#pragma once
+
+// The SDK's small file and identity routines: the one folder of background batch files in
+// the Documents directory, the SDK's own version, and the application description used by
+// the user agent and by app-update detection.
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "rovalis/Date.h"
+#include "rovalis/HostInfo.h"
+
+namespace rovalis {
+
+class RVLCommons {
+public:
+    // documentsDirectory: <data root>/Documents. systemVersion: the operating system's
+    // version text.
+    RVLCommons(std::filesystem::path documentsDirectory, HostInfo host, std::string systemVersion);
+
+    // <Documents>/RovalisSDKBackgroundTasks
+    std::filesystem::path backgroundTasksFolder() const;
+    // <folder>/<milliseconds of the date, truncated>
+    std::filesystem::path backgroundTaskFilePathWithTimestamp(Date date) const;
+    // Creates the folder (private to the user) and writes the data atomically; the file's
+    // path, or none on any failure.
+    std::optional<std::filesystem::path> writeBackgroundTaskFileWithData(std::string_view data,
+                                                                         Date lastEventTimestamp) const;
+    // Removes the folder with everything in it; errors are ignored.
+    void removeBackgroundTaskFolder() const;
+    static bool fileExistsAt(const std::filesystem::path& file);
+    // The size cut to 32 bits; 0 when it cannot be read.
+    static std::uint32_t fileSizeFor(const std::filesystem::path& file);
+    // Writes the data atomically to the named file in the Documents directory and logs the
+    // outcome.
+    bool writeData(std::string_view data, const std::string& name) const;
+
+    static std::string sdkVersion();
+    static std::string sdkBuildNumber();
+    // "<display name> <version> (<build>)"
+    std::string appVersion() const;
+    // "iOS <system version>"
+    std::string iOSVersion() const;
+    // appVersion directly followed by iOSVersion.
+    std::string appInfo() const;
+    // The device's hardware string.
+    static std::string deviceType();
+    // A new random UUID, upper case.
+    static std::string getUUID();
+
+    const HostInfo& host() const { return host_; }
+    const std::string& systemVersion() const { return systemVersion_; }
+
+private:
+    std::filesystem::path documents_;
+    HostInfo host_;
+    std::string systemVersion_;
+};
+
+}  // namespace rovalis
