@@ -1,0 +1,120 @@
+#pragma once
+
+// The operations that move events: flush the acceleration buffer into the store, send the
+// store's events in the foreground, send them all in the background from a file, and
+// cancel pending background uploads.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/DebugEventsManager.h"
+#include "core/UserDefaultsManager.h"
+#include "events/EventBatchGenerator.h"
+#include "events/EventStoreInterfaces.h"
+#include "rovalis/Error.h"
+#include "upload/CredentialsManager.h"
+#include "upload/RVLCommons.h"
+#include "upload/RVLOperationBase.h"
+#include "upload/UploadInterfaces.h"
+
+namespace rovalis {
+
+// The error the host is told of when an upload is due and no token is stored.
+Error userTokenIsNilError();
+
+class RVLPersistDataOperation final : public RVLOperationBase {
+public:
+    explicit RVLPersistDataOperation(std::weak_ptr<RVLEventInsertable> eventRepository);
+
+    void execute() override;
+    bool isDependentOnPrevious() const override { return false; }
+
+private:
+    const std::weak_ptr<RVLEventInsertable> eventRepository_;
+};
+
+class RVLCancelBackgroundSendOperation final : public RVLOperationBase {
+public:
+    explicit RVLCancelBackgroundSendOperation(std::weak_ptr<RVLAPIClientType> apiManager);
+
+    void execute() override;
+    bool isDependentOnPrevious() const override { return false; }
+
+private:
+    const std::weak_ptr<RVLAPIClientType> apiManager_;
+};
+
+// Sends the stored events, oldest first, in batches of at most batchLimit, up to and
+// including the event at the last event URI (the newest stored event when none is given).
+// Each batch blocks the operation's thread until its upload has ended; its events are
+// deleted only after the service accepted it.
+class RVLSendOperation final : public RVLOperationBase {
+public:
+    static constexpr std::int64_t batchLimit = 20000;
+
+    RVLSendOperation(std::weak_ptr<RVLAPIClientType> apiManager, std::weak_ptr<RVLEventFetchable> eventRepository,
+                     std::weak_ptr<RVLEventDeletable> eventsDeleter,
+                     std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
+                     std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator,
+                     std::weak_ptr<RVLReachabilityType> reachabilityManager,
+                     std::weak_ptr<RVLBatchIdModifier> batchIdManager,
+                     std::weak_ptr<RVLDebugEventsInsertable> debugEventsManager,
+                     std::shared_ptr<RVLDateSource> dateSource, std::optional<std::string> lastEventURI);
+
+    void execute() override;
+    bool isDependentOnPrevious() const override { return true; }
+
+    // Sends batches until the last event URI has been sent; the first upload error, if any.
+    std::optional<Error> prepareAndSendData();
+    // Blocks until the upload of one compressed batch has ended; its error, if any.
+    std::optional<Error> sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo);
+
+    const std::optional<std::string>& lastEventURI() const { return lastEventURI_; }
+
+private:
+    const std::weak_ptr<RVLAPIClientType> apiManager_;
+    const std::weak_ptr<RVLEventFetchable> eventRepository_;
+    const std::weak_ptr<RVLEventDeletable> eventsDeleter_;
+    const std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager_;
+    const std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator_;
+    const std::weak_ptr<RVLReachabilityType> reachabilityManager_;
+    const std::weak_ptr<RVLBatchIdModifier> batchIdManager_;
+    const std::weak_ptr<RVLDebugEventsInsertable> debugEventsManager_;
+    const std::shared_ptr<RVLDateSource> dateSource_;
+    std::optional<std::string> lastEventURI_;
+};
+
+// Writes every stored event, plus one diagnostic event, as one compressed batch file and
+// hands it to the background session. It finishes as soon as the upload is handed over;
+// the API client deletes the events when the upload succeeds.
+class RVLSendInBackgroundOperation final : public RVLOperationBase {
+public:
+    RVLSendInBackgroundOperation(std::weak_ptr<RVLEventFetchable> eventRepository,
+                                 std::weak_ptr<RVLAPIClientType> apiManager,
+                                 std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
+                                 std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator,
+                                 std::weak_ptr<RVLBatchIdModifier> batchIdManager,
+                                 std::shared_ptr<const RVLCommons> commons, std::shared_ptr<RVLDateSource> dateSource);
+
+    void execute() override;
+    bool isDependentOnPrevious() const override { return true; }
+
+    // A copy of the payloads with one Debug event appended: the count of each type (the
+    // diagnostic itself counted under "Debug") and whether a switch-off by the host is among
+    // them, tracked 100 ms after the last payload. It travels only in the batch.
+    static std::vector<EventPayload> diagnoseEventBatch(const std::vector<EventPayload>& payloads);
+
+private:
+    const std::weak_ptr<RVLEventFetchable> eventRepository_;
+    const std::weak_ptr<RVLAPIClientType> apiManager_;
+    const std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager_;
+    const std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator_;
+    const std::weak_ptr<RVLBatchIdModifier> batchIdManager_;
+    const std::shared_ptr<const RVLCommons> commons_;
+    const std::shared_ptr<RVLDateSource> dateSource_;
+};
+
+}  // namespace rovalis
