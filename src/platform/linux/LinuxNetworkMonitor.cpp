@@ -31,7 +31,6 @@ constexpr unsigned long routeReject = 0x0200;
 // Interface flags of /sys/class/net/<if>/flags.
 constexpr unsigned long interfaceUp = 0x1;
 constexpr unsigned long interfaceLoopback = 0x8;
-constexpr unsigned long interfaceRunning = 0x40;
 
 std::vector<std::string_view> fields(std::string_view line) {
     std::vector<std::string_view> out;
@@ -76,6 +75,11 @@ std::string readSmallFile(const std::filesystem::path& path) {
     std::ostringstream out;
     out << in.rdbuf();
     return out.str();
+}
+
+std::string trimmed(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == ' ' || text.back() == '\r')) text.pop_back();
+    return text;
 }
 
 bool isAllZeroHex(std::string_view text) {
@@ -139,16 +143,16 @@ InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const st
     std::error_code ec;
     if (!std::filesystem::exists(dir, ec)) return state;
 
-    std::string flagsText = readSmallFile(dir / "flags");
-    while (!flagsText.empty() && (flagsText.back() == '\n' || flagsText.back() == ' ')) flagsText.pop_back();
-    const auto flags = hex(flagsText);
-    if (flags) {
-        state.upAndRunning = (*flags & interfaceUp) != 0 && (*flags & interfaceRunning) != 0;
-        if (*flags & interfaceLoopback) {
-            state.kind = InterfaceKind::loopback;
-            return state;
-        }
+    const auto flags = hex(trimmed(readSmallFile(dir / "flags")));
+    if (flags && (*flags & interfaceLoopback)) {
+        state.kind = InterfaceKind::loopback;
+        return state;
     }
+    // sysfs gives the administrative flags only; whether the link runs is in its
+    // operational state, or in its carrier where that state is not kept by the driver.
+    const std::string operstate = trimmed(readSmallFile(dir / "operstate"));
+    const bool running = operstate == "up" || (operstate == "unknown" && trimmed(readSmallFile(dir / "carrier")) == "1");
+    state.upAndRunning = flags && (*flags & interfaceUp) != 0 && running;
     if (name == "lo") {
         state.kind = InterfaceKind::loopback;
         return state;
