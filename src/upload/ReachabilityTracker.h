@@ -28,9 +28,9 @@ public:
     using ConnectionType = Connectivity::Status;
 
     // host: the collection service's host name, whose reachability is watched. queue: a
-    // serial queue on which the reports are handled. workTracker, when given, counts the
-    // work of the reachability queue. Stops the process when the network monitor cannot
-    // make the target.
+    // serial queue with a thread of its own (not the main run loop) on which the reports are
+    // handled; the destructor waits for it. workTracker, when given, counts the work of the
+    // reachability queue. Stops the process when the network monitor cannot make the target.
     ReachabilityTracker(std::shared_ptr<RVLEventInsertable> eventInsertable,
                         std::shared_ptr<RVLDataTransferModeRecording> transferModeRecordManager,
                         std::shared_ptr<RVLLastConnectionTypeModifier> lastConnectionTypeModifier,

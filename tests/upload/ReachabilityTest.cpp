@@ -72,24 +72,29 @@ private:
 };
 
 TEST(NetworkReachabilityManager, StatusFollowsThePlatformFlagRule) {
+    constexpr Status off = Status::notReachable();
+    constexpr Status wired = Status::reachable(Connection::ethernetOrWiFi);
+    constexpr Status cellular = Status::reachable(Connection::cellular);
+    // Reachable, but a connection must first be made.
+    constexpr std::uint32_t onRequest = F::reachable | F::connectionRequired;
     const struct {
         std::uint32_t flags;
         Status expected;
     } rows[] = {
-        {0, Status::notReachable()},
-        {F::isWWAN, Status::notReachable()},
-        {F::reachable, Status::reachable(Connection::ethernetOrWiFi)},
-        {F::reachable | F::isWWAN, Status::reachable(Connection::cellular)},
-        {F::reachable | F::transientConnection | F::isDirect, Status::reachable(Connection::ethernetOrWiFi)},
-        // A connection must first be made: only automatically, and without the user.
-        {F::reachable | F::connectionRequired, Status::notReachable()},
-        {F::reachable | F::connectionRequired | F::connectionOnTraffic, Status::reachable(Connection::ethernetOrWiFi)},
-        {F::reachable | F::connectionRequired | F::connectionOnDemand | F::isWWAN, Status::reachable(Connection::cellular)},
-        {F::reachable | F::connectionRequired | F::connectionOnTraffic | F::interventionRequired, Status::notReachable()},
-        {F::reachable | F::connectionRequired | F::connectionOnDemand | F::interventionRequired, Status::notReachable()},
+        {0, off},
+        {F::isWWAN, off},
+        {F::reachable, wired},
+        {F::reachable | F::isWWAN, cellular},
+        {F::reachable | F::transientConnection | F::isDirect, wired},
+        // Only a connection made automatically and without the user counts.
+        {onRequest, off},
+        {onRequest | F::connectionOnTraffic, wired},
+        {onRequest | F::connectionOnDemand | F::isWWAN, cellular},
+        {onRequest | F::connectionOnTraffic | F::interventionRequired, off},
+        {onRequest | F::connectionOnDemand | F::interventionRequired, off},
         // Intervention matters only when a connection is required.
-        {F::reachable | F::interventionRequired, Status::reachable(Connection::ethernetOrWiFi)},
-        {F::connectionRequired | F::connectionOnTraffic, Status::notReachable()},
+        {F::reachable | F::interventionRequired, wired},
+        {F::connectionRequired | F::connectionOnTraffic, off},
     };
     for (const auto& row : rows) {
         const Status status = NetworkReachabilityManager::statusForFlags(row.flags);
@@ -283,8 +288,9 @@ TEST_F(ReachabilityTrackerTest, FirstReportAfterEachLaunchIsRecorded) {
     auto relaunched = makeTracker();
     relaunched->start();
     work->waitUntilIdle();
+    const Date now = clock->now();
     EXPECT_EQ(recorder->events(),
-              (std::vector<ConnectivityRecorder::Event>{{clock->now().addingSeconds(-3600), wifi}, {clock->now(), wifi}}));
+              (std::vector<ConnectivityRecorder::Event>{{now.addingSeconds(-3600), wifi}, {now, wifi}}));
 
     // A change while nobody listens is recorded by the next report, because it differs from
     // the persisted type.
@@ -337,7 +343,9 @@ public:
     }
     void performSpeedUpOperationsWithReason(const std::string&, const std::optional<Location>&) override { bad(); }
     void performSlowDownOperationsWithReason(const std::string&, const std::optional<Location>&) override { bad(); }
-    void performPreShutDownOperationsWithTtOffEventURI(const std::optional<std::string>&, Completion) override { bad(); }
+    void performPreShutDownOperationsWithTtOffEventURI(const std::optional<std::string>&, Completion) override {
+        bad();
+    }
     void performPostStartOperationsWithCompletion(Completion) override { bad(); }
     void performBGTransmissionOperationWithCompletion(Completion) override { bad(); }
     void cancelAllOperations() override { bad(); }

@@ -151,7 +151,8 @@ InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const st
     // sysfs gives the administrative flags only; whether the link runs is in its
     // operational state, or in its carrier where that state is not kept by the driver.
     const std::string operstate = trimmed(readSmallFile(dir / "operstate"));
-    const bool running = operstate == "up" || (operstate == "unknown" && trimmed(readSmallFile(dir / "carrier")) == "1");
+    const bool running =
+        operstate == "up" || (operstate == "unknown" && trimmed(readSmallFile(dir / "carrier")) == "1");
     state.upAndRunning = flags && (*flags & interfaceUp) != 0 && running;
     if (name == "lo") {
         state.kind = InterfaceKind::loopback;
@@ -168,7 +169,8 @@ InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const st
     const std::string driver = std::filesystem::read_symlink(dir / "device" / "driver", ec).filename().string();
     if (wwanType || name.starts_with("wwan") || (!ec && isWwanDriver(driver))) {
         state.kind = InterfaceKind::wwan;
-    } else if (wlanType || std::filesystem::exists(dir / "wireless", ec) || std::filesystem::exists(dir / "phy80211", ec)) {
+    } else if (wlanType || std::filesystem::exists(dir / "wireless", ec) ||
+               std::filesystem::exists(dir / "phy80211", ec)) {
         state.kind = InterfaceKind::wireless;
     }
     return state;
