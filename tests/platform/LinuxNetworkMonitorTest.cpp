@@ -157,18 +157,16 @@ TEST(LinuxNetworkMonitor, ReportsFlagsAndStopsCleanly) {
         EXPECT_EQ(anyNetwork->setCallback([](std::uint32_t) {}, &queue), monitor.isWatching());
         EXPECT_TRUE(local->setCallback([](std::uint32_t) {}, &queue));
 
-        // The route dump agrees with the kernel's text tables.
+        // Every default route of the kernel's text tables is in the route dump too (the dump
+        // may hold more: routes of policy tables the text does not show).
         if (const auto dumped = linuxnet::dumpDefaultRoutes()) {
             auto fromProc = linuxnet::parseProcNetRoute(test::readFile("/proc/net/route"));
             const auto v6 = linuxnet::parseProcNetIpv6Route(test::readFile("/proc/net/ipv6_route"));
             fromProc.insert(fromProc.end(), v6.begin(), v6.end());
-            auto netlink = *dumped;
-            const auto byName = [](const DefaultRoute& a, const DefaultRoute& b) {
-                return std::tie(a.interface, a.metric) < std::tie(b.interface, b.metric);
-            };
-            std::sort(netlink.begin(), netlink.end(), byName);
-            std::sort(fromProc.begin(), fromProc.end(), byName);
-            EXPECT_EQ(netlink, fromProc);
+            for (const DefaultRoute& route : fromProc) {
+                EXPECT_NE(std::find(dumped->begin(), dumped->end(), route), dumped->end())
+                    << route.interface << " metric " << route.metric;
+            }
         }
     }
     // Targets outlive the monitor: they still answer, and report nothing more.
