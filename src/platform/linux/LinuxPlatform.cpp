@@ -2,6 +2,7 @@
 
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/LinuxBackgroundTasks.h"
+#include "platform/linux/LinuxNetworkMonitor.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 #include "util/ThreadRunLoop.h"
 
@@ -26,6 +27,7 @@ Platform makeLinuxPlatform(const DataRoot& root) {
     platform.mainRunLoop = std::make_shared<ThreadRunLoop>(platform.dateSource);
     platform.keyValueStore = std::make_shared<SqliteKeyValueStore>(root.root() / "Preferences.sqlite");
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
+    platform.network = std::make_shared<LinuxNetworkMonitor>();
     platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
     platform.systemVersion = kernelRelease();
     return platform;

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "rovalis/platform/NetworkMonitor.h"
+
+namespace rovalis {
+
+namespace linuxnet {
+
+enum class InterfaceKind { other, loopback, wireless, wwan };
+
+struct InterfaceState {
+    bool upAndRunning = false;
+    InterfaceKind kind = InterfaceKind::other;
+};
+
+// A default route (IPv4 or IPv6) and the interface it leaves through.
+struct DefaultRoute {
+    std::string interface;
+    std::uint32_t metric = 0;
+
+    friend bool operator==(const DefaultRoute&, const DefaultRoute&) = default;
+};
+
+// Default routes in the text of /proc/net/route; unusable and rejecting routes are left out.
+std::vector<DefaultRoute> parseProcNetRoute(std::string_view text);
+// Default routes in the text of /proc/net/ipv6_route.
+std::vector<DefaultRoute> parseProcNetIpv6Route(std::string_view text);
+
+// The state of one interface as sysfs describes it under sysClassNet (normally
+// /sys/class/net). An interface that is not there is down.
+InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const std::string& name);
+
+// The flags of "any network": reachable when the preferred (lowest-metric) default route
+// through an interface that is up and running exists, with the WWAN bit when that interface
+// is a mobile broadband device.
+std::uint32_t reachabilityFlagsFor(const std::vector<DefaultRoute>& routes,
+                                   const std::function<InterfaceState(const std::string&)>& interfaceState);
+
+// Flags that stand for a host on this machine itself.
+inline constexpr std::uint32_t loopbackFlags =
+    ReachabilityFlags::reachable | ReachabilityFlags::isLocalAddress | ReachabilityFlags::isDirect;
+
+// Whether the host name is this machine: "localhost" (and names under it), 127.0.0.0/8, ::1.
+// No name is looked up.
+bool isLoopbackHost(std::string_view host);
+
+// The default routes of the main routing tables, by a netlink dump; none when netlink is
+// not available.
+std::optional<std::vector<DefaultRoute>> dumpDefaultRoutes();
+
+}  // namespace linuxnet
+
+// Reachability on Linux. A thread of its own watches the kernel's link, address and route
+// changes on a netlink socket; each burst of changes is reported once to every target with
+// a callback. Flags are read afresh from the routing table and sysfs on every request.
+class LinuxNetworkMonitor final : public NetworkMonitor {
+public:
+    LinuxNetworkMonitor();
+    // Stops and joins the watching thread. Targets may outlive the monitor; they then no
+    // longer report changes.
+    ~LinuxNetworkMonitor() override;
+
+    LinuxNetworkMonitor(const LinuxNetworkMonitor&) = delete;
+    LinuxNetworkMonitor& operator=(const LinuxNetworkMonitor&) = delete;
+
+    // Whether changes are being watched (the netlink socket could be opened).
+    bool isWatching() const { return watcher_.joinable(); }
+
+    // Any host name that is not a loopback address depends on the default route.
+    std::unique_ptr<NetworkReachabilityTarget> reachabilityForHost(const std::string& host) override;
+    std::unique_ptr<NetworkReachabilityTarget> reachabilityForZeroAddress() override;
+
+    // The current flags of "any network".
+    static std::uint32_t currentFlags();
+
+private:
+    class Target;
+    struct Registry;
+
+    void watch();
+    void notifyTargets();
+
+    const std::shared_ptr<Registry> registry_;
+    int netlinkSocket_ = -1;
+    int wakePipe_[2] = {-1, -1};
+    std::thread watcher_;
+};
+
+}  // namespace rovalis
