@@ -210,6 +210,12 @@ protected:
         client_->setSdkDelegate(delegate_);
     }
 
+    // A delegate call still running holds the client; once it is done the client and its
+    // collaborators go on this thread, never on a session's own thread.
+    ~APIClientTest() override {
+        for (const auto& s : factory_->sessions()) s->drain();
+    }
+
     std::shared_ptr<RVLAPIClient> makeClient(RVLAPIClient::Options options) {
         return RVLAPIClient::create("http://127.0.0.1:8080/", defaults_, defaults_, repository_, credentials_,
                                     credentials_, credentials_, debugEvents_, factory_, commons_, main_, options);
