@@ -3,6 +3,7 @@
 #include <iconv.h>
 #include <locale.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -61,10 +62,8 @@ std::string validUTF8(std::string_view bytes) {
 
 // A locale whose character table transliterates, whatever the process's own locale is.
 locale_t transliterationLocale() {
-    static const locale_t locale = [] {
-        locale_t made = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
-        return made;
-    }();
+    // Made once and kept for the process: nothing is released in static destructors.
+    static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
     return locale;
 }
 

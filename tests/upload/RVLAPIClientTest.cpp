@@ -563,6 +563,22 @@ TEST_F(APIClientTest, BackgroundSuccessStoresTheDateAndDeletesUpToIt) {
     EXPECT_FALSE(delegate_->calls[0].error);
 }
 
+TEST_F(APIClientTest, TaskLeftByAnEarlierProcessIsHandledWithItsOwnDates) {
+    // Only "timestamp" travelled with it: the delegate hears that date as both ends.
+    repository_->insertBatteryEventWithTrackedAtMs(Date{100}, true, 0.5f);
+    UrlRequest restored = makeEventBatchRequest(client_->baseURL(), std::nullopt, "ua", 5);
+    restored.properties["timestamp"] = Date{150};
+    const auto task = background()->uploadTaskWithRequest(restored, "batch");
+    background()->respond(static_cast<FakeTask&>(*task), 200, "");
+
+    EXPECT_EQ(defaults_->lastSuccessfulEventUploadDate(), Date{150});
+    EXPECT_EQ(repository_->eventsCount(), 0);
+    main_->runUntilIdle();
+    ASSERT_EQ(delegate_->calls.size(), 1u);
+    EXPECT_EQ(delegate_->calls[0].from, Date{150});
+    EXPECT_EQ(delegate_->calls[0].to, Date{150});
+}
+
 TEST_F(APIClientTest, BackgroundFailureDeletesNothing) {
     for (double t : {100.0, 200.0}) repository_->insertBatteryEventWithTrackedAtMs(Date{t}, true, 0.5f);
     const auto file = commons_->writeBackgroundTaskFileWithData("batch", Date{200});
