@@ -51,6 +51,12 @@ public:
     // A new random UUID, upper case.
     static std::string getUUID();
 
+    // The milliseconds since 1970 that name a batch file: truncated, 0 for times before 1970.
+    static std::uint64_t millisecondsFor(Date date);
+    // Writes the file private to the user (0600) through a temporary file beside it, synced
+    // and renamed over it, so a reader sees the old contents or the new ones, never a part.
+    static bool writeFileAtomically(const std::filesystem::path& file, std::string_view data);
+
     const HostInfo& host() const { return host_; }
     const std::string& systemVersion() const { return systemVersion_; }
 
