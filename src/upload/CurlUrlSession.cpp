@@ -189,16 +189,15 @@ public:
         });
     }
 
-    // Stops for good without completing anything: what is journaled stays for the next
-    // session with this identifier. Joins the delegate thread unless called on it.
-    void shutdown() {
-        std::unique_ptr<SerialExecutor> executor;
+    // Stops for good without completing anything or touching the journal again: what is
+    // journaled stays for the next session with this identifier. The delegate is not
+    // called any more; a transfer under way ends promptly.
+    void detach() {
         std::vector<std::shared_ptr<RunLoopTimer>> timers;
         {
             std::lock_guard lock(mutex_);
             if (stopping_) return;
             stopping_ = true;
-            executor = std::move(executor_);
             for (const auto& [identifier, task] : tasks_) {
                 if (task->retryTimer_) timers.push_back(task->retryTimer_);
             }
@@ -206,6 +205,16 @@ public:
         for (const auto& timer : timers) timer->invalidate();
         if (watch_) watch_->setCallback({}, nullptr);
         transfer_.wakeUp();
+    }
+
+    // Detaches, then joins the delegate thread (unless called on it).
+    void shutdown() {
+        detach();
+        std::unique_ptr<SerialExecutor> executor;
+        {
+            std::lock_guard lock(mutex_);
+            executor = std::move(executor_);
+        }
         if (executor && executor->isCurrent()) {
             // Destroyed from its own delegate callback: the thread cannot join itself, so a
             // short-lived helper waits for it to finish what it runs.
@@ -467,6 +476,9 @@ public:
 
     void invalidateAndCancel() override { core_->invalidateAndCancel(); }
 
+    // Leaves this session's background tasks to a newer session of the same identifier.
+    void detach() { core_->detach(); }
+
 private:
     const std::shared_ptr<SessionCore> core_;
 };
@@ -491,9 +503,24 @@ CurlUrlSessionFactory::CurlUrlSessionFactory(std::filesystem::path journalDirect
 std::shared_ptr<UrlSession> CurlUrlSessionFactory::makeSession(const UrlSessionConfiguration& configuration,
                                                                std::weak_ptr<UrlSessionDelegate> delegate) {
     std::optional<BackgroundTaskJournal> journal;
-    if (configuration.identifier) journal.emplace(journalDirectory_, *configuration.identifier);
-    return std::make_shared<CurlUrlSession>(configuration, std::move(delegate), std::move(journal), network_,
-                                            runLoop_, dateSource_, workTracker_, options_);
+    if (configuration.identifier) {
+        journal.emplace(journalDirectory_, *configuration.identifier);
+        // One live session per identifier works the journal: an older one that is still
+        // held stops, and the new one takes its pending tasks over.
+        std::shared_ptr<UrlSession> older;
+        {
+            std::lock_guard lock(mutex_);
+            older = backgroundSessions_[*configuration.identifier].lock();
+        }
+        if (older) static_cast<CurlUrlSession&>(*older).detach();
+    }
+    auto session = std::make_shared<CurlUrlSession>(configuration, std::move(delegate), std::move(journal), network_,
+                                                    runLoop_, dateSource_, workTracker_, options_);
+    if (configuration.identifier) {
+        std::lock_guard lock(mutex_);
+        backgroundSessions_[*configuration.identifier] = session;
+    }
+    return session;
 }
 
 }  // namespace rovalis

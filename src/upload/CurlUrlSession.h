@@ -6,7 +6,10 @@
 // and when made again by a later process resumes the tasks an earlier one left.
 
 #include <filesystem>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <string>
 
 #include "rovalis/DateSource.h"
 #include "rovalis/RunLoop.h"
@@ -35,6 +38,8 @@ public:
                           std::shared_ptr<RunLoop> runLoop, std::shared_ptr<const RVLDateSource> dateSource,
                           std::shared_ptr<WorkTracker> workTracker = nullptr, CurlUrlSessionOptions options = {});
 
+    // A background session made while an older one of the same identifier is still held
+    // takes over its pending tasks; the older one stops and tells its delegate nothing more.
     std::shared_ptr<UrlSession> makeSession(const UrlSessionConfiguration& configuration,
                                             std::weak_ptr<UrlSessionDelegate> delegate) override;
 
@@ -45,6 +50,9 @@ private:
     const std::shared_ptr<const RVLDateSource> dateSource_;
     const std::shared_ptr<WorkTracker> workTracker_;
     const CurlUrlSessionOptions options_;
+    std::mutex mutex_;
+    // The latest background session made for each identifier.
+    std::map<std::string, std::weak_ptr<UrlSession>> backgroundSessions_;
 };
 
 }  // namespace rovalis

@@ -628,6 +628,30 @@ TEST_F(CurlUrlSessionTest, RelaunchedSessionResendsPendingTaskWithRestoredCreden
     EXPECT_FALSE(std::filesystem::exists(BackgroundTaskJournal(dir_ / "BackgroundSessions", identifier).file()));
 }
 
+TEST_F(CurlUrlSessionTest, NewerBackgroundSessionTakesOverFromOneStillHeld) {
+    std::atomic<int> seen{0};
+    RawServer server([&](int fd, const std::string& request) {
+        if (seen++ == 0) return RawServer::hang(fd, request);
+        return answerCreated(fd, request);
+    });
+    server.listen();
+    auto factory = makeFactory();
+    const auto configuration = UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("shared");
+    auto older = factory->makeSession(configuration, delegate_);
+    older->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 3), bodyFile("batch", "abc"))->resume();
+    ASSERT_TRUE(server.waitForRequests(1));
+
+    auto newerDelegate = std::make_shared<Recorder>();
+    auto newer = factory->makeSession(configuration, newerDelegate);
+    ASSERT_TRUE(newerDelegate->waitForEvent("finish"));
+    EXPECT_EQ(newerDelegate->completions()[0].status, 201);
+    // The older session neither delivers nor sends again, even once its transfer is gone.
+    older->invalidateAndCancel();
+    older.reset();
+    EXPECT_TRUE(delegate_->events().empty());
+    EXPECT_EQ(server.requests().size(), 2u);
+}
+
 TEST_F(CurlUrlSessionTest, DamagedJournalsAndMissingBodyFilesDoNotBlockTheSession) {
     test::ConsoleCapture console;
     const auto directory = dir_ / "BackgroundSessions";
