@@ -140,11 +140,13 @@ void RVLOperationsController::addOperationsToQueue(const Operations& operations,
     const auto task = std::make_shared<BackgroundTask>();
     const auto scheduler = environment_.backgroundTasks;
     std::weak_ptr<RVLOperationsController> weakSelf = weak_from_this();
-    const BackgroundTaskIdentifier identifier = scheduler->beginBackgroundTask([task, scheduler, weakSelf] {
+    // The scheduler keeps the handler until the task ends: it holds the scheduler weakly.
+    std::weak_ptr<BackgroundTaskScheduler> weakScheduler = scheduler;
+    const BackgroundTaskIdentifier identifier = scheduler->beginBackgroundTask([task, weakScheduler, weakSelf] {
         const BackgroundTaskIdentifier valid = task->take();
         if (valid == UIBackgroundTaskInvalid) return;
         if (const auto self = weakSelf.lock()) self->cancelAllOperations();
-        scheduler->endBackgroundTask(valid);
+        if (const auto scheduler = weakScheduler.lock()) scheduler->endBackgroundTask(valid);
     });
     {
         std::lock_guard lock(task->mutex);
