@@ -74,6 +74,8 @@ std::optional<Rejection> checkAuthorization(const httplib::Headers& headers) {
     if (auto single = checkSingle(headers, "Authorization", 401)) return single;
     const std::string& value = headers.find("Authorization")->second;
     constexpr std::string_view scheme = "Bearer ";
+    // Trailing white space of a header value is not kept, so "Bearer " arrives as "Bearer".
+    if (value == "Bearer") return reject(401, "the bearer token is empty");
     if (value.compare(0, scheme.size(), scheme) != 0) {
         return reject(401, "header \"Authorization\" must be \"Bearer <token>\"");
     }

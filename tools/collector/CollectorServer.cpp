@@ -150,6 +150,7 @@ struct CollectorServer::Impl {
     int boundPort = 0;
     bool started = false;
     bool stopped = false;
+    std::atomic<bool> listenerEnded{false};
 
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
@@ -158,19 +159,22 @@ struct CollectorServer::Impl {
     std::size_t storedBatches = 0;
     std::size_t handledRequests = 0;
     bool stopping = false;
-    std::multiset<int> activePeerPorts;  // connections whose upload is being handled
+    // Connections whose upload is being handled or answered: from the handler's start until
+    // the answer is written (the logger runs then).
+    std::multiset<int> activePeerPorts;
     Stats counters;                      // the run's request figures
 
     void routes();
     void handleBatch(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader);
     void refuse(httplib::Response& res, const Rejection& rejection);
     Stats snapshot() const {
+        std::lock_guard lock(mutex);
+        return snapshotLocked();
+    }
+    // The store has a lock of its own, taken only ever after this one.
+    Stats snapshotLocked() const {
         const StoreTotals totals = store.totals();
-        Stats stats;
-        {
-            std::lock_guard lock(mutex);
-            stats = counters;
-        }
+        Stats stats = counters;
         stats.batches = totals.batches;
         stats.events = totals.events;
         stats.eventsByType = totals.eventsByType;
@@ -182,6 +186,7 @@ struct CollectorServer::Impl {
     void countFault(const char* name) {
         std::lock_guard lock(mutex);
         ++counters.faultsInjected[name];
+        changed.notify_all();
     }
 };
 
@@ -220,6 +225,13 @@ void CollectorServer::Impl::routes() {
         answerJson(res, 200, faultsToJson(faults));
     });
 
+    server.set_logger([this](const httplib::Request& req, const httplib::Response&) {
+        if (req.method != "POST" || req.path != batchPath) return;
+        std::lock_guard lock(mutex);
+        const auto entry = activePeerPorts.find(req.remote_port);
+        if (entry != activePeerPorts.end()) activePeerPorts.erase(entry);
+    });
+
     // Answers that cpp-httplib makes itself (no route, a broken request line) get a text
     // too; every refusal is counted here, just before it is written.
     server.set_error_handler(httplib::Server::HandlerWithResponse([this](const httplib::Request& req,
@@ -254,14 +266,12 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     }
     struct Handled {
         Impl& impl;
-        int peerPort;
         ~Handled() {
             std::lock_guard lock(impl.mutex);
-            impl.activePeerPorts.erase(impl.activePeerPorts.find(peerPort));
             ++impl.handledRequests;
             impl.changed.notify_all();
         }
-    } handled{*this, req.remote_port};
+    } handled{*this};
 
     const auto hits = [number](int every) { return every > 0 && number % static_cast<std::uint64_t>(every) == 0; };
     const bool drop = hits(active.dropEvery);
@@ -365,6 +375,12 @@ void CollectorServer::start() {
     impl.server.set_keep_alive_max_count(1000);
     impl.server.set_keep_alive_timeout(5);
     impl.server.set_payload_max_length(impl.options.maxBodyBytes);
+    // Address reuse for quick restarts, but not port sharing: a second service on a port in
+    // use must fail rather than split the uploads with the first.
+    impl.server.set_socket_options([](int sock) {
+        int yes = 1;
+        ::setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     impl.routes();
 
     const std::string& host = impl.options.host;
@@ -381,7 +397,13 @@ void CollectorServer::start() {
     }
     impl.boundPort = port;
     impl.started = true;
-    impl.listener = std::thread([&impl] { impl.server.listen_after_bind(); });
+    impl.listener = std::thread([&impl] {
+        impl.server.listen_after_bind();
+        impl.listenerEnded = true;
+    });
+    // The server ignores a stop that comes before its accept loop runs, and the loop starts
+    // on the thread just made: wait for it (a matter of microseconds) so stop always works.
+    while (!impl.server.is_running() && !impl.listenerEnded) std::this_thread::yield();
 }
 
 void CollectorServer::stop() {
@@ -395,7 +417,8 @@ void CollectorServer::stop() {
     }
     impl.server.stop();
     // Idle keep-alive connections would hold their worker until the keep-alive time-out;
-    // closing their read side ends them now. Uploads in progress are left to finish.
+    // closing their read side ends them now. Uploads in progress are left to finish: a
+    // connection whose read side is closed counts as gone and would get no answer.
     std::multiset<int> active;
     {
         std::lock_guard lock(impl.mutex);
@@ -438,6 +461,16 @@ bool CollectorServer::waitForBatches(std::size_t count, std::chrono::millisecond
 bool CollectorServer::waitForBatchRequests(std::size_t count, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(impl_->mutex);
     return impl_->changed.wait_for(lock, timeout, [&] { return impl_->handledRequests >= count; });
+}
+
+}  // namespace rovalis::collector
+
+namespace rovalis::collector {
+
+bool CollectorServer::waitForStats(const std::function<bool(const Stats&)>& condition,
+                                   std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(impl_->mutex);
+    return impl_->changed.wait_for(lock, timeout, [&] { return condition(impl_->snapshotLocked()); });
 }
 
 }  // namespace rovalis::collector

@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -100,6 +101,9 @@ public:
     // have been handled (answered, refused, failed or dropped). True when reached.
     bool waitForBatches(std::size_t count, std::chrono::milliseconds timeout) const;
     bool waitForBatchRequests(std::size_t count, std::chrono::milliseconds timeout) const;
+    // Wait, up to the timeout, until the figures satisfy the condition (checked whenever a
+    // batch request moves on). True when they do.
+    bool waitForStats(const std::function<bool(const Stats&)>& condition, std::chrono::milliseconds timeout) const;
 
 private:
     struct Impl;
