@@ -19,16 +19,16 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(0, 65535));
     app.add_option("--db", database, "SQLite file that keeps the batches (default: in memory)");
-    app.add_option("--fail-every", options.faults.failEvery, "Fail every Nth upload")->check(CLI::NonNegativeNumber);
+    app.add_option("--fail-every", options.faults.failEvery, "Fail every Nth upload")->check(CLI::Range(0, 86400000));
     app.add_option("--fail-status", options.faults.failStatus, "Status of a failed upload")
         ->capture_default_str()
         ->check(CLI::Range(200, 599));
     app.add_option("--fail-body", options.faults.failBody, "Body of a failed upload")->capture_default_str();
-    app.add_option("--delay-ms", options.faults.delayMs, "Delay every upload's answer")->check(CLI::NonNegativeNumber);
+    app.add_option("--delay-ms", options.faults.delayMs, "Delay every upload's answer")->check(CLI::Range(0, 86400000));
     app.add_option("--drop-every", options.faults.dropEvery, "Close the connection of every Nth upload unanswered")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, 86400000));
     app.add_option("--garbage-every", options.faults.garbageEvery, "Answer every Nth upload 200 with a body that is not JSON")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::Range(0, 86400000));
     CLI11_PARSE(app, argc, argv);
     options.databasePath = database;
 
