@@ -1,0 +1,113 @@
+#pragma once
+
+// The local collection service: accepts the SDK's event batches over plain HTTP on a
+// loopback address, checks every request strictly, stores accepted batches in SQLite and
+// can inject faults. It runs on threads of its own, so a test can start one in-process.
+//
+// Endpoints
+//   POST /api/event_batches  the upload. Refusals are 4xx with a plain-text reason; an
+//                            accepted (or already accepted) batch is 200 with
+//                            {"message": "..."}.
+//   GET  /api/stats          the figures of Stats as JSON (see statsJson).
+//   GET  /control/faults     the fault settings as JSON.
+//   POST /control/faults     replaces the fault settings with a JSON object of these keys,
+//                            each optional (absent means off / the default):
+//                              {"fail_every": N, "fail_status": S, "fail_body": "text",
+//                               "delay_ms": N, "drop_every": N, "garbage_every": N}
+//                            and answers the new settings. Changing them restarts the
+//                            request count that "every N" refers to.
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "collector/CollectorStore.h"
+
+namespace rovalis::collector {
+
+// Faults apply to batch uploads only. "Every N" counts batch requests since the faults were
+// last set: request N, 2N, ... is hit. When several apply to one request, a drop wins over
+// a failure, which wins over garbage.
+struct FaultOptions {
+    int failEvery = 0;                       // answer failStatus with failBody; nothing is stored
+    int failStatus = 503;
+    std::string failBody = "injected failure";
+    int delayMs = 0;                         // every batch request waits this long before it is handled
+    int dropEvery = 0;                       // close the connection after the first part of the body, no answer
+    int garbageEvery = 0;                    // a valid batch is stored and answered 200 with a body that is not JSON
+
+    friend bool operator==(const FaultOptions&, const FaultOptions&) = default;
+};
+
+struct CollectorOptions {
+    std::string host = "127.0.0.1";
+    int port = 8080;                         // 0 picks a free port
+    std::filesystem::path databasePath;      // SQLite file; empty or ":memory:" keeps it in memory
+    FaultOptions faults;
+    std::size_t maxBodyBytes = 64u << 20;        // compressed, as received
+    std::size_t maxInflatedBytes = 512u << 20;   // the batch document
+};
+
+struct Stats {
+    std::int64_t batches = 0;                // stored batches (all runs on the same file)
+    std::int64_t events = 0;
+    std::map<std::string, std::int64_t> eventsByType;
+    std::int64_t devices = 0;
+    std::int64_t sequentialIdGaps = 0;
+    std::int64_t sequentialIdStepBacks = 0;
+    // The figures below count this run only.
+    std::int64_t batchRequests = 0;          // every request that reached the upload endpoint
+    std::int64_t duplicatesRefused = 0;      // answered 200, not stored again
+    std::map<int, std::int64_t> requestsRejected;      // by status, refusals of the checks
+    std::map<std::string, std::int64_t> faultsInjected;  // "fail", "drop", "garbage", "delay"
+};
+
+// {"batches", "events", "events_by_type", "devices", "sequential_id_gaps",
+//  "sequential_id_step_backs", "batch_requests", "duplicates_refused",
+//  "requests_rejected" (status text to count), "faults_injected"}
+std::string statsJson(const Stats& stats);
+
+class CollectorServer {
+public:
+    // Opens the database (throws std::runtime_error when it cannot); serves nothing yet.
+    explicit CollectorServer(CollectorOptions options);
+    ~CollectorServer();  // stops
+    CollectorServer(const CollectorServer&) = delete;
+    CollectorServer& operator=(const CollectorServer&) = delete;
+
+    // Binds and serves on threads of its own. Throws std::runtime_error naming the address
+    // when it cannot bind. Once it returns, connections are accepted.
+    void start();
+    // Stops accepting, lets requests in progress finish (their batches are stored) and
+    // closes idle connections. Safe to call more than once.
+    void stop();
+
+    int port() const;             // the bound port, once started
+    std::string baseURL() const;  // "http://<host>:<port>/"
+
+    Stats stats() const;
+    void setFaults(FaultOptions faults);
+    FaultOptions faults() const;
+
+    std::vector<StoredBatch> batches() const;  // in arrival order
+    std::vector<StoredEvent> events() const;   // in arrival order
+
+    // Wait, up to the timeout, until this many batches are stored / this many batch requests
+    // have been handled (answered, refused, failed or dropped). True when reached.
+    bool waitForBatches(std::size_t count, std::chrono::milliseconds timeout) const;
+    bool waitForBatchRequests(std::size_t count, std::chrono::milliseconds timeout) const;
+    // Wait, up to the timeout, until the figures satisfy the condition (checked whenever a
+    // batch request moves on). True when they do.
+    bool waitForStats(const std::function<bool(const Stats&)>& condition, std::chrono::milliseconds timeout) const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace rovalis::collector
