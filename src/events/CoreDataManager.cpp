@@ -76,9 +76,10 @@ struct CoreDataManager::Statements {
                           " ORDER BY tracked_at_ms DESC, id DESC LIMIT ?3"),
           count(db, "SELECT COUNT(*) FROM EventEntity"),
           deleteUpTo(db, "DELETE FROM EventEntity WHERE tracked_at_ms <= ?1"),
+          deleteUpToId(db, "DELETE FROM EventEntity WHERE id <= ?1"),
           deleteChunk(db, deleteChunkSql()) {}
 
-    sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteChunk;
+    sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
 };
 
 CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker)
@@ -357,6 +358,24 @@ long CoreDataManager::deleteUpTo(Date date) {
         }
         Console::log("Successfully deleted EventEntity objects");
         return deleted;
+    });
+}
+
+long CoreDataManager::deleteUpToId(std::int64_t id) {
+    return performAndWait([&]() -> long {
+        saveContext();
+        if (!loaded_) return 0;
+        auto& remove = statements_->deleteUpToId;
+        try {
+            sqlite::StatementReset resetAfter(remove);
+            remove.bind(1, id);
+            remove.run();
+        } catch (const sqlite::Error& error) {
+            failed("Failed to execute batch delete events request: ", error);
+            return 0;
+        }
+        Console::log("Successfully deleted EventEntity objects");
+        return db_->changes();
     });
 }
 

@@ -79,6 +79,8 @@ public:
     long count();
     // Both delete in one statement and transaction and return the number of rows removed.
     long deleteUpTo(Date date);
+    // Rows with an id up to and including the given one.
+    long deleteUpToId(std::int64_t id);
     long deleteObjects(const std::vector<std::int64_t>& ids);
 
     // The permanent identifier of a row as URI text, and back. A URI of another store or

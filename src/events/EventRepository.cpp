@@ -175,4 +175,23 @@ long EventRepository::deleteEventsWithUpTo(Date date) {
     return coreDataManager_.deleteUpTo(date);
 }
 
+long EventRepository::deleteEventsStoredUpTo(const std::string& uri) {
+    drainBuffer();
+    const auto id = coreDataManager_.objectIDForURIRepresentation(uri);
+    return id ? coreDataManager_.deleteUpToId(*id) : 0;
+}
+
+std::optional<std::string> EventRepository::lastStoredURIAmong(const std::vector<EventPayload>& payloads) {
+    std::optional<std::int64_t> last;
+    std::optional<std::string> uri;
+    for (const auto& payload : payloads) {
+        const auto id = coreDataManager_.objectIDForURIRepresentation(payload.uri);
+        if (id && (!last || *id > *last)) {
+            last = id;
+            uri = payload.uri;
+        }
+    }
+    return uri;
+}
+
 }  // namespace rovalis

@@ -61,10 +61,12 @@ public:
     std::vector<EventPayload> fetchEventsPayloadTo(const std::optional<std::string>& uri,
                                                    std::int64_t limit) override;
     std::vector<EventPayload> fetchLastEventsPayloadWithLimit(std::int64_t limit) override;
+    std::optional<std::string> lastStoredURIAmong(const std::vector<EventPayload>& payloads) override;
 
     // RVLEventDeletable
     long deleteEventsWithPayload(const std::vector<EventPayload>& payloads) override;
     long deleteEventsWithUpTo(Date date) override;
+    long deleteEventsStoredUpTo(const std::string& uri) override;
 
     CoreDataManager& coreDataManager() { return coreDataManager_; }
 

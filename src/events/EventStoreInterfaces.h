@@ -69,6 +69,8 @@ public:
                                                            std::int64_t limit) = 0;
     // Newest first.
     virtual std::vector<EventPayload> fetchLastEventsPayloadWithLimit(std::int64_t limit) = 0;
+    // Of the given payloads, the URI of the one stored last (not the newest by time), or none.
+    virtual std::optional<std::string> lastStoredURIAmong(const std::vector<EventPayload>& payloads) = 0;
 };
 
 class RVLEventDeletable {
@@ -76,6 +78,9 @@ public:
     virtual ~RVLEventDeletable() = default;
     virtual long deleteEventsWithPayload(const std::vector<EventPayload>& payloads) = 0;
     virtual long deleteEventsWithUpTo(Date date) = 0;
+    // Deletes the row the URI names and every row stored before it (rows are numbered in the
+    // order they were stored). A URI of another store deletes nothing.
+    virtual long deleteEventsStoredUpTo(const std::string& uri) = 0;
 };
 
 class RVLEventStorable : public RVLEventInsertable, public RVLEventFetchable, public RVLEventDeletable {};

@@ -76,6 +76,7 @@ nlohmann::json encode(const JournaledTask& task) {
             {"httpMethod", task.request.httpMethod},
             {"headers", std::move(headers)},
             {"properties", std::move(properties)},
+            {"textProperties", task.request.textProperties},
             {"bodyFile", task.bodyFile.string()},
             {"created", task.created.secondsSince1970}};
 }
@@ -92,6 +93,10 @@ JournaledTask decode(const nlohmann::json& entry) {
     }
     for (const auto& [name, seconds] : entry.at("properties").items()) {
         task.request.properties[name] = Date{seconds.get<double>()};
+    }
+    // Journals written before text properties existed have none.
+    if (const auto found = entry.find("textProperties"); found != entry.end()) {
+        task.request.textProperties = found->get<std::map<std::string, std::string>>();
     }
     task.bodyFile = entry.at("bodyFile").get<std::string>();
     task.created = Date{entry.at("created").get<double>()};

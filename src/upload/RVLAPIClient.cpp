@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* kTimestampFrom = "timestampFrom";
 constexpr const char* kTimestamp = "timestamp";
+// The last event the background batch holds, in the order the store kept them.
+constexpr const char* kLastStoredEventURI = "lastStoredEventURI";
 
 std::string orNull(const std::string& value) { return value.empty() ? std::string("(null)") : value; }
 
@@ -295,12 +297,14 @@ void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date tra
     task->resume();
 }
 
-void RVLAPIClient::sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo) {
+void RVLAPIClient::sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
+                                              const std::optional<std::string>& lastStoredEventURI) {
     // At most one background upload is pending.
     cancelPendingBackgroundTasks();
     UrlRequest request = requestWithContentLength(RVLCommons::fileSizeFor(file));
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
+    if (lastStoredEventURI) request.textProperties[kLastStoredEventURI] = *lastStoredEventURI;
     {
         std::lock_guard lock(mutex_);
         responseData_.clear();
@@ -472,7 +476,16 @@ void RVLAPIClient::handleBackgroundResponse(UrlSessionTask& task, const std::opt
         // Without the batch's last event time nothing tells which events were sent; they stay.
         if (found == properties.end()) return;
         eventUploadDateManager_->setLastSuccessfulEventUploadDate(found->second);
-        if (eventDeletable_) eventDeletable_->deleteEventsWithUpTo(found->second);
+        if (!eventDeletable_) return;
+        // Exactly the rows the batch held: deleting by time would also take events recorded
+        // after the batch was made with a time at or before its last one (its diagnostic
+        // event is stamped 100 ms ahead), which were never sent.
+        const auto& texts = task.originalRequest().textProperties;
+        if (const auto last = texts.find(kLastStoredEventURI); last != texts.end()) {
+            eventDeletable_->deleteEventsStoredUpTo(last->second);
+        } else {
+            eventDeletable_->deleteEventsWithUpTo(found->second);
+        }
         return;
     }
     // A task cancelled on purpose (by a newer upload or an invalidation) has nothing more to

@@ -105,7 +105,8 @@ public:
     bool canSendEvents() override;
     void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, SuccessBlock success,
                     FailureBlock failure) override;
-    void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo) override;
+    void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
+                                    const std::optional<std::string>& lastStoredEventURI = std::nullopt) override;
     void cancelPendingBackgroundTasks() override;
     void updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, Date trackedTo,
                                                    const std::optional<Error>& error) override;

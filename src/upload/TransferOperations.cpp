@@ -217,7 +217,7 @@ void RVLSendInBackgroundOperation::execute() {
     commons_->removeBackgroundTaskFolder();
     const auto file = commons_->writeBackgroundTaskFileWithData(*zipped, to);
     if (file && RVLCommons::fileExistsAt(*file)) {
-        api->sendEventsFileInBackground(*file, from, to);
+        api->sendEventsFileInBackground(*file, from, to, repository->lastStoredURIAmong(stored));
         finish();
     } else {
         finishWithFailure();

@@ -31,8 +31,10 @@ public:
     virtual void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, SuccessBlock success,
                             FailureBlock failure) = 0;
     // Hands a compressed batch file to the background session; the outcome is handled by the
-    // client itself (upload date stored, events up to trackedTo deleted).
-    virtual void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo) = 0;
+    // client itself: the upload date stored, and the events deleted, those stored up to
+    // lastStoredEventURI when given, else those tracked up to trackedTo.
+    virtual void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
+                                            const std::optional<std::string>& lastStoredEventURI) = 0;
     virtual void cancelPendingBackgroundTasks() = 0;
     // Tells the host's delegate, on the main run loop, how an upload ended.
     virtual void updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, Date trackedTo,

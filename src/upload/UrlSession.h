@@ -46,8 +46,10 @@ struct UrlRequest {
     std::string httpMethod = "GET";
     // In the order they are sent.
     std::vector<std::pair<std::string, std::string>> headers;
-    // Travel with the task and come back with it; never sent.
+    // Travel with the task and come back with it (a background task's survive a relaunch);
+    // never sent.
     std::map<std::string, Date> properties;
+    std::map<std::string, std::string> textProperties;
 
     // The first header of that name, compared without regard to case.
     std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const;

@@ -198,7 +198,7 @@ class TokenlessAPIClient final : public RVLAPIClientType {
 public:
     bool canSendEvents() override { return false; }
     void sendEvents(std::string, Date, Date, SuccessBlock, FailureBlock) override { ADD_FAILURE() << "no token"; }
-    void sendEventsFileInBackground(const std::filesystem::path&, Date, Date) override {}
+    void sendEventsFileInBackground(const std::filesystem::path&, Date, Date, const std::optional<std::string>&) override {}
     void cancelPendingBackgroundTasks() override { ++cancels; }
     void updateTransmitDataDelegateWithTrackedFrom(Date, Date, const std::optional<Error>& error) override {
         std::lock_guard lock(mutex);

@@ -107,6 +107,21 @@ TEST_F(EventRepositoryTest, DeleteUpToIncludesRowsAtThatTime) {
     EXPECT_EQ(times(rows()), std::vector<double>{30.0});
 }
 
+// What a batch held is told apart from what was stored after it by the order of storing,
+// not by time: a later row may carry an earlier time.
+TEST_F(EventRepositoryTest, DeleteStoredUpToFollowsTheOrderOfStoringNotTime) {
+    for (const double t : {30.0, 10.0, 20.0}) insertWaypointAt(t);
+    const auto batch = rows();  // by time: 10, 20, 30
+    EXPECT_EQ(repository_->lastStoredURIAmong(batch), batch[1].uri);  // 20 was stored last
+    insertWaypointAt(5.0);  // after the batch, with the earliest time
+
+    const std::string foreign = "x-rovalis-store://00000000-0000-4000-8000-000000000000/EventEntity/p9";
+    EXPECT_EQ(repository_->deleteEventsStoredUpTo(foreign), 0);
+    EXPECT_EQ(repository_->deleteEventsStoredUpTo(*repository_->lastStoredURIAmong(batch)), 3);
+    EXPECT_EQ(times(rows()), std::vector<double>{5.0});
+    EXPECT_EQ(repository_->lastStoredURIAmong({}), std::nullopt);
+}
+
 TEST_F(EventRepositoryTest, DeleteByPayloadRemovesExactlyTheNamedRowsOfThisStore) {
     for (const double t : {1.0, 2.0, 3.0}) insertWaypointAt(t);
     const auto all = rows();

@@ -132,6 +132,7 @@ std::string statsJson(const Stats& stats) {
                 {"sequential_id_step_backs", stats.sequentialIdStepBacks},
                 {"batch_requests", stats.batchRequests},
                 {"duplicates_refused", stats.duplicatesRefused},
+                {"body_bytes", stats.bodyBytes},
                 {"requests_rejected", rejected},
                 {"faults_injected", stats.faultsInjected}}
         .dump();
@@ -314,6 +315,10 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     if (!complete) {
         refuse(res, {400, "the request body ended before all of it arrived"});
         return;
+    }
+    {
+        std::lock_guard lock(mutex);
+        counters.bodyBytes += static_cast<std::int64_t>(body.size());
     }
 
     if (active.delayMs > 0) {

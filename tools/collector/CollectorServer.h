@@ -63,6 +63,7 @@ struct Stats {
     // The figures below count this run only.
     std::int64_t batchRequests = 0;          // every request that reached the upload endpoint
     std::int64_t duplicatesRefused = 0;      // answered 200, not stored again
+    std::int64_t bodyBytes = 0;              // request bodies received whole, as sent (compressed)
     std::map<int, std::int64_t> requestsRejected;      // by status, refusals of the checks
     std::map<std::string, std::int64_t> faultsInjected;  // "fail", "drop", "garbage", "delay"
 };

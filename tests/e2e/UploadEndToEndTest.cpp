@@ -1,0 +1,264 @@
+// The real upload path against the real collection service on loopback: the operations, the
+// API client, libcurl sessions and the event store, end to end.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <set>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include "collector/CollectorServer.h"
+#include "support/TestSupport.h"
+#include "support/UploadStack.h"
+#include "upload/TransferOperations.h"
+#include "upload/UrlSession.h"
+
+extern char** environ;
+
+namespace rovalis::test {
+namespace {
+
+using namespace std::chrono_literals;
+using collector::CollectorOptions;
+using collector::CollectorServer;
+using collector::FaultOptions;
+
+std::unique_ptr<CollectorServer> startCollector(int port = 0, std::filesystem::path database = {}) {
+    CollectorOptions options;
+    options.port = port;
+    options.databasePath = std::move(database);
+    auto server = std::make_unique<CollectorServer>(options);
+    server->start();
+    return server;
+}
+
+class UploadEndToEnd : public ::testing::Test {
+protected:
+    std::unique_ptr<UploadStack> makeStack(std::optional<double> foregroundTimeout = std::nullopt) {
+        UploadStackOptions options;
+        options.dataRoot = root.path();
+        options.baseURL = collector->baseURL();
+        options.foregroundTimeout = foregroundTimeout;
+        auto stack = std::make_unique<UploadStack>(options);
+        observer = stack->observer;
+        return stack;
+    }
+
+    TempDir root;
+    std::unique_ptr<CollectorServer> collector = startCollector();
+    std::shared_ptr<UploadObserver> observer;
+};
+
+TEST_F(UploadEndToEnd, BacklogGoesOutInOrderedBatchesOfAtMost20000EachExactlyOnce) {
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    const std::int64_t firstSequentialId = stack->credentials->sequentialId();
+    stack->storeWaypoints(45000);
+
+    ASSERT_TRUE(stack->sendEvents());
+
+    const auto batches = collector->batches();
+    ASSERT_EQ(batches.size(), 3u);
+    std::set<std::string> batchIds;
+    for (std::size_t i = 0; i < batches.size(); ++i) {
+        EXPECT_EQ(batches[i].sequentialId, firstSequentialId + static_cast<std::int64_t>(i));
+        EXPECT_EQ(batches[i].deviceId, stack->credentials->deviceId());
+        batchIds.insert(batches[i].id);
+    }
+    EXPECT_EQ(batches[0].eventCount, 20000);
+    EXPECT_EQ(batches[1].eventCount, 20000);
+    EXPECT_EQ(batches[2].eventCount, 5000 + UploadStack::ownEvents);
+    EXPECT_EQ(batchIds.size(), 3u);
+    EXPECT_FALSE(batchIds.contains(stack->credentials->batchId()));  // renewed after the last one
+    EXPECT_EQ(stack->credentials->sequentialId(), firstSequentialId + 3);
+
+    EXPECT_EQ(stack->events->eventsCount(), 0);
+    const auto stats = collector->stats();
+    EXPECT_EQ(stats.events, 45000 + UploadStack::ownEvents);
+    EXPECT_EQ(stats.eventsByType.at("Waypoint"), 45000);
+    EXPECT_EQ(stats.duplicatesRefused, 0);
+    EXPECT_EQ(stats.sequentialIdGaps, 0);
+    // Every waypoint arrived once, in order, before the stack's own newer event.
+    const auto stored = collector->events();
+    ASSERT_EQ(stored.size(), 45000u + UploadStack::ownEvents);
+    for (std::size_t i = 0; i < 45000; i += 4999) {
+        EXPECT_NE(stored[i].payload.find("\"tracked_at_ms\":" + std::to_string(1700000000000 + i * 1000)),
+                  std::string::npos);
+    }
+
+    const auto told = observer->waitForUploads(3);
+    ASSERT_EQ(told.size(), 3u);
+    EXPECT_FALSE(told[2].error);
+    EXPECT_EQ(told[0].to, Date{1700019999.0});
+    EXPECT_EQ(stack->userDefaults->lastSuccessfulEventUploadDate(), told[2].to);
+}
+
+TEST_F(UploadEndToEnd, RejectedBatchKeepsItsEventsAndIsResentUnderTheSameIdentity) {
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(45000);
+    FaultOptions rejectSecond;
+    rejectSecond.failEvery = 2;
+    rejectSecond.failStatus = 500;
+    rejectSecond.failBody = "try later";
+    collector->setFaults(rejectSecond);
+
+    EXPECT_FALSE(stack->sendEvents());
+    EXPECT_EQ(stack->events->eventsCount(), 25000 + UploadStack::ownEvents);
+    EXPECT_EQ(stack->userDefaults->lastSuccessfulEventUploadDate(), Date{1700019999.0});
+    const auto told = observer->waitForUploads(2);
+    ASSERT_EQ(told.size(), 2u);
+    ASSERT_TRUE(told[1].error);
+    EXPECT_EQ(told[1].error->domain, "com.rovalis.error.server");
+    EXPECT_EQ(told[1].error->code, 500);
+    EXPECT_EQ(told[1].error->localizedDescription, "try later");
+
+    const std::string rejectedBatchId = stack->credentials->batchId();
+    const std::int64_t rejectedSequentialId = stack->credentials->sequentialId();
+    collector->setFaults({});
+    ASSERT_TRUE(stack->sendEvents());
+    const auto batches = collector->batches();
+    ASSERT_EQ(batches.size(), 3u);
+    EXPECT_EQ(batches[1].id, rejectedBatchId);
+    EXPECT_EQ(batches[1].sequentialId, rejectedSequentialId);
+    EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 45000);
+    EXPECT_EQ(collector->stats().duplicatesRefused, 0);
+    EXPECT_EQ(stack->events->eventsCount(), 0);
+}
+
+TEST_F(UploadEndToEnd, WithoutATokenNothingIsSentAndTheHostIsTold) {
+    auto stack = makeStack();
+    stack->storeWaypoints(10);
+    EXPECT_FALSE(stack->sendEvents());
+    const auto told = observer->waitForUploads(1);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].error, userTokenIsNilError());
+    EXPECT_EQ(collector->stats().batchRequests, 0);
+    // The stack's own event and the debug record of the refusal.
+    EXPECT_EQ(stack->events->eventsCount(), 10 + UploadStack::ownEvents + 1);
+}
+
+TEST_F(UploadEndToEnd, HungServerTimesOutAndTheQueueMovesOn) {
+    auto stack = makeStack(1.0);
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(10);
+    FaultOptions hang;
+    hang.delayMs = 4000;
+    collector->setFaults(hang);
+    EXPECT_FALSE(stack->sendEvents());
+    const auto told = observer->waitForUploads(1);
+    ASSERT_EQ(told.size(), 1u);
+    ASSERT_TRUE(told[0].error);
+    EXPECT_EQ(told[0].error->domain, NSURLErrorDomain);
+    EXPECT_EQ(told[0].error->code, URLError::timedOut);
+
+    collector->setFaults({});
+    EXPECT_TRUE(stack->sendEvents());  // the next group runs, and the batch is not stored twice
+    ASSERT_TRUE(collector->waitForBatchRequests(2, 10s));
+    EXPECT_EQ(collector->stats().batches, 1);
+    EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 10);
+}
+
+TEST_F(UploadEndToEnd, PreShutdownWithTheServiceDownFallsBackToABackgroundUploadFromAFile) {
+    const int port = collector->port();
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(300);
+    collector.reset();  // the service is down: connections are refused
+
+    // The foreground send fails, the background send hands over a file: the group succeeds.
+    EXPECT_TRUE(stack->preShutDown());
+    const auto folder = stack->commons->backgroundTasksFolder();
+    ASSERT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
+    EXPECT_GE(stack->events->eventsCount(), 300 + UploadStack::ownEvents);
+
+    collector = startCollector(port);  // back: the pending upload is retried and delivered
+    ASSERT_TRUE(collector->waitForBatches(1, 20s));
+    const auto told = observer->waitForUploads(2);
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_FALSE(told[1].error);
+    const auto stats = collector->stats();
+    EXPECT_EQ(stats.batches, 1);
+    EXPECT_EQ(stats.eventsByType.at("Waypoint"), 300);
+    const auto stored = collector->events();
+    EXPECT_NE(stored.back().payload.find("TT->OFF NOT present"), std::string::npos);
+    // Exactly the delivered rows are deleted: only a debug record written while the batch
+    // was being made may be left, for the next upload.
+    for (const auto& left : stack->events->fetchEventsPayloadTo(std::nullopt, 0)) EXPECT_EQ(left.type, "Debug");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);  // the file stays
+}
+
+// ---- A process killed while its background upload is in flight
+
+constexpr const char* childRootVariable = "ROVALIS_E2E_CHILD_ROOT";
+constexpr const char* childURLVariable = "ROVALIS_E2E_CHILD_URL";
+
+// Runs only in the child process that the next test starts: hands the stored events to a
+// background upload and waits to be killed.
+TEST(UploadEndToEndChild, DISABLED_StartBackgroundUploadAndWait) {
+    const char* rootPath = std::getenv(childRootVariable);
+    const char* url = std::getenv(childURLVariable);
+    if (rootPath == nullptr || url == nullptr) GTEST_SKIP() << "runs only as the child of a relaunch test";
+    UploadStackOptions options;
+    options.dataRoot = rootPath;
+    options.baseURL = url;
+    UploadStack stack(options);
+    stack.operationsController->performBGTransmissionOperationWithCompletion([](bool) {});
+    for (;;) pause();
+}
+
+TEST_F(UploadEndToEnd, UploadInFlightWhenTheProcessDiesIsFinishedByTheNextLaunch) {
+    {
+        auto stack = makeStack();
+        stack->credentials->setAccessToken(sampleAccessToken());
+        stack->storeWaypoints(500);
+    }
+    FaultOptions holdRequests;
+    holdRequests.delayMs = 3000;
+    collector->setFaults(holdRequests);
+
+    const std::string rootVariable = std::string(childRootVariable) + "=" + root.path().string();
+    const std::string urlVariable = std::string(childURLVariable) + "=" + collector->baseURL();
+    std::vector<std::string> environment = {rootVariable, urlVariable};
+    for (char** entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
+    std::vector<char*> envp;
+    for (auto& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    std::string program = std::filesystem::read_symlink("/proc/self/exe");
+    std::string filter = "--gtest_filter=UploadEndToEndChild.DISABLED_StartBackgroundUploadAndWait";
+    std::string alsoDisabled = "--gtest_also_run_disabled_tests";
+    char* argv[] = {program.data(), filter.data(), alsoDisabled.data(), nullptr};
+    pid_t child = 0;
+    ASSERT_EQ(posix_spawn(&child, program.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+
+    // Killed while the service holds its request.
+    const bool requestArrived = collector->waitForStats(
+        [](const auto& stats) { return stats.faultsInjected.contains("delay"); }, 30s);
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(requestArrived);
+    collector->setFaults({});
+
+    // The next launch finds the journaled upload, sends it again and delivers the outcome.
+    auto stack = makeStack();
+    const auto told = observer->waitForUploads(1);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_FALSE(told[0].error);
+    ASSERT_TRUE(collector->waitForBatchRequests(2, 10s));
+
+    const auto stats = collector->stats();
+    EXPECT_EQ(stats.batches, 1);
+    EXPECT_EQ(stats.eventsByType.at("Waypoint"), 500);
+    EXPECT_EQ(stats.duplicatesRefused, 1);
+    // Only what this launch recorded after the batch is left.
+    EXPECT_EQ(stack->events->eventsCount(), UploadStack::ownEvents);
+}
+
+}  // namespace
+}  // namespace rovalis::test
