@@ -197,19 +197,22 @@ void RVLSendInBackgroundOperation::execute() {
         finishWithFailure();
         return;
     }
-    const auto stored = repository->fetchEventsPayloadTo(std::nullopt, std::numeric_limits<std::int64_t>::max());
+    auto stored = repository->fetchEventsPayloadTo(std::nullopt, std::numeric_limits<std::int64_t>::max());
     if (stored.empty()) {
         finish();
         return;
     }
-    const auto payloads = diagnoseEventBatch(stored);
+    const auto lastStoredURI = repository->lastStoredURIAmong(stored);
+    auto payloads = diagnoseEventBatch(std::move(stored));
     const Date from = payloads.front().trackedAtMs;
     const Date to = payloads.back().trackedAtMs;
 
+    // The whole store is in memory here: each stage's input goes as soon as the next exists.
+    std::string batch = generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId());
+    std::vector<EventPayload>().swap(payloads);
     Error compressionError;
-    const auto zipped =
-        compressed(generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId()),
-                   compressionError);
+    const auto zipped = compressed(batch, compressionError);
+    std::string().swap(batch);
     if (!zipped) {
         finishWithFailure();
         return;
@@ -217,16 +220,15 @@ void RVLSendInBackgroundOperation::execute() {
     commons_->removeBackgroundTaskFolder();
     const auto file = commons_->writeBackgroundTaskFileWithData(*zipped, to);
     if (file && RVLCommons::fileExistsAt(*file)) {
-        api->sendEventsFileInBackground(*file, from, to, repository->lastStoredURIAmong(stored));
+        api->sendEventsFileInBackground(*file, from, to, lastStoredURI);
         finish();
     } else {
         finishWithFailure();
     }
 }
 
-std::vector<EventPayload> RVLSendInBackgroundOperation::diagnoseEventBatch(const std::vector<EventPayload>& payloads) {
-    std::vector<EventPayload> result = payloads;
-    if (payloads.empty()) return result;
+std::vector<EventPayload> RVLSendInBackgroundOperation::diagnoseEventBatch(std::vector<EventPayload> payloads) {
+    if (payloads.empty()) return payloads;
 
     std::map<std::string, long> countByType;
     bool forcedSwitchOff = false;
@@ -249,8 +251,8 @@ std::vector<EventPayload> RVLSendInBackgroundOperation::diagnoseEventBatch(const
 
     const Date trackedAt = payloads.back().trackedAtMs.addingSeconds(0.1);
     const Debug diagnostic(trackedAt, Debug::Topic::log, comment);
-    result.push_back(EventPayload{"Debug", trackedAt, EventEncoder().encode(diagnostic), ""});
-    return result;
+    payloads.push_back(EventPayload{"Debug", trackedAt, EventEncoder().encode(diagnostic), ""});
+    return payloads;
 }
 
 }  // namespace rovalis

@@ -102,10 +102,11 @@ public:
     void execute() override;
     bool isDependentOnPrevious() const override { return true; }
 
-    // A copy of the payloads with one Debug event appended: the count of each type (the
-    // diagnostic itself counted under "Debug") and whether a switch-off by the host is among
-    // them, tracked 100 ms after the last payload. It travels only in the batch.
-    static std::vector<EventPayload> diagnoseEventBatch(const std::vector<EventPayload>& payloads);
+    // The payloads with one Debug event appended: the count of each type (the diagnostic
+    // itself counted under "Debug") and whether a switch-off by the host is among them,
+    // tracked 100 ms after the last payload. It travels only in the batch. Taken by value,
+    // so that a caller done with the list moves it in rather than copying the whole store.
+    static std::vector<EventPayload> diagnoseEventBatch(std::vector<EventPayload> payloads);
 
 private:
     const std::weak_ptr<RVLEventFetchable> eventRepository_;
