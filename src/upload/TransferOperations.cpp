@@ -12,15 +12,6 @@
 
 namespace rovalis {
 
-namespace {
-
-// Compresses a batch document; the zlib error on failure.
-std::optional<std::string> compressed(const std::string& batch, Error& error) {
-    return dataByGZipCompressingWithError(batch, &error);
-}
-
-}  // namespace
-
 Error userTokenIsNilError() {
     return Error{NSURLErrorDomain, 401, "Data transmission error: user token is nil"};
 }
@@ -127,7 +118,7 @@ std::optional<Error> RVLSendOperation::prepareAndSendData() {
         const std::string batch =
             generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId());
         Error compressionError;
-        auto zipped = compressed(batch, compressionError);
+        auto zipped = dataByGZipCompressingWithError(batch, &compressionError);
         if (!zipped) return compressionError;
         if (auto error = sendZippedEventBatchData(std::move(*zipped), from, to)) return error;
 
@@ -211,7 +202,7 @@ void RVLSendInBackgroundOperation::execute() {
     std::string batch = generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId());
     std::vector<EventPayload>().swap(payloads);
     Error compressionError;
-    const auto zipped = compressed(batch, compressionError);
+    const auto zipped = dataByGZipCompressingWithError(batch, &compressionError);
     std::string().swap(batch);
     if (!zipped) {
         finishWithFailure();
