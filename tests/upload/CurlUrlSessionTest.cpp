@@ -2,17 +2,17 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <set>
+#include <map>
 #include <thread>
 
 #include "support/TestSupport.h"
@@ -29,26 +29,21 @@ using test::TempDir;
 constexpr auto kWait = 20s;
 
 // A loopback HTTP/1.1 peer that sees requests byte for byte, for what a structured server
-// hides (header order) or will not do (hang, cut a response short). One connection at a
-// time; until listen() its port refuses connections.
+// hides (header order, connection reuse) or will not do (hang, cut a response short). One
+// connection at a time; until listen() its port refuses connections.
 class RawServer {
 public:
     // Writes the response to fd; answers whether to keep reading requests on it.
     using Handler = std::function<bool(int fd, const std::string& request)>;
 
     explicit RawServer(Handler handler) : handler_(std::move(handler)) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
         ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
         port_ = ntohs(address.sin_port);
     }
-
     ~RawServer() {
-        stopping_ = true;
         ::shutdown(fd_, SHUT_RDWR);
         {
             std::lock_guard lock(mutex_);
@@ -62,13 +57,9 @@ public:
         ASSERT_EQ(::listen(fd_, 16), 0);
         thread_ = std::thread([this] { serve(); });
     }
-
     int port() const { return port_; }
-    std::string url(const std::string& path = "/api/event_batches") const {
-        return "http://127.0.0.1:" + std::to_string(port_) + path;
-    }
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/api/event_batches"; }
     int accepted() const { return accepted_.load(); }
-
     std::vector<std::string> requests() const {
         std::lock_guard lock(mutex_);
         return requests_;
@@ -78,31 +69,25 @@ public:
         return changed_.wait_for(lock, kWait, [&] { return requests_.size() >= count; });
     }
 
-    static bool respond(int fd, const std::string& bytes) {
-        return ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
+    static void respond(int fd, const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     // Holds the connection without answering until the client gives up on it.
     static bool hang(int fd, const std::string&) {
-        char byte;
-        while (::recv(fd, &byte, 1, 0) > 0) {
+        for (char byte; ::recv(fd, &byte, 1, 0) > 0;) {
         }
         return false;
     }
 
 private:
+    // Empty once the peer has gone.
     static std::string readRequest(int fd) {
         std::string data;
-        char buffer[4096];
-        std::size_t end = std::string::npos;
-        while ((end = data.find("\r\n\r\n")) == std::string::npos) {
-            const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-            if (got <= 0) return {};
-            data.append(buffer, static_cast<std::size_t>(got));
-        }
-        std::size_t length = 0;
-        const auto at = data.find("Content-Length: ");
-        if (at != std::string::npos && at < end) length = std::stoul(data.substr(at + 16));
-        while (data.size() < end + 4 + length) {
+        const auto complete = [&] {
+            const auto end = data.find("\r\n\r\n");
+            const auto at = data.find("Content-Length: ");
+            return end != std::string::npos &&
+                   data.size() >= end + 4 + (at < end ? std::stoul(data.substr(at + 16)) : 0);
+        };
+        for (char buffer[4096]; !complete();) {
             const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
             if (got <= 0) return {};
             data.append(buffer, static_cast<std::size_t>(got));
@@ -111,17 +96,10 @@ private:
     }
 
     void serve() {
-        while (!stopping_) {
-            const int connection = ::accept(fd_, nullptr, nullptr);
-            if (connection < 0) return;
+        for (int connection; (connection = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(connection)) {
             ++accepted_;
-            {
-                std::lock_guard lock(mutex_);
-                connection_ = connection;
-            }
-            for (;;) {
-                const std::string request = readRequest(connection);
-                if (request.empty()) break;
+            setConnection(connection);
+            for (std::string request; !(request = readRequest(connection)).empty();) {
                 {
                     std::lock_guard lock(mutex_);
                     requests_.push_back(request);
@@ -129,18 +107,17 @@ private:
                 changed_.notify_all();
                 if (!handler_(connection, request)) break;
             }
-            {
-                std::lock_guard lock(mutex_);
-                connection_ = -1;
-            }
-            ::close(connection);
+            setConnection(-1);
         }
+    }
+    void setConnection(int connection) {
+        std::lock_guard lock(mutex_);
+        connection_ = connection;
     }
 
     Handler handler_;
-    int fd_ = -1;
+    int fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     int port_ = 0;
-    std::atomic<bool> stopping_{false};
     std::atomic<int> accepted_{0};
     std::thread thread_;
     mutable std::mutex mutex_;
@@ -149,53 +126,43 @@ private:
     int connection_ = -1;
 };
 
+const std::string kCreated = "HTTP/1.1 201 Created\r\nContent-Length: 13\r\n\r\n{\"message\":1}";
+
 bool answerCreated(int fd, const std::string&) {
-    RawServer::respond(fd, "HTTP/1.1 201 Created\r\nContent-Length: 13\r\nConnection: close\r\n\r\n"
-                                  "{\"message\":1}");
+    RawServer::respond(fd, kCreated);
     return false;
 }
 
 // The network as the sessions see it, settable by the test.
 class TestNetwork final : public NetworkMonitor {
 public:
-    class Target final : public NetworkReachabilityTarget {
-    public:
-        explicit Target(TestNetwork& network) : network_(network) {}
-        ~Target() override { setCallback({}, nullptr); }
-        std::optional<std::uint32_t> flags() const override { return network_.flags_.load(); }
-        bool setCallback(std::function<void(std::uint32_t)> callback, Executor* queue) override {
-            std::lock_guard lock(network_.mutex_);
-            if (callback && queue) {
-                network_.watchers_[this] = {std::move(callback), queue};
-            } else {
-                network_.watchers_.erase(this);
-            }
-            return true;
-        }
-
-    private:
-        TestNetwork& network_;
-    };
-
-    explicit TestNetwork(std::uint32_t flags = ReachabilityFlags::reachable) : flags_(flags) {}
-
     std::unique_ptr<NetworkReachabilityTarget> reachabilityForHost(const std::string&) override {
         return std::make_unique<Target>(*this);
     }
     std::unique_ptr<NetworkReachabilityTarget> reachabilityForZeroAddress() override {
         return std::make_unique<Target>(*this);
     }
-
     void setFlags(std::uint32_t flags) {
         flags_ = flags;
         std::lock_guard lock(mutex_);
         for (auto& [target, watcher] : watchers_) {
-            watcher.second->async([callback = watcher.first, flags] { callback(flags); });
+            if (watcher.second) watcher.second->async([callback = watcher.first, flags] { callback(flags); });
         }
     }
 
 private:
-    std::atomic<std::uint32_t> flags_;
+    struct Target final : NetworkReachabilityTarget {
+        explicit Target(TestNetwork& network) : network(network) {}
+        std::optional<std::uint32_t> flags() const override { return network.flags_.load(); }
+        bool setCallback(std::function<void(std::uint32_t)> callback, Executor* queue) override {
+            std::lock_guard lock(network.mutex_);
+            network.watchers_[this] = {std::move(callback), queue};  // a null queue stops the calls
+            return true;
+        }
+        TestNetwork& network;
+    };
+
+    std::atomic<std::uint32_t> flags_{ReachabilityFlags::reachable};
     std::mutex mutex_;
     std::map<Target*, std::pair<std::function<void(std::uint32_t)>, Executor*>> watchers_;
 };
@@ -204,27 +171,25 @@ private:
 class Recorder final : public UrlSessionDelegate {
 public:
     struct Completion {
-        std::uint64_t task = 0;
         long status = 0;
         std::optional<Error> error;
         std::string body;
+        std::uint64_t task = 0;
         std::map<std::string, Date> properties;
         bool journalPresent = false;
     };
 
     void didReceiveData(UrlSession&, UrlSessionTask& task, std::string_view data) override {
         std::lock_guard lock(mutex_);
-        events_.push_back("data");
+        if (bodies_[task.taskIdentifier()].empty()) events_.push_back("data");
         bodies_[task.taskIdentifier()].append(data);
-        changed_.notify_all();
     }
     void didCompleteWithError(UrlSession&, UrlSessionTask& task, const std::optional<Error>& error) override {
+        const bool journalPresent = journal_ && std::filesystem::exists(*journal_);
         std::lock_guard lock(mutex_);
-        events_.push_back("complete");
-        completions_.push_back({task.taskIdentifier(), task.statusCode(), error, bodies_[task.taskIdentifier()],
-                                task.originalRequest().properties,
-                                journal_ && std::filesystem::exists(*journal_)});
-        changed_.notify_all();
+        completions_.push_back({task.statusCode(), error, bodies_[task.taskIdentifier()], task.taskIdentifier(),
+                                task.originalRequest().properties, journalPresent});
+        noteLocked("complete");
     }
     void didFinishEventsForBackgroundURLSession(UrlSession&) override { note("finish"); }
     void didBecomeInvalidWithError(UrlSession&, const std::optional<Error>& error) override {
@@ -235,12 +200,13 @@ public:
         request.setValueForHTTPHeaderField("Bearer restored-token", "Authorization");
     }
 
-    void watchJournal(std::filesystem::path file) { journal_ = std::move(file); }
-
-    bool waitForEvent(const std::string& event) {
+    std::optional<std::filesystem::path> journal_;  // set before the session starts
+    // Waits until the event has happened count times.
+    bool waitFor(const std::string& event, std::size_t count = 1) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kWait,
-                                 [&] { return std::find(events_.begin(), events_.end(), event) != events_.end(); });
+        return changed_.wait_for(lock, kWait, [&] {
+            return static_cast<std::size_t>(std::count(events_.begin(), events_.end(), event)) >= count;
+        });
     }
     std::vector<std::string> events() const {
         std::lock_guard lock(mutex_);
@@ -250,14 +216,13 @@ public:
         std::lock_guard lock(mutex_);
         return completions_;
     }
-    bool waitForCompletions(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kWait, [&] { return completions_.size() >= count; });
-    }
 
 private:
     void note(std::string event) {
         std::lock_guard lock(mutex_);
+        noteLocked(std::move(event));
+    }
+    void noteLocked(std::string event) {
         events_.push_back(std::move(event));
         changed_.notify_all();
     }
@@ -267,7 +232,6 @@ private:
     std::vector<std::string> events_;
     std::map<std::uint64_t, std::string> bodies_;
     std::vector<Completion> completions_;
-    std::optional<std::filesystem::path> journal_;
 };
 
 UrlRequest uploadRequest(const std::string& url, std::size_t length) {
@@ -285,19 +249,19 @@ UrlRequest uploadRequest(const std::string& url, std::size_t length) {
     return request;
 }
 
-// Bytes that a text-minded layer would mangle, and long enough to make a client ask for
-// "100-continue" if it were allowed to.
-std::string binaryBody(std::size_t size) {
-    std::string body(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) body[i] = static_cast<char>((i * 131 + 7) & 0xFF);
-    return body;
+// The request head exactly as it must go out: the caller's headers in the caller's order,
+// nothing added but Host (no "Expect: 100-continue" however long the body).
+std::vector<std::string> expectedHead(const RawServer& server, std::size_t length) {
+    return {"POST /api/event_batches HTTP/1.1", "Host: 127.0.0.1:" + std::to_string(server.port()),
+            "Content-Type: application/octet-stream", "X-Content-Encoding: gzip", "Accept: application/json",
+            "User-Agent: {\"app_name\":\"Demo\"}", "Accept-Language: en", "Authorization: Bearer secret-token",
+            "Content-Length: " + std::to_string(length)};
 }
 
-std::vector<std::string> headerLines(const std::string& request) {
+std::vector<std::string> headOf(const std::string& request) {
     std::vector<std::string> lines;
     const auto end = request.find("\r\n\r\n");
-    std::size_t at = request.find("\r\n") + 2;
-    while (at < end) {
+    for (std::size_t at = 0; at < end;) {
         const auto next = request.find("\r\n", at);
         lines.push_back(request.substr(at, next - at));
         at = next + 2;
@@ -307,16 +271,28 @@ std::vector<std::string> headerLines(const std::string& request) {
 
 std::string bodyOf(const std::string& request) { return request.substr(request.find("\r\n\r\n") + 4); }
 
+// Bytes that a text-minded layer would mangle.
+std::string binaryBody(std::size_t size) {
+    std::string body(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) body[i] = static_cast<char>((i * 131 + 7) & 0xFF);
+    return body;
+}
+
 class CurlUrlSessionTest : public ::testing::Test {
 protected:
     std::shared_ptr<CurlUrlSessionFactory> makeFactory(CurlUrlSessionOptions options = {}) {
         return std::make_shared<CurlUrlSessionFactory>(dir_ / "BackgroundSessions", network_, runLoop_, clock_,
                                                        tracker_, options);
     }
+    std::shared_ptr<UrlSession> backgroundSession(std::shared_ptr<CurlUrlSessionFactory> factory,
+                                                  const std::string& identifier,
+                                                  std::shared_ptr<Recorder> delegate = nullptr) {
+        return factory->makeSession(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier),
+                                    delegate ? delegate : delegate_);
+    }
     std::filesystem::path bodyFile(const std::string& name, const std::string& bytes) {
-        const auto path = dir_ / name;
-        test::writeFile(path, bytes);
-        return path;
+        test::writeFile(dir_ / name, bytes);
+        return dir_ / name;
     }
 
     TempDir dir_;
@@ -327,140 +303,64 @@ protected:
     std::shared_ptr<Recorder> delegate_ = std::make_shared<Recorder>();
 };
 
-TEST_F(CurlUrlSessionTest, SendsExactlyTheRequestsHeadersAndBodyFromMemoryAndFile) {
-    RawServer server(answerCreated);
+TEST_F(CurlUrlSessionTest, SendsExactlyTheRequestFromMemoryAndFileOverOneConnection) {
+    RawServer server([](int fd, const std::string&) {
+        RawServer::respond(fd, kCreated);
+        return true;  // keeps the connection open for the next request
+    });
     server.listen();
     auto factory = makeFactory();
     auto session = factory->makeSession(UrlSessionConfiguration::defaultSessionConfiguration(), delegate_);
 
     const std::string memoryBody = binaryBody(3000);
     const std::string fileBody = binaryBody(70000);
-    const auto request = uploadRequest(server.url(), memoryBody.size());
-    session->uploadTaskWithRequest(request, memoryBody)->resume();
-    ASSERT_TRUE(delegate_->waitForCompletions(1));
+    session->uploadTaskWithRequest(uploadRequest(server.url(), memoryBody.size()), memoryBody)->resume();
+    ASSERT_TRUE(delegate_->waitFor("complete"));
     session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), fileBody.size()),
                                            bodyFile("batch", fileBody))->resume();
-    ASSERT_TRUE(delegate_->waitForCompletions(2));
+    ASSERT_TRUE(delegate_->waitFor("complete", 2));
 
     const auto requests = server.requests();
     ASSERT_EQ(requests.size(), 2u);
-    for (std::size_t i = 0; i < 2; ++i) {
-        const std::size_t length = i == 0 ? memoryBody.size() : fileBody.size();
-        EXPECT_EQ(requests[i].substr(0, requests[i].find("\r\n")), "POST /api/event_batches HTTP/1.1");
-        EXPECT_EQ(headerLines(requests[i]),
-                  (std::vector<std::string>{"Host: 127.0.0.1:" + std::to_string(server.port()),
-                                            "Content-Type: application/octet-stream", "X-Content-Encoding: gzip",
-                                            "Accept: application/json", "User-Agent: {\"app_name\":\"Demo\"}",
-                                            "Accept-Language: en", "Authorization: Bearer secret-token",
-                                            "Content-Length: " + std::to_string(length)}));
-        EXPECT_EQ(bodyOf(requests[i]), i == 0 ? memoryBody : fileBody);
-    }
+    EXPECT_EQ(headOf(requests[0]), expectedHead(server, memoryBody.size()));
+    EXPECT_EQ(bodyOf(requests[0]), memoryBody);
+    EXPECT_EQ(headOf(requests[1]), expectedHead(server, fileBody.size()));
+    EXPECT_EQ(bodyOf(requests[1]), fileBody);
+    EXPECT_EQ(server.accepted(), 1);
     // Body before completion, for each task.
     EXPECT_EQ(delegate_->events(), (std::vector<std::string>{"data", "complete", "data", "complete"}));
     for (const auto& completion : delegate_->completions()) {
         EXPECT_EQ(completion.status, 201);
         EXPECT_FALSE(completion.error);
         EXPECT_EQ(completion.body, "{\"message\":1}");
-        EXPECT_EQ(completion.properties.at("timestamp"), Date{1700000100.5});
     }
-    EXPECT_TRUE(session->allTasks().empty());
 }
 
-TEST_F(CurlUrlSessionTest, ReusesOneConnectionAcrossUploads) {
-    httplib::Server server;
-    server.set_tcp_nodelay(true);
-    std::mutex mutex;
-    std::set<int> clientPorts;
-    server.set_pre_routing_handler([&](const httplib::Request& request, httplib::Response&) {
-        std::lock_guard lock(mutex);
-        clientPorts.insert(request.remote_port);
-        return httplib::Server::HandlerResponse::Unhandled;
-    });
-    server.Post("/api/event_batches", [](const httplib::Request& request, httplib::Response& response) {
-        response.status = request.body.size() == 5 ? 200 : 400;
-        response.set_content("{}", "application/json");
-    });
-    const int port = server.bind_to_any_port("127.0.0.1");
-    std::thread listener([&] { server.listen_after_bind(); });
-
-    {
-        auto factory = makeFactory();
-        auto session = factory->makeSession(UrlSessionConfiguration::defaultSessionConfiguration(), delegate_);
-        const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/api/event_batches";
-        for (std::size_t i = 1; i <= 3; ++i) {
-            session->uploadTaskWithRequest(uploadRequest(url, 5), "abcde")->resume();
-            ASSERT_TRUE(delegate_->waitForCompletions(i));
-        }
-    }
-    server.stop();
-    listener.join();
-    for (const auto& completion : delegate_->completions()) EXPECT_EQ(completion.status, 200);
-    EXPECT_EQ(clientPorts.size(), 1u);
-}
-
-TEST_F(CurlUrlSessionTest, TransportFailuresBecomeUrlErrors) {
+TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect) {
     RawServer hung(RawServer::hang);
-    hung.listen();
     RawServer cutShort([](int fd, const std::string&) {
         RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"mess");
         return false;
     });
-    cutShort.listen();
     RawServer refusing(RawServer::hang);  // bound, never listening
-
+    RawServer server(answerCreated);
+    hung.listen();
+    cutShort.listen();
+    server.listen();
     auto factory = makeFactory();
     auto configuration = UrlSessionConfiguration::defaultSessionConfiguration();
     configuration.timeoutIntervalForRequest = 1.0;
     auto session = factory->makeSession(configuration, delegate_);
 
-    struct Case {
-        std::string url;
-        long code;
-    };
-    const std::vector<Case> cases = {{hung.url(), URLError::timedOut},
-                                     {refusing.url(), URLError::cannotConnectToHost},
-                                     {cutShort.url(), URLError::networkConnectionLost}};
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(cases[i].url);
-        session->uploadTaskWithRequest(uploadRequest(cases[i].url, 3), "abc")->resume();
-        ASSERT_TRUE(delegate_->waitForCompletions(i + 1));
-        const auto completion = delegate_->completions()[i];
-        ASSERT_TRUE(completion.error);
-        EXPECT_EQ(completion.error->domain, NSURLErrorDomain);
-        EXPECT_EQ(completion.error->code, cases[i].code);
-        EXPECT_FALSE(completion.error->localizedDescription.empty());
-    }
-
-    // A cancel ends a hung request long before its time-out would.
-    auto patient = UrlSessionConfiguration::defaultSessionConfiguration();
-    patient.timeoutIntervalForRequest = 600;
-    auto patientDelegate = std::make_shared<Recorder>();
-    auto patientSession = factory->makeSession(patient, patientDelegate);
-    auto task = patientSession->uploadTaskWithRequest(uploadRequest(hung.url(), 3), "abc");
-    task->resume();
-    ASSERT_TRUE(hung.waitForRequests(2));
-    EXPECT_EQ(patientSession->allTasks().size(), 1u);
-    task->cancel();
-    ASSERT_TRUE(patientDelegate->waitForCompletions(1));
-    EXPECT_EQ(patientDelegate->completions()[0].error->code, URLError::cancelled);
-    EXPECT_TRUE(patientSession->allTasks().empty());
-}
-
-TEST_F(CurlUrlSessionTest, RefusedRequestsNeverConnect) {
-    RawServer server(answerCreated);
-    server.listen();
-    auto factory = makeFactory();
-    auto session = factory->makeSession(UrlSessionConfiguration::defaultSessionConfiguration(), delegate_);
-
     auto injected = uploadRequest(server.url(), 3);
     injected.setValueForHTTPHeaderField("Bearer x\r\nX-Evil: 1", "Authorization");
     auto controlCharacter = uploadRequest(server.url(), 3);
     controlCharacter.setValueForHTTPHeaderField(std::string("a\0b", 3), "Accept-Language");
-    struct Case {
-        UrlRequest request;
-        long code;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<UrlRequest, long>> cases = {
+        {uploadRequest(hung.url(), 3), URLError::timedOut},
+        {uploadRequest(refusing.url(), 3), URLError::cannotConnectToHost},
+        {uploadRequest(cutShort.url(), 3), URLError::networkConnectionLost},
+        // Refused before connecting.
         {uploadRequest("http://collector.invalid/api/event_batches", 3), URLError::unsupportedURL},
         {uploadRequest("ftp://127.0.0.1:" + std::to_string(server.port()) + "/x", 3), URLError::unsupportedURL},
         {uploadRequest("not a url", 3), URLError::badURL},
@@ -469,28 +369,41 @@ TEST_F(CurlUrlSessionTest, RefusedRequestsNeverConnect) {
         {uploadRequest(server.url(), 4), URLError::badURL},  // Content-Length disagrees with the body
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE(cases[i].request.url);
-        session->uploadTaskWithRequest(cases[i].request, "abc")->resume();
-        ASSERT_TRUE(delegate_->waitForCompletions(i + 1));
-        ASSERT_TRUE(delegate_->completions()[i].error);
-        EXPECT_EQ(delegate_->completions()[i].error->code, cases[i].code);
-        EXPECT_EQ(delegate_->completions()[i].error->localizedDescription.find("Bearer"), std::string::npos);
+        SCOPED_TRACE(cases[i].first.url);
+        session->uploadTaskWithRequest(cases[i].first, "abc")->resume();
+        ASSERT_TRUE(delegate_->waitFor("complete", i + 1));
+        const auto error = delegate_->completions()[i].error;
+        ASSERT_TRUE(error);
+        EXPECT_EQ(error->domain, NSURLErrorDomain);
+        EXPECT_EQ(error->code, cases[i].second);
+        EXPECT_FALSE(error->localizedDescription.empty());
+        EXPECT_EQ(error->localizedDescription.find("Bearer"), std::string::npos);
     }
     EXPECT_EQ(server.accepted(), 0);
 
-    // Offline, or cellular only for a session that may not use it: refused at once.
-    network_->setFlags(0);
-    session->uploadTaskWithRequest(uploadRequest(server.url(), 3), "abc")->resume();
-    ASSERT_TRUE(delegate_->waitForCompletions(cases.size() + 1));
-    network_->setFlags(ReachabilityFlags::reachable | ReachabilityFlags::isWWAN);
+    // A cancel ends a hung request long before its time-out would.
     auto wifiOnly = UrlSessionConfiguration::defaultSessionConfiguration();
     wifiOnly.allowsCellularAccess = false;
     auto wifiDelegate = std::make_shared<Recorder>();
     auto wifiSession = factory->makeSession(wifiOnly, wifiDelegate);
-    auto remote = uploadRequest("https://collector.invalid/api/event_batches", 3);
-    wifiSession->uploadTaskWithRequest(remote, "abc")->resume();
-    ASSERT_TRUE(wifiDelegate->waitForCompletions(1));
-    for (const auto& error : {delegate_->completions().back().error, wifiDelegate->completions()[0].error}) {
+    auto task = wifiSession->uploadTaskWithRequest(uploadRequest(hung.url(), 3), "abc");
+    task->resume();
+    ASSERT_TRUE(hung.waitForRequests(2));
+    EXPECT_EQ(wifiSession->allTasks().size(), 1u);
+    task->cancel();
+    ASSERT_TRUE(wifiDelegate->waitFor("complete"));
+    EXPECT_EQ(wifiDelegate->completions()[0].error->code, URLError::cancelled);
+    EXPECT_TRUE(wifiSession->allTasks().empty());
+
+    // Offline, or cellular only for a session that may not use it: refused at once.
+    network_->setFlags(0);
+    session->uploadTaskWithRequest(uploadRequest(server.url(), 3), "abc")->resume();
+    ASSERT_TRUE(delegate_->waitFor("complete", cases.size() + 1));
+    network_->setFlags(ReachabilityFlags::reachable | ReachabilityFlags::isWWAN);
+    wifiSession->uploadTaskWithRequest(uploadRequest("https://collector.invalid/api/event_batches", 3), "abc")
+        ->resume();
+    ASSERT_TRUE(wifiDelegate->waitFor("complete", 2));
+    for (const auto& error : {delegate_->completions().back().error, wifiDelegate->completions()[1].error}) {
         ASSERT_TRUE(error);
         EXPECT_EQ(error->code, URLError::notConnectedToInternet);
         EXPECT_EQ(error->localizedDescription, "The Internet connection appears to be offline.");
@@ -499,14 +412,12 @@ TEST_F(CurlUrlSessionTest, RefusedRequestsNeverConnect) {
 
     // Over the same cellular route, a session that allows it sends.
     session->uploadTaskWithRequest(uploadRequest(server.url(), 3), "abc")->resume();
-    ASSERT_TRUE(delegate_->waitForCompletions(cases.size() + 2));
+    ASSERT_TRUE(delegate_->waitFor("complete", cases.size() + 2));
     EXPECT_EQ(delegate_->completions().back().status, 201);
-    EXPECT_EQ(server.accepted(), 1);
 }
 
 TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledWithoutCredentialsUntilDelivered) {
-    const std::string identifier = "com.rovalis.rovalisBackgroundSessionIdentifier";
-    const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", identifier);
+    const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", "bg");
     std::string journalAtSend;
     unsigned journalMode = 0;
     RawServer server([&](int fd, const std::string& request) {
@@ -515,30 +426,21 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledWithoutCredentialsUntilDeliv
         return answerCreated(fd, request);
     });
     server.listen();
-    delegate_->watchJournal(journal.file());
+    delegate_->journal_ = journal.file();
     auto factory = makeFactory();
-    auto configuration = UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier);
-    auto session = factory->makeSession(configuration, delegate_);
-
-    const auto file = bodyFile("1700000100500", binaryBody(2048));
-    auto task = session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 2048), file);
-    task->resume();
-    ASSERT_TRUE(delegate_->waitForEvent("finish"));
+    auto session = backgroundSession(factory, "bg");
+    session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 3), bodyFile("batch", "abc"))->resume();
+    ASSERT_TRUE(delegate_->waitFor("finish"));
 
     EXPECT_NE(journalAtSend.find(server.url()), std::string::npos);
-    EXPECT_NE(journalAtSend.find(file.string()), std::string::npos);
-    EXPECT_NE(journalAtSend.find("timestampFrom"), std::string::npos);
-    EXPECT_NE(journalAtSend.find("X-Content-Encoding"), std::string::npos);
     EXPECT_EQ(journalAtSend.find("secret-token"), std::string::npos);
-    EXPECT_EQ(journalAtSend.find("Authorization"), std::string::npos);
     EXPECT_EQ(journalMode, 0600u);
     // The token still went over the wire.
     EXPECT_NE(server.requests()[0].find("Authorization: Bearer secret-token\r\n"), std::string::npos);
 
     EXPECT_EQ(delegate_->events(), (std::vector<std::string>{"data", "complete", "finish"}));
-    const auto completion = delegate_->completions()[0];
-    EXPECT_EQ(completion.status, 201);
-    EXPECT_TRUE(completion.journalPresent);  // removed only after the delegate had it
+    EXPECT_EQ(delegate_->completions()[0].status, 201);
+    EXPECT_TRUE(delegate_->completions()[0].journalPresent);  // removed only after the delegate had it
     EXPECT_FALSE(std::filesystem::exists(journal.file()));
 }
 
@@ -548,34 +450,27 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBa
     options.backgroundRetryMaxDelay = 15;
     RawServer server(answerCreated);  // refuses until it listens
     auto factory = makeFactory(options);
-    auto session = factory->makeSession(
-        UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("retry"), delegate_);
+    auto session = backgroundSession(factory, "retry");
     session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 3), bodyFile("batch", "abc"))->resume();
 
     runLoop_->runUntilIdle();
     EXPECT_EQ(runLoop_->nextPendingDelay(), 10.0);
     runLoop_->fastForwardBy(10);
     EXPECT_EQ(runLoop_->nextPendingDelay(), 15.0);  // doubled, up to the maximum
-    runLoop_->fastForwardBy(15);
-    EXPECT_EQ(runLoop_->nextPendingDelay(), 15.0);
     EXPECT_TRUE(delegate_->completions().empty());
-    EXPECT_EQ(session->allTasks().size(), 1u);
-
     server.listen();
     runLoop_->fastForwardBy(15);
-    ASSERT_TRUE(delegate_->waitForEvent("finish"));
+    ASSERT_TRUE(delegate_->waitFor("finish"));
     EXPECT_EQ(delegate_->completions()[0].status, 201);
-    EXPECT_FALSE(delegate_->completions()[0].error);
     EXPECT_EQ(server.requests().size(), 1u);
 
     // Offline: the task waits, and goes as soon as the network reports itself back.
     network_->setFlags(0);
     session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 3), bodyFile("batch2", "abc"))->resume();
     runLoop_->runUntilIdle();
-    EXPECT_EQ(runLoop_->nextPendingDelay(), 10.0);
     EXPECT_EQ(delegate_->completions().size(), 1u);
     network_->setFlags(ReachabilityFlags::reachable);
-    ASSERT_TRUE(delegate_->waitForCompletions(2));
+    ASSERT_TRUE(delegate_->waitFor("complete", 2));
     EXPECT_EQ(delegate_->completions()[1].status, 201);
 
     // Past the resource time-out a waiting task gives up.
@@ -586,46 +481,40 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBa
     RawServer closed(answerCreated);
     shortSession->uploadTaskWithRequestFromFile(uploadRequest(closed.url(), 3), bodyFile("batch3", "abc"))->resume();
     runLoop_->fastForwardBy(100);
-    ASSERT_TRUE(shortDelegate->waitForCompletions(1));
+    ASSERT_TRUE(shortDelegate->waitFor("complete"));
     EXPECT_EQ(shortDelegate->completions()[0].error->code, URLError::timedOut);
 }
 
 TEST_F(CurlUrlSessionTest, RelaunchedSessionResendsPendingTaskWithRestoredCredentials) {
-    const std::string identifier = "com.rovalis.rovalisBackgroundSessionIdentifier";
     std::atomic<int> seen{0};
     RawServer server([&](int fd, const std::string& request) {
         if (seen++ == 0) return RawServer::hang(fd, request);  // the first process dies meanwhile
         return answerCreated(fd, request);
     });
     server.listen();
-    const auto file = bodyFile("1700000100500", binaryBody(5000));
+    const auto file = bodyFile("batch", binaryBody(5000));
     {
-        auto factory = makeFactory();
-        auto session = factory->makeSession(
-            UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier), delegate_);
+        auto session = backgroundSession(makeFactory(), "bg");
         session->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 5000), file)->resume();
         ASSERT_TRUE(server.waitForRequests(1));
     }
     EXPECT_TRUE(delegate_->events().empty());
 
     auto relaunched = std::make_shared<Recorder>();
-    auto factory = makeFactory();
-    auto session = factory->makeSession(
-        UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier(identifier), relaunched);
+    auto session = backgroundSession(makeFactory(), "bg", relaunched);
     EXPECT_EQ(session->allTasks().size(), 1u);
-    ASSERT_TRUE(relaunched->waitForEvent("finish"));
+    ASSERT_TRUE(relaunched->waitFor("finish"));
     EXPECT_EQ(relaunched->events(), (std::vector<std::string>{"resend", "data", "complete", "finish"}));
-    const auto completion = relaunched->completions()[0];
-    EXPECT_EQ(completion.status, 201);
-    EXPECT_EQ(completion.properties.at("timestampFrom"), Date{1700000000.0});
-    EXPECT_EQ(completion.properties.at("timestamp"), Date{1700000100.5});
+    EXPECT_EQ(relaunched->completions()[0].status, 201);
+    EXPECT_EQ(relaunched->completions()[0].properties, uploadRequest("", 0).properties);
 
     const auto requests = server.requests();
     ASSERT_EQ(requests.size(), 2u);
+    EXPECT_NE(requests[1].find("X-Content-Encoding: gzip\r\n"), std::string::npos);
     EXPECT_NE(requests[1].find("Authorization: Bearer restored-token\r\n"), std::string::npos);
     EXPECT_EQ(requests[1].find("secret-token"), std::string::npos);
     EXPECT_EQ(bodyOf(requests[1]), binaryBody(5000));
-    EXPECT_FALSE(std::filesystem::exists(BackgroundTaskJournal(dir_ / "BackgroundSessions", identifier).file()));
+    EXPECT_FALSE(std::filesystem::exists(BackgroundTaskJournal(dir_ / "BackgroundSessions", "bg").file()));
 }
 
 TEST_F(CurlUrlSessionTest, NewerBackgroundSessionTakesOverFromOneStillHeld) {
@@ -636,14 +525,13 @@ TEST_F(CurlUrlSessionTest, NewerBackgroundSessionTakesOverFromOneStillHeld) {
     });
     server.listen();
     auto factory = makeFactory();
-    const auto configuration = UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("shared");
-    auto older = factory->makeSession(configuration, delegate_);
+    auto older = backgroundSession(factory, "shared");
     older->uploadTaskWithRequestFromFile(uploadRequest(server.url(), 3), bodyFile("batch", "abc"))->resume();
     ASSERT_TRUE(server.waitForRequests(1));
 
     auto newerDelegate = std::make_shared<Recorder>();
-    auto newer = factory->makeSession(configuration, newerDelegate);
-    ASSERT_TRUE(newerDelegate->waitForEvent("finish"));
+    auto newer = backgroundSession(factory, "shared", newerDelegate);
+    ASSERT_TRUE(newerDelegate->waitFor("finish"));
     EXPECT_EQ(newerDelegate->completions()[0].status, 201);
     // The older session neither delivers nor sends again, even once its transfer is gone.
     older->invalidateAndCancel();
@@ -659,8 +547,7 @@ TEST_F(CurlUrlSessionTest, DamagedJournalsAndMissingBodyFilesDoNotBlockTheSessio
     const BackgroundTaskJournal garbage(directory, "garbage");
     test::writeFile(garbage.file(), "{\"version\":1,\"tasks\":[{\"url\":");
     auto factory = makeFactory();
-    auto first = factory->makeSession(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("garbage"),
-                                      delegate_);
+    auto first = backgroundSession(factory, "garbage");
     EXPECT_TRUE(first->allTasks().empty());
     EXPECT_FALSE(std::filesystem::exists(garbage.file()));
     ASSERT_EQ(console.lines().size(), 1u);
@@ -673,9 +560,8 @@ TEST_F(CurlUrlSessionTest, DamagedJournalsAndMissingBodyFilesDoNotBlockTheSessio
     text.insert(text.find("[") + 1, "{\"taskIdentifier\":\"eight\"},");
     test::writeFile(mixed.file(), text);
     auto delegate = std::make_shared<Recorder>();
-    auto second = factory->makeSession(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("mixed"),
-                                       delegate);
-    ASSERT_TRUE(delegate->waitForEvent("finish"));
+    auto second = backgroundSession(factory, "mixed", delegate);
+    ASSERT_TRUE(delegate->waitFor("finish"));
     ASSERT_EQ(delegate->completions().size(), 1u);
     EXPECT_EQ(delegate->completions()[0].task, 7u);
     EXPECT_EQ(delegate->completions()[0].error->code, URLError::fileDoesNotExist);
@@ -697,7 +583,7 @@ TEST_F(CurlUrlSessionTest, InvalidateAndCancelEndsEverythingThenRefusesTasks) {
     auto notStarted = session->uploadTaskWithRequest(uploadRequest(hung.url(), 3), "abc");
     ASSERT_TRUE(hung.waitForRequests(1));
     session->invalidateAndCancel();
-    ASSERT_TRUE(delegate_->waitForEvent("invalid"));
+    ASSERT_TRUE(delegate_->waitFor("invalid"));
     EXPECT_EQ(delegate_->events(), (std::vector<std::string>{"complete", "complete", "invalid"}));
     for (const auto& completion : delegate_->completions()) EXPECT_EQ(completion.error->code, URLError::cancelled);
 
@@ -708,14 +594,11 @@ TEST_F(CurlUrlSessionTest, InvalidateAndCancelEndsEverythingThenRefusesTasks) {
     EXPECT_EQ(hung.accepted(), 1);
 }
 
-TEST(CurlUrlSessionDeathTest, BackgroundSessionRefusesUploadsFromMemory) {
+using CurlUrlSessionDeathTest = CurlUrlSessionTest;
+
+TEST_F(CurlUrlSessionDeathTest, BackgroundSessionRefusesUploadsFromMemory) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    TempDir dir;
-    auto clock = std::make_shared<SettableDateSource>();
-    CurlUrlSessionFactory factory(dir.path(), nullptr, std::make_shared<VirtualRunLoop>(clock), clock);
-    auto delegate = std::make_shared<Recorder>();
-    auto session = factory.makeSession(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("bg"),
-                                       delegate);
+    auto session = backgroundSession(makeFactory(), "bg");
     EXPECT_DEATH(session->uploadTaskWithRequest(uploadRequest("https://127.0.0.1/x", 3), "abc"),
                  "Fatal error: Upload tasks from NSData are not supported in background sessions.");
 }
