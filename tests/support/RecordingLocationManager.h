@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rovalis/platform/LocationManager.h"
@@ -13,25 +14,34 @@ namespace rovalis::test {
 // the platform would (on the caller's thread, which the test makes the main run loop).
 class RecordingLocationManager final : public LocationManagerType {
 public:
-    // LocationManagerType
     std::shared_ptr<LocationManagerDelegate> delegate() const override { return delegate_.lock(); }
-    void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) override;
+    void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) override {
+        set(delegate_, std::move(delegate), "setDelegate");
+    }
 
-    bool allowsBackgroundLocationUpdates() const override { return allowsBackgroundLocationUpdates_; }
-    void setAllowsBackgroundLocationUpdates(bool allows) override;
-    bool pausesLocationUpdatesAutomatically() const override { return pausesLocationUpdatesAutomatically_; }
-    void setPausesLocationUpdatesAutomatically(bool pauses) override;
+    bool allowsBackgroundLocationUpdates() const override { return allowsBackground_; }
+    void setAllowsBackgroundLocationUpdates(bool allows) override {
+        set(allowsBackground_, allows, "setAllowsBackgroundLocationUpdates");
+    }
+    bool pausesLocationUpdatesAutomatically() const override { return pausesAutomatically_; }
+    void setPausesLocationUpdatesAutomatically(bool pauses) override {
+        set(pausesAutomatically_, pauses, "setPausesLocationUpdatesAutomatically");
+    }
     double distanceFilter() const override { return distanceFilter_; }
-    void setDistanceFilter(double metres) override;
+    void setDistanceFilter(double metres) override { set(distanceFilter_, metres, "setDistanceFilter"); }
     double desiredAccuracy() const override { return desiredAccuracy_; }
-    void setDesiredAccuracy(double metres) override;
+    void setDesiredAccuracy(double metres) override { set(desiredAccuracy_, metres, "setDesiredAccuracy"); }
 
     std::vector<CircularRegion> monitoredRegions() const override { return monitoredRegions_; }
 
-    void startUpdatingLocation() override;
-    void stopUpdatingLocation() override;
-    void startMonitoringSignificantLocationChanges() override;
-    void stopMonitoringSignificantLocationChanges() override;
+    void startUpdatingLocation() override { set(updatingLocation_, true, "startUpdatingLocation"); }
+    void stopUpdatingLocation() override { set(updatingLocation_, false, "stopUpdatingLocation"); }
+    void startMonitoringSignificantLocationChanges() override {
+        set(monitoringSignificantChanges_, true, "startMonitoringSignificantLocationChanges");
+    }
+    void stopMonitoringSignificantLocationChanges() override {
+        set(monitoringSignificantChanges_, false, "stopMonitoringSignificantLocationChanges");
+    }
     // A region with the identifier of one already monitored replaces it, as on the platform.
     void startMonitoring(const CircularRegion& region) override;
     void stopMonitoring(const CircularRegion& region) override;
@@ -46,26 +56,44 @@ public:
     void setLocationServicesEnabled(bool enabled) { locationServicesEnabled_ = enabled; }
 
     // Reports to the current delegate; each returns false when there is none to tell.
-    bool deliverLocations(const std::vector<Location>& locations);
-    bool deliverEnterRegion(const CircularRegion& region);
-    bool deliverExitRegion(const CircularRegion& region);
-    bool deliverAuthorizationChange();
-    bool deliverError(const Error& error);
+    bool deliverLocations(const std::vector<Location>& locations) {
+        return deliver(&LocationManagerDelegate::locationManagerDidUpdateLocations, locations);
+    }
+    bool deliverEnterRegion(const CircularRegion& region) {
+        return deliver(&LocationManagerDelegate::locationManagerDidEnterRegion, region);
+    }
+    bool deliverExitRegion(const CircularRegion& region) {
+        return deliver(&LocationManagerDelegate::locationManagerDidExitRegion, region);
+    }
+    bool deliverAuthorizationChange() {
+        return deliver(&LocationManagerDelegate::locationManagerDidChangeAuthorization);
+    }
+    bool deliverError(const Error& error) {
+        return deliver(&LocationManagerDelegate::locationManagerDidFailWithError, error);
+    }
 
-    // What the code under test did.
     bool isUpdatingLocation() const { return updatingLocation_; }
     bool isMonitoringSignificantLocationChanges() const { return monitoringSignificantChanges_; }
-    bool hasDelegate() const { return delegate_.lock() != nullptr; }
     // Every changing call in order, by member name: "setDelegate", "setDesiredAccuracy",
     // "startUpdatingLocation", "startMonitoring:<identifier>", ...
     const std::vector<std::string>& calls() const { return calls_; }
-    int count(const std::string& call) const;
-    void clearCalls() { calls_.clear(); }
 
 private:
+    template <typename T, typename V>
+    void set(T& field, V&& value, std::string call) {
+        field = std::forward<V>(value);
+        calls_.push_back(std::move(call));
+    }
+    template <typename... Args, typename... Given>
+    bool deliver(void (LocationManagerDelegate::*report)(LocationManagerType&, Args...), Given&&... given) {
+        const auto target = delegate_.lock();
+        if (target) ((*target).*report)(*this, std::forward<Given>(given)...);
+        return target != nullptr;
+    }
+
     std::weak_ptr<LocationManagerDelegate> delegate_;
-    bool allowsBackgroundLocationUpdates_ = false;
-    bool pausesLocationUpdatesAutomatically_ = true;  // the platform's defaults
+    bool allowsBackground_ = false;
+    bool pausesAutomatically_ = true;  // the platform's defaults
     double distanceFilter_ = kCLDistanceFilterNone;
     double desiredAccuracy_ = kCLLocationAccuracyBest;
     std::vector<CircularRegion> monitoredRegions_;
