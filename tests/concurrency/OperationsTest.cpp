@@ -302,12 +302,11 @@ protected:
             std::make_shared<FixedReachability>(true), nullptr, debugEvents, environment);
     }
 
-    // Waits until every queued operation has finished.
+    // Waits until every operation queued so far has finished: the queue runs them in order.
     bool drained() {
-        for (int i = 0; i < 1000 && controller->eventsOperationQueue().operationCount() > 0; ++i) {
-            std::this_thread::sleep_for(5ms);
-        }
-        return controller->eventsOperationQueue().operationCount() == 0;
+        auto done = std::make_shared<std::promise<void>>();
+        controller->addOperationsToQueue({controller->persistDataOperation()}, [done](bool) { done->set_value(); });
+        return done->get_future().wait_for(10s) == std::future_status::ready;
     }
 
     std::shared_ptr<SettableDateSource> clock = std::make_shared<SettableDateSource>();
