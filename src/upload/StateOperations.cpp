@@ -25,44 +25,61 @@ void onMainQueue(Executor& mainQueue, std::function<void()> work) {
 
 }  // namespace
 
-RVLSpeedUpOperation::RVLSpeedUpOperation(std::weak_ptr<RVLWakeupable> wakeupProvider,
-                                         std::weak_ptr<RVLEventInsertable> eventRepository,
-                                         std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
-                                         std::string reason, std::optional<Location> lastKnownLocation,
-                                         std::shared_ptr<Executor> mainQueue, PauseManagerFactory pauseManagerFactory)
-    : wakeupProvider_(std::move(wakeupProvider)),
-      eventRepository_(std::move(eventRepository)),
+RVLTransitionOperation::RVLTransitionOperation(std::string name, std::weak_ptr<RVLEventInsertable> eventRepository,
+                                               std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
+                                               std::string reason, std::optional<Location> lastKnownLocation,
+                                               std::shared_ptr<Executor> mainQueue,
+                                               PauseManagerFactory pauseManagerFactory)
+    : eventRepository_(std::move(eventRepository)),
       userDefaultsManager_(std::move(userDefaultsManager)),
       reason_(std::move(reason)),
       lastKnownLocation_(std::move(lastKnownLocation)),
       mainQueue_(std::move(mainQueue)),
       pauseManagerFactory_(std::move(pauseManagerFactory)) {
-    setName("RVLSpeedUpOperation");
+    setName(std::move(name));
 }
 
 // The work holds the operation: a cancel finishes it and lets the queue drop it while a
 // burst is still running.
-void RVLSpeedUpOperation::execute() {
-    auto self = std::static_pointer_cast<RVLSpeedUpOperation>(shared_from_this());
+void RVLTransitionOperation::execute() {
+    auto self = std::static_pointer_cast<RVLTransitionOperation>(shared_from_this());
     onMainQueue(*mainQueue_, [self] { self->executeOnMainQueue(); });
 }
 
+PauseManagerType& RVLTransitionOperation::startBurst() {
+    pauseManager_ = pauseManagerFactory_(eventRepository_, userDefaultsManager_);
+    return *pauseManager_;
+}
+
+void RVLTransitionOperation::endBurst() {
+    // Called from the pause manager's own callback: released on the next turn of the queue.
+    mainQueue_->async([keep = std::move(pauseManager_)] {});
+    finish();
+}
+
+RVLSpeedUpOperation::RVLSpeedUpOperation(std::weak_ptr<RVLWakeupable> wakeupProvider,
+                                         std::weak_ptr<RVLEventInsertable> eventRepository,
+                                         std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
+                                         std::string reason, std::optional<Location> lastKnownLocation,
+                                         std::shared_ptr<Executor> mainQueue, PauseManagerFactory pauseManagerFactory)
+    : RVLTransitionOperation("RVLSpeedUpOperation", std::move(eventRepository), std::move(userDefaultsManager),
+                             std::move(reason), std::move(lastKnownLocation), std::move(mainQueue),
+                             std::move(pauseManagerFactory)),
+      wakeupProvider_(std::move(wakeupProvider)) {}
+
 void RVLSpeedUpOperation::executeOnMainQueue() {
-    if (containsBeacon(reason_)) {
+    if (containsBeacon(reason())) {
         // A beacon is proof enough of movement: no burst.
-        if (auto provider = wakeupProvider_.lock()) provider->wakeUpWithReason(reason_, false);
+        if (auto provider = wakeupProvider_.lock()) provider->wakeUpWithReason(reason(), false);
         finish();
         return;
     }
-    pauseManager_ = pauseManagerFactory_(eventRepository_, userDefaultsManager_);
     auto self = std::static_pointer_cast<RVLSpeedUpOperation>(shared_from_this());
-    pauseManager_->wakeupWithReason(reason_, lastKnownLocation_, [self, this](bool moved) {
+    startBurst().wakeupWithReason(reason(), lastKnownLocation(), [self](bool moved) {
         if (moved) {
-            if (auto provider = wakeupProvider_.lock()) provider->wakeUpWithReason(reason_, false);
+            if (auto provider = self->wakeupProvider_.lock()) provider->wakeUpWithReason(self->reason(), false);
         }
-        // Released after the callback has returned, on the next turn of the main queue.
-        mainQueue_->async([keep = std::move(pauseManager_)] {});
-        finish();
+        self->endBurst();
     });
 }
 
@@ -71,28 +88,16 @@ RVLSlowDownOperation::RVLSlowDownOperation(std::weak_ptr<RVLSleepable> sleepProv
                                            std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
                                            std::string reason, std::optional<Location> lastKnownLocation,
                                            std::shared_ptr<Executor> mainQueue, PauseManagerFactory pauseManagerFactory)
-    : sleepProvider_(std::move(sleepProvider)),
-      eventRepository_(std::move(eventRepository)),
-      userDefaultsManager_(std::move(userDefaultsManager)),
-      reason_(std::move(reason)),
-      lastKnownLocation_(std::move(lastKnownLocation)),
-      mainQueue_(std::move(mainQueue)),
-      pauseManagerFactory_(std::move(pauseManagerFactory)) {
-    setName("RVLSlowDownOperation");
-}
-
-void RVLSlowDownOperation::execute() {
-    auto self = std::static_pointer_cast<RVLSlowDownOperation>(shared_from_this());
-    onMainQueue(*mainQueue_, [self] { self->executeOnMainQueue(); });
-}
+    : RVLTransitionOperation("RVLSlowDownOperation", std::move(eventRepository), std::move(userDefaultsManager),
+                             std::move(reason), std::move(lastKnownLocation), std::move(mainQueue),
+                             std::move(pauseManagerFactory)),
+      sleepProvider_(std::move(sleepProvider)) {}
 
 void RVLSlowDownOperation::executeOnMainQueue() {
-    pauseManager_ = pauseManagerFactory_(eventRepository_, userDefaultsManager_);
     auto self = std::static_pointer_cast<RVLSlowDownOperation>(shared_from_this());
-    pauseManager_->sleepWithReason(reason_, lastKnownLocation_, [self, this](const std::optional<Location>& center) {
-        if (auto provider = sleepProvider_.lock()) provider->sleepWithCenterLocation(center, reason_);
-        mainQueue_->async([keep = std::move(pauseManager_)] {});
-        finish();
+    startBurst().sleepWithReason(reason(), lastKnownLocation(), [self](const std::optional<Location>& center) {
+        if (auto provider = self->sleepProvider_.lock()) provider->sleepWithCenterLocation(center, self->reason());
+        self->endBurst();
     });
 }
 
