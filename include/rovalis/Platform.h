@@ -14,14 +14,17 @@ namespace rovalis {
 class BackgroundTaskScheduler;
 class KeychainStore;
 class LocationManagerType;
+class MotionActivityManagerType;
+class MotionManagerType;
 class NetworkMonitor;
+class NotificationCenter;
+class RVLDeviceInfoType;
+class SystemStateType;
 class WorkTracker;
 
 // The platform services the SDK runs on, handed in one bundle to the composition root,
 // which builds every component from it; no component reaches for a global. A host or the
 // simulated device fills it in; on Linux the default bundle comes from the data root.
-//
-// Motion and Bluetooth services join this bundle as they are added.
 struct Platform {
     std::shared_ptr<RVLDateSource> dateSource;
     // Carries every location callback, timer and tracker call, and the host's callbacks.
@@ -37,8 +40,18 @@ struct Platform {
     std::shared_ptr<NetworkMonitor> network;
     // Extra running time while a transfer must not be cut short.
     std::shared_ptr<BackgroundTaskScheduler> backgroundTasks;
+    // The default notification centre: the app's lifecycle notifications and the device's
+    // battery notifications arrive on it, and the SDK posts its own there.
+    std::shared_ptr<NotificationCenter> notificationCenter;
     // A new, independent location manager of the device's one location service.
     std::function<std::shared_ptr<LocationManagerType>()> makeLocationManager;
+    // New motion managers over the device's accelerometer and activity classifier.
+    std::function<std::shared_ptr<MotionManagerType>()> makeMotionManager;
+    std::function<std::shared_ptr<MotionActivityManagerType>()> makeMotionActivityManager;
+    // The battery.
+    std::shared_ptr<RVLDeviceInfoType> deviceInfo;
+    // Low-power mode, background refresh and uptime.
+    std::shared_ptr<SystemStateType> systemState;
     // The operating system's version text, as sent to the collection service.
     std::string systemVersion;
 
