@@ -1,0 +1,136 @@
+#pragma once
+
+// What one simulated run found, gathered by the runner from the device, the trace and the
+// collection service, and drawn by the renderers: the terminal summary, the JSON figures and
+// the map.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "rovalis/Date.h"
+#include "rovalis/platform/Location.h"
+
+namespace rovalis::sim {
+
+// A stay of the trace itself, and what the SDK made of it.
+struct StayOutcome {
+    Date start;
+    Date end;
+    LocationCoordinate2D centre;
+    // The first sleep that began during the stay near its centre, and the wake-up after it.
+    std::optional<Date> sleptAt;
+    std::optional<Date> wokeAt;
+};
+
+// A change of the SDK's sleep state, as its events recorded it.
+struct Transition {
+    Date time;
+    bool asleep = false;
+    std::string reason;
+    // The position of the PreSleep / PreWakeUp event that came with it, when there was one.
+    std::optional<LocationCoordinate2D> position;
+    double accuracy = 0.0;
+};
+
+struct RecordedFix {
+    Date time;
+    LocationCoordinate2D coordinate;
+    double accuracy = 0.0;
+    std::string provider;  // "regular", "PauseManager"
+};
+
+struct GeofenceRegion {
+    Date created;
+    std::string identifier;
+    LocationCoordinate2D centre;
+    double radius = 0.0;
+    bool centreRegion = false;  // the one laid on the stay itself (it reports exits only)
+};
+
+struct GeofenceCrossing {
+    Date time;
+    std::string identifier;
+    bool exit = false;
+};
+
+struct SignificantFix {
+    Date time;
+    LocationCoordinate2D coordinate;
+    double accuracy = 0.0;
+};
+
+// The location service's accuracy over time. Band: "ten-metre", "hundred-metre",
+// "kilometre" or "off".
+struct AccuracySpan {
+    Date from;
+    Date to;
+    std::string band;
+};
+
+struct UploadOutcome {
+    Date time;  // virtual time at which the host heard of it
+    Date trackedFrom;
+    Date trackedTo;
+    bool succeeded = false;
+    std::string error;  // empty on success
+};
+
+struct ScenarioMark {
+    Date time;
+    std::string text;  // "network offline", "relaunch as build 41"
+};
+
+struct EnergyFigures {
+    // Seconds of location updates by band ("ten-metre", "hundred-metre", "kilometre").
+    std::map<std::string, double> locationSeconds;
+    double burstSeconds = 0.0;
+    std::int64_t wakeUps = 0;  // region events and significant-change fixes delivered
+    double accelerometerSeconds = 0.0;
+    // An app that kept ten-metre updates on all day.
+    double alwaysOnBaselineSeconds = 0.0;
+};
+
+struct DeliveryFigures {
+    std::int64_t recorded = 0;         // rows the SDK ever stored
+    std::int64_t accepted = 0;         // events the service holds
+    std::int64_t leftInStore = 0;      // rows still on the device at the end
+    std::int64_t repeatedEvents = 0;   // events the service holds more than once
+    std::int64_t batches = 0;
+    std::int64_t batchRequests = 0;
+    std::int64_t duplicateBatchesRefused = 0;
+    std::int64_t wireBytes = 0;        // compressed request bodies
+    std::int64_t documentBytes = 0;    // the batch documents before compression
+    std::map<std::string, std::int64_t> eventsByType;  // as accepted by the service
+};
+
+struct SimulationReport {
+    std::string traceName;
+    std::uint64_t seed = 0;
+    Date start;
+    Date end;
+    double wallSeconds = 0.0;  // how long the replay took
+
+    std::vector<LocationCoordinate2D> truePath;  // thinned for drawing
+    std::vector<RecordedFix> fixes;
+    std::vector<StayOutcome> stays;
+    std::vector<Transition> transitions;
+    std::vector<GeofenceRegion> geofences;
+    std::vector<GeofenceCrossing> crossings;
+    std::vector<SignificantFix> significantFixes;
+    std::vector<AccuracySpan> accuracy;
+    std::vector<UploadOutcome> uploads;
+    std::vector<ScenarioMark> scenario;
+    EnergyFigures energy;
+    DeliveryFigures delivery;
+
+    // Nothing lost and nothing twice: every recorded event is either held by the service
+    // exactly once or still on the device.
+    bool deliveredExactlyOnce() const {
+        return delivery.repeatedEvents == 0 && delivery.recorded == delivery.accepted + delivery.leftInStore;
+    }
+};
+
+}  // namespace rovalis::sim
