@@ -142,6 +142,15 @@ TEST_F(CollectorTest, BatchOfEveryEventKindFromTheSdkIsStoredByteForByteAndCount
     ASSERT_TRUE(stats);
     EXPECT_EQ(stats->body, statsJson(server_->stats()));
     EXPECT_EQ(json::parse(stats->body)["events_by_type"].size(), 18u);
+    EXPECT_GT(server_->stats().documentBytes, server_->stats().bodyBytes);
+
+    const auto exported = client.Get("/api/events");
+    ASSERT_TRUE(exported);
+    const json list = json::parse(exported->body);
+    ASSERT_EQ(list.size(), records.size());
+    EXPECT_EQ(list[17]["payload"], events[17].payload);
+    EXPECT_EQ(list[0]["tracked_at_ms"], 1700000000250);
+    EXPECT_EQ(list[0]["batch_id"], "batch-1");
 }
 
 TEST_F(CollectorTest, SequentialIdGapsAndStepBacksAreCountedPerDeviceNotRefused) {

@@ -133,9 +133,21 @@ std::string statsJson(const Stats& stats) {
                 {"batch_requests", stats.batchRequests},
                 {"duplicates_refused", stats.duplicatesRefused},
                 {"body_bytes", stats.bodyBytes},
+                {"document_bytes", stats.documentBytes},
                 {"requests_rejected", rejected},
                 {"faults_injected", stats.faultsInjected}}
         .dump();
+}
+
+std::string eventsJson(const std::vector<StoredEvent>& events) {
+    json list = json::array();
+    for (const auto& event : events) {
+        list.push_back({{"batch_id", event.batchId},
+                        {"type", event.type},
+                        {"tracked_at_ms", event.trackedAtMs},
+                        {"payload", event.payload}});
+    }
+    return list.dump();
 }
 
 struct CollectorServer::Impl {
@@ -209,6 +221,9 @@ void CollectorServer::Impl::routes() {
 
     server.Get("/api/stats", [this](const httplib::Request&, httplib::Response& res) {
         res.set_content(statsJson(snapshot()), "application/json");
+    });
+    server.Get("/api/events", [this](const httplib::Request&, httplib::Response& res) {
+        res.set_content(eventsJson(store.events()), "application/json");
     });
     server.Get("/control/faults", [this](const httplib::Request&, httplib::Response& res) {
         std::lock_guard lock(mutex);
@@ -341,6 +356,7 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     body = std::string();
     BatchDocument batch;
     if (auto rejection = parseBatchDocument(document, batch)) return refuse(res, *rejection);
+    const auto documentBytes = static_cast<std::int64_t>(document.size());
 
     CollectorStore::Outcome outcome;
     try {
@@ -351,6 +367,7 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     std::string message;
     {
         std::lock_guard lock(mutex);
+        counters.documentBytes += documentBytes;
         if (outcome.duplicate) {
             ++counters.duplicatesRefused;
             message = "batch " + batch.id + " was received before; not stored again";

@@ -9,6 +9,7 @@
 //                            accepted (or already accepted) batch is 200 with
 //                            {"message": "..."}.
 //   GET  /api/stats          the figures of Stats as JSON (see statsJson).
+//   GET  /api/events         every stored event in arrival order (see eventsJson).
 //   GET  /control/faults     the fault settings as JSON.
 //   POST /control/faults     replaces the fault settings with a JSON object of these keys,
 //                            each optional (absent means off / the default):
@@ -64,14 +65,18 @@ struct Stats {
     std::int64_t batchRequests = 0;          // every request that reached the upload endpoint
     std::int64_t duplicatesRefused = 0;      // answered 200, not stored again
     std::int64_t bodyBytes = 0;              // request bodies received whole, as sent (compressed)
+    std::int64_t documentBytes = 0;          // the batch documents of accepted requests, inflated
     std::map<int, std::int64_t> requestsRejected;      // by status, refusals of the checks
     std::map<std::string, std::int64_t> faultsInjected;  // "fail", "drop", "garbage", "delay"
 };
 
 // {"batches", "events", "events_by_type", "devices", "sequential_id_gaps",
-//  "sequential_id_step_backs", "batch_requests", "duplicates_refused",
+//  "sequential_id_step_backs", "batch_requests", "duplicates_refused", "body_bytes", "document_bytes",
 //  "requests_rejected" (status text to count), "faults_injected"}
 std::string statsJson(const Stats& stats);
+
+// [{"batch_id", "type", "tracked_at_ms", "payload" (the event's JSON text as sent)}, ...]
+std::string eventsJson(const std::vector<StoredEvent>& events);
 
 class CollectorServer {
 public:
