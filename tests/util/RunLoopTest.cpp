@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <thread>
 #include <future>
 #include <string>
 #include <vector>
 
+#include "util/ExecutorRunLoop.h"
 #include "util/SerialExecutor.h"
 #include "util/ThreadRunLoop.h"
 #include "util/VirtualRunLoop.h"
@@ -177,6 +180,30 @@ TEST(ThreadLoop, TimersAndSyncRunOnTheLoopThreadAndQueuedTasksRunBeforeDestructi
     }
     ASSERT_EQ(order.size(), 100u);
     for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
+}
+
+TEST(ExecutorLoop, TasksAndTimersRunOnTheHostsQueueInOrderAndSyncWorksFromAnyThread) {
+    auto host = std::make_shared<SerialExecutor>("test.host");
+    ExecutorRunLoop loop(host, std::make_shared<SystemDateSource>());
+    std::vector<int> order;
+    std::promise<bool> timerOnHost;
+    auto timer = loop.scheduleTimer(0.005, false, [&] { timerOnHost.set_value(host->isCurrent()); });
+    for (int i = 0; i < 50; ++i) loop.async([&order, &host, i] { order.push_back(host->isCurrent() ? i : -1); });
+    auto fired = timerOnHost.get_future();
+    ASSERT_EQ(fired.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_TRUE(fired.get());
+
+    // From another thread the caller waits for the host's queue; on the host's queue it runs in place.
+    EXPECT_TRUE(syncResult(loop, [&] { return host->isCurrent(); }));
+    EXPECT_TRUE(syncResult(*host, [&] { return syncResult(loop, [&] { return loop.isCurrent(); }); }));
+    ASSERT_EQ(order.size(), 50u);
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(order[i], i);
+
+    // A repeating timer keeps firing until invalidated, and the loop can go while it is due.
+    std::atomic<int> ticks{0};
+    auto repeating = loop.scheduleTimer(0.001, true, [&] { ++ticks; });
+    while (ticks < 3) std::this_thread::yield();
+    repeating->invalidate();
 }
 
 }  // namespace
