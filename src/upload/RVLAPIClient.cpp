@@ -170,18 +170,6 @@ std::string errorDebugDescription(const Error& error) {
            error.localizedDescription + "\"";
 }
 
-std::string dateDebugDescription(Date date) {
-    const double seconds = std::floor(date.secondsSince1970);
-    if (!std::isfinite(seconds)) return "(invalid date)";
-    const auto whole = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    if (::gmtime_r(&whole, &parts) == nullptr) return "(invalid date)";
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d +0000", parts.tm_year + 1900, parts.tm_mon + 1,
-                  parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec);
-    return text;
-}
-
 std::shared_ptr<RVLAPIClient> RVLAPIClient::create(
     std::string baseURL, std::shared_ptr<RVLLastSuccessfulEventUploadDateModifier> eventUploadDateManager,
     std::shared_ptr<RVLDataTransferModeRecording> transferModeRecordManager,

@@ -22,6 +22,7 @@
 #include "upload/RVLCommons.h"
 #include "upload/UploadInterfaces.h"
 #include "upload/UrlSession.h"
+#include "util/DateDescription.h"
 
 namespace rovalis {
 
@@ -68,9 +69,6 @@ std::string makeUserAgent(const UserAgentValues& values);
 // "Error Domain=<domain> Code=<code> \"<description>\"", like the platform's description
 // of an error object.
 std::string errorDebugDescription(const Error& error);
-
-// "2023-11-14 22:13:20 +0000", like the platform's description of a date.
-std::string dateDebugDescription(Date date);
 
 struct RVLAPIClientOptions {
     // The foreground session's request time-out; none keeps the session's default (60 s).

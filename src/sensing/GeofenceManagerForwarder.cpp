@@ -1,0 +1,15 @@
+#include "sensing/GeofenceManagerForwarder.h"
+
+namespace rovalis {
+
+void GeofenceManagerForwarder::locationManagerDidEnterRegion(LocationManagerType& /*manager*/,
+                                                             const CircularRegion& region) {
+    if (const auto target = delegate_.lock()) target->didEnterRegion(region);
+}
+
+void GeofenceManagerForwarder::locationManagerDidExitRegion(LocationManagerType& /*manager*/,
+                                                            const CircularRegion& region) {
+    if (const auto target = delegate_.lock()) target->didExitRegion(region);
+}
+
+}  // namespace rovalis

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+
+#include "core/TrackingInterfaces.h"
+#include "events/EventRecords.h"
+#include "events/EventStoreInterfaces.h"
+#include "rovalis/DateSource.h"
+#include "sensing/GeofenceManagerForwarder.h"
+
+namespace rovalis {
+
+// Handles region crossings. A crossing of a sleep region is recorded as a GeofenceTrigger
+// event and asks for a wake-up, with the last known location; the wake-up reason names the
+// crossing ("exited geofence <identifier>", "entered surrounding geofence <identifier>"),
+// which is how the wake-up is classified. Crossings of other regions are not the SDK's
+// geofences and are left alone. Runs on the main run loop.
+class RegionMonitoringReceiver final : public GeofenceManagerDelegateType {
+public:
+    RegionMonitoringReceiver(std::shared_ptr<RVLDateSource> dateSource,
+                             std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider,
+                             std::shared_ptr<EventRecordInsertable> eventInserter,
+                             std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver);
+
+    void didEnterRegion(const CircularRegion& region) override;
+    void didExitRegion(const CircularRegion& region) override;
+
+private:
+    void handleCrossing(const CircularRegion& region, RegionReason reason);
+
+    const std::shared_ptr<RVLDateSource> dateSource_;
+    const std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider_;
+    const std::shared_ptr<EventRecordInsertable> eventInserter_;
+    const std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver_;
+};
+
+}  // namespace rovalis
