@@ -10,48 +10,36 @@
 
 namespace rovalis::test {
 
-// In-memory motion managers: they log every changing call, keep the queue and handler of
-// the running updates, and let the test deliver samples and classifications on that queue
-// the way the platform would.
-class RecordingMotionManager final : public MotionManagerType {
+// The queue and handler of running updates, and a log of the calls that change them. The
+// test delivers on the queue, as the platform would.
+template <typename Value>
+class RecordedUpdates {
 public:
-    bool isAccelerometerAvailable() const override { return available_; }
-    bool isAccelerometerActive() const override {
-        std::lock_guard lock(mutex_);
-        return handler_ != nullptr;
-    }
-    double accelerometerUpdateInterval() const override { return interval_; }
-    void setAccelerometerUpdateInterval(double seconds) override {
-        interval_ = seconds;
-        log("setAccelerometerUpdateInterval");
-    }
-    void startAccelerometerUpdates(std::shared_ptr<Executor> queue, AccelerometerHandler handler) override {
+    using Handler = std::function<void(const Value&)>;
+
+    void start(std::shared_ptr<Executor> queue, Handler handler, const char* call) {
         std::lock_guard lock(mutex_);
         queue_ = std::move(queue);
         handler_ = std::move(handler);
-        calls_.push_back("startAccelerometerUpdates");
+        calls_.push_back(call);
     }
-    void stopAccelerometerUpdates() override {
+    void stop(const char* call) { start(nullptr, nullptr, call); }
+    void log(const char* call) {
         std::lock_guard lock(mutex_);
-        queue_.reset();
-        handler_ = nullptr;
-        calls_.push_back("stopAccelerometerUpdates");
+        calls_.push_back(call);
     }
-
-    void setAvailable(bool available) { available_ = available; }
-    // Queues the sample for the handler; false when no updates are running.
-    bool deliver(const AccelerometerData& sample) {
+    // Queues the value for the handler; false when no updates are running.
+    bool deliver(const Value& value) {
         std::lock_guard lock(mutex_);
         if (!handler_) return false;
-        queue_->async([handler = handler_, sample] { handler(sample); });
+        queue_->async([handler = handler_, value] { handler(value); });
         return true;
     }
-    // The queue and handler of the running updates, if any.
     std::shared_ptr<Executor> queue() const {
         std::lock_guard lock(mutex_);
         return queue_;
     }
-    AccelerometerHandler handler() const {
+    Handler handler() const {
         std::lock_guard lock(mutex_);
         return handler_;
     }
@@ -61,60 +49,42 @@ public:
     }
 
 private:
-    void log(std::string call) {
-        std::lock_guard lock(mutex_);
-        calls_.push_back(std::move(call));
-    }
-
     mutable std::mutex mutex_;
-    bool available_ = true;
-    double interval_ = 0.01;
     std::shared_ptr<Executor> queue_;
-    AccelerometerHandler handler_;
+    Handler handler_;
     std::vector<std::string> calls_;
 };
 
-class RecordingMotionActivityManager final : public MotionActivityManagerType {
+class RecordingMotionManager final : public MotionManagerType, public RecordedUpdates<AccelerometerData> {
 public:
-    bool isActivityAvailable() const override { return available_; }
-    MotionAuthorizationStatus authorizationStatus() const override { return status_; }
-    void startActivityUpdates(std::shared_ptr<Executor> queue, ActivityHandler handler) override {
-        std::lock_guard lock(mutex_);
-        queue_ = std::move(queue);
-        handler_ = std::move(handler);
-        calls_.push_back("startActivityUpdates");
+    bool isAccelerometerAvailable() const override { return true; }
+    bool isAccelerometerActive() const override { return handler() != nullptr; }
+    double accelerometerUpdateInterval() const override { return interval_; }
+    void setAccelerometerUpdateInterval(double seconds) override {
+        interval_ = seconds;
+        log("setAccelerometerUpdateInterval");
     }
-    void stopActivityUpdates() override {
-        std::lock_guard lock(mutex_);
-        queue_.reset();
-        handler_ = nullptr;
-        calls_.push_back("stopActivityUpdates");
+    void startAccelerometerUpdates(std::shared_ptr<Executor> queue, AccelerometerHandler handler) override {
+        start(std::move(queue), std::move(handler), "startAccelerometerUpdates");
     }
-
-    void setAvailable(bool available) { available_ = available; }
-    void setAuthorizationStatus(MotionAuthorizationStatus status) { status_ = status; }
-    bool deliver(const MotionActivity& activity) {
-        std::lock_guard lock(mutex_);
-        if (!handler_) return false;
-        queue_->async([handler = handler_, activity] { handler(activity); });
-        return true;
-    }
-    std::shared_ptr<Executor> queue() const {
-        std::lock_guard lock(mutex_);
-        return queue_;
-    }
-    std::vector<std::string> calls() const {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
+    void stopAccelerometerUpdates() override { stop("stopAccelerometerUpdates"); }
 
 private:
-    mutable std::mutex mutex_;
-    bool available_ = true;
-    MotionAuthorizationStatus status_ = MotionAuthorizationStatus::authorized;
-    std::shared_ptr<Executor> queue_;
-    ActivityHandler handler_;
-    std::vector<std::string> calls_;
+    double interval_ = 0.01;
+};
+
+class RecordingMotionActivityManager final : public MotionActivityManagerType,
+                                             public RecordedUpdates<MotionActivity> {
+public:
+    bool isActivityAvailable() const override { return available; }
+    MotionAuthorizationStatus authorizationStatus() const override { return status; }
+    void startActivityUpdates(std::shared_ptr<Executor> queue, ActivityHandler handler) override {
+        start(std::move(queue), std::move(handler), "startActivityUpdates");
+    }
+    void stopActivityUpdates() override { stop("stopActivityUpdates"); }
+
+    bool available = true;
+    MotionAuthorizationStatus status = MotionAuthorizationStatus::authorized;
 };
 
 }  // namespace rovalis::test
