@@ -33,6 +33,11 @@ public:
 
     NotificationCenter() = default;
     NotificationCenter(const NotificationCenter&) = delete;
+
+    // The process's one default centre, made on first use and never destroyed, so that it
+    // can be used from anywhere until the process ends.
+    static std::shared_ptr<NotificationCenter> defaultCenter();
+
     NotificationCenter& operator=(const NotificationCenter&) = delete;
 
     ObserverToken addObserver(std::string name, Callback callback);

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -138,5 +139,52 @@ std::string RVLCommons::appInfo() const { return appVersion() + iOSVersion(); }
 std::string RVLCommons::deviceType() { return RVL_DeviceUtil::hardwareString(); }
 
 std::string RVLCommons::getUUID() { return Uuid::random().uuidString(); }
+
+AccelerationVector RVLCommons::fromGToMs2(const AccelerationVector& acceleration) {
+    return {acceleration.x * standardGravity, acceleration.y * standardGravity, acceleration.z * standardGravity};
+}
+
+std::optional<Decimal> RVLCommons::calculateMagnitude(const AccelerationVector& acceleration) {
+    constexpr int decimalPlaces = 2;
+    // The sum can overflow to infinity for huge components; such a sample is dropped with
+    // the non-finite ones.
+    const double length = std::sqrt(acceleration.x * acceleration.x + acceleration.y * acceleration.y +
+                                    acceleration.z * acceleration.z);
+    if (!std::isfinite(length)) return std::nullopt;
+
+    // The shortest scientific text that reads back as `length`, such as "2.675e+00": its
+    // digits are the decimal the double stands for, which is what is rounded.
+    char text[32];
+    const auto written = std::to_chars(text, text + sizeof text, length, std::chars_format::scientific);
+    if (written.ec != std::errc()) return std::nullopt;
+    const std::string_view all(text, static_cast<std::size_t>(written.ptr - text));
+    const std::size_t exponentAt = all.find('e');
+    if (exponentAt == std::string_view::npos) return std::nullopt;
+    std::string digits;
+    for (const char c : all.substr(0, exponentAt)) {
+        if (c >= '0' && c <= '9') digits.push_back(c);
+    }
+    int exponent = 0;
+    const std::string_view exponentText = all.substr(exponentAt + 1);
+    const char* exponentBegin = exponentText.data() + (exponentText.front() == '+' ? 1 : 0);
+    if (std::from_chars(exponentBegin, exponentText.data() + exponentText.size(), exponent).ec != std::errc()) {
+        return std::nullopt;
+    }
+
+    // The value is 0.d1d2... x 10^(exponent + 1); scaled to hundredths, the first `kept`
+    // digits form the whole part and the digit after them decides the rounding.
+    const int kept = exponent + 1 + decimalPlaces;
+    // 18 digits and a carry still fit a signed 64-bit count of hundredths.
+    if (kept > 18) return std::nullopt;
+    std::int64_t units = 0;
+    for (int i = 0; i < kept; ++i) {
+        units = units * 10 + (i < static_cast<int>(digits.size()) ? digits[static_cast<std::size_t>(i)] - '0' : 0);
+    }
+    // The length is never negative, so half away from zero is half up.
+    if (kept >= 0 && kept < static_cast<int>(digits.size()) && digits[static_cast<std::size_t>(kept)] >= '5') {
+        ++units;
+    }
+    return Decimal{units, decimalPlaces};
+}
 
 }  // namespace rovalis

@@ -2,7 +2,7 @@
 
 // The SDK's small file and identity routines: the one folder of background batch files in
 // the Documents directory, the SDK's own version, and the application description used by
-// the user agent and by app-update detection.
+// the user agent and by app-update detection; and the arithmetic of acceleration samples.
 
 #include <cstdint>
 #include <filesystem>
@@ -10,10 +10,20 @@
 #include <string>
 #include <string_view>
 
+#include "events/EventRecords.h"
 #include "rovalis/Date.h"
 #include "rovalis/HostInfo.h"
 
 namespace rovalis {
+
+// An acceleration along the device's three axes.
+struct AccelerationVector {
+    double x = 0.0;
+    double y = 0.0;
+    double z = 0.0;
+
+    friend bool operator==(const AccelerationVector&, const AccelerationVector&) = default;
+};
 
 class RVLCommons {
 public:
@@ -56,6 +66,16 @@ public:
     // Writes the file private to the user (0600) through a temporary file beside it, synced
     // and renamed over it, so a reader sees the old contents or the new ones, never a part.
     static bool writeFileAtomically(const std::filesystem::path& file, std::string_view data);
+
+    // Standard gravity, in metres per second squared.
+    static constexpr double standardGravity = 9.80665;
+    // Units of g to metres per second squared, axis by axis.
+    static AccelerationVector fromGToMs2(const AccelerationVector& acceleration);
+    // The length of the vector, rounded to two decimal places with ties away from zero. The
+    // rounding is done on the shortest decimal text that reads back as the same double, so
+    // a length that prints as 2.675 gives 2.68, although the double lies just below 2.675.
+    // None when the length is not finite or too large for a decimal: no event can hold it.
+    static std::optional<Decimal> calculateMagnitude(const AccelerationVector& acceleration);
 
     const HostInfo& host() const { return host_; }
     const std::string& systemVersion() const { return systemVersion_; }

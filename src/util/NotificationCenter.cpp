@@ -5,6 +5,12 @@
 
 namespace rovalis {
 
+std::shared_ptr<NotificationCenter> NotificationCenter::defaultCenter() {
+    // Deliberately leaked: no static destructor may run while other threads still post.
+    static const auto* const center = new std::shared_ptr<NotificationCenter>(std::make_shared<NotificationCenter>());
+    return *center;
+}
+
 struct NotificationCenter::Observer {
     std::string name;
     Callback callback;

@@ -2,8 +2,12 @@
 
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/LinuxBackgroundTasks.h"
+#include "platform/linux/LinuxDeviceInfo.h"
+#include "platform/linux/LinuxMotion.h"
 #include "platform/linux/LinuxNetworkMonitor.h"
+#include "platform/linux/LinuxSystemState.h"
 #include "platform/linux/SqliteKeyValueStore.h"
+#include "rovalis/NotificationCenter.h"
 #include "util/ThreadRunLoop.h"
 
 #include <sys/utsname.h>
@@ -29,6 +33,12 @@ Platform makeLinuxPlatform(const DataRoot& root) {
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
     platform.network = std::make_shared<LinuxNetworkMonitor>();
     platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
+    platform.notificationCenter = NotificationCenter::defaultCenter();
+    platform.makeMotionManager = [] { return std::make_shared<LinuxMotionManager>(); };
+    platform.makeMotionActivityManager = [] { return std::make_shared<LinuxMotionActivityManager>(); };
+    platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(LinuxDeviceInfo::defaultPowerSupplyRoot,
+                                                            platform.mainRunLoop, platform.notificationCenter);
+    platform.systemState = std::make_shared<LinuxSystemState>();
     platform.systemVersion = kernelRelease();
     return platform;
 }
