@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/sim/Scenario.h"
+#include "platform/sim/TraceReader.h"
 #include "platform/sim/TraceTime.h"
 #include "support/TestSupport.h"
 
@@ -171,6 +172,30 @@ TEST(Scenario, RefusesMistakesWithTheirLine) {
     EXPECT_EQ(errorOf("from 10:00 to 11:00 network offline\nfrom 11:00 to 12:00 network cellular\n"
                       "at 12:00 network offline\nat 10:00 relaunch\nat 10:00 relaunch build 2"),
               "no error");
+}
+
+TEST(Scenario, ReadsTheCommittedLondonWeekday) {
+    const std::filesystem::path data(ROVALIS_SOURCE_DATA_DIR);
+    const Date start = readTrace(data / "traces" / "london-weekday.gpx").front().time;
+    const auto scenario = readScenario(data / "scenarios" / "london-weekday.scenario", start);
+    std::vector<std::string> lines;
+    for (const auto& step : scenario.steps)
+        lines.push_back(isoTime(step.time).substr(11, 5) + " " + describe(step.change));
+    for (const char* wanted : {"08:10 network offline", "08:40 network wifi", "12:00 permission when-in-use",
+                               "12:30 permission always", "18:00 relaunch as build 42", "18:05 network cellular",
+                               "18:20 wifi-only on", "19:00 wifi-only off", "19:30 network wifi"}) {
+        EXPECT_NE(std::find(lines.begin(), lines.end(), wanted), lines.end()) << wanted;
+    }
+
+    test::TempDir directory;
+    test::writeFile(directory / "bad.scenario", "at 10:00 network 5g\n");
+    try {
+        readScenario(directory / "bad.scenario", start);
+        ADD_FAILURE() << "no error";
+    } catch (const ScenarioError& error) {
+        EXPECT_EQ(std::string(error.what()).find((directory / "bad.scenario").string() + ": line 1: network takes"), 0u)
+            << error.what();
+    }
 }
 
 }  // namespace

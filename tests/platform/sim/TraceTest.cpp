@@ -287,5 +287,52 @@ TEST(TraceAnalysis, FindsStaysAtTheStartAndEndButNotAShortStop) {
     EXPECT_DOUBLE_EQ(times.standingSeconds, path.end().timeIntervalSince(path.start()) - 1000.0);
 }
 
+// --- the committed day -----------------------------------------------------------------------
+
+TEST(LondonWeekdayTrace, HasTheStaysItsReadmeLists) {
+    const auto file = std::filesystem::path(ROVALIS_SOURCE_DATA_DIR) / "traces" / "london-weekday.gpx";
+    EXPECT_LT(std::filesystem::file_size(file), 1500u * 1000u);
+    const auto points = readTrace(file);
+    const TruePath path(points);
+    EXPECT_EQ(path.start(), utc("2024-01-16T00:00:00Z"));
+    EXPECT_EQ(path.end(), utc("2024-01-17T00:00:00Z"));
+    for (const auto& point : points) ASSERT_TRUE(point.accuracy);
+
+    struct Expected {
+        const char* place;
+        LocationCoordinate2D where;
+        const char* start;
+        const char* end;
+    };
+    const LocationCoordinate2D home{51.45550, -0.10750}, office{51.51485, -0.09920};
+    const Expected expected[] = {
+        {"home", home, "00:00:00", "07:54:50"},
+        {"office", office, "08:24:06", "12:31:55"},
+        {"café", {51.50800, -0.09810}, "12:39:07", "12:59:07"},
+        {"office", office, "13:13:36", "17:37:10"},
+        {"shop", {51.46080, -0.11210}, "18:09:28", "18:28:39"},
+        {"home", home, "18:33:47", "24:00:00"},
+    };
+    const auto stays = findStays(path);
+    ASSERT_EQ(stays.size(), std::size(expected));
+    for (std::size_t i = 0; i < stays.size(); ++i) {
+        const auto clock = [](const char* hms) { return utc((std::string("2024-01-16T") + hms + "Z").c_str()); };
+        EXPECT_LT(distanceBetween(stays[i].centre, expected[i].where), 30.0) << expected[i].place;
+        EXPECT_EQ(isoTime(stays[i].start), isoTime(clock(expected[i].start))) << expected[i].place;
+        EXPECT_EQ(isoTime(stays[i].end), isoTime(clock(expected[i].end))) << expected[i].place;
+    }
+
+    // Moving, a fix every 1-4 s; the one long gap is the Tube.
+    int gaps = 0;
+    for (std::size_t i = 1; i < points.size(); ++i) {
+        const double gap = points[i].time.timeIntervalSince(points[i - 1].time);
+        if (gap > 1000.0) ++gaps;
+        if (gap <= 5.0) continue;
+        const bool still = distanceBetween(points[i].coordinate, points[i - 1].coordinate) < 40.0;
+        EXPECT_TRUE(still || gap > 1000.0) << isoTime(points[i].time);
+    }
+    EXPECT_EQ(gaps, 1);
+}
+
 }  // namespace
 }  // namespace rovalis::sim
