@@ -96,12 +96,12 @@ TEST(Scenario, ReadsEveryChangeAndDescribesItAsWritten) {
 
 TEST(Scenario, SpansRestoreWhatHeldBeforeThem) {
     const auto scenario = parseScenario(
-        "from 12:00 to 12:30 network offline\n"         // 1: restores the cellular of line 3
-        "from 08:10 to 08:40 permission when-in-use\n"  // 2: restores the default
-        "at 09:00 network cellular\n"                   // 3
-        "from 12:30 to 13:00 network wifi\n"            // 4: adjacent to line 1
-        "at 13:00 network offline\n"                    // 5: after line 4's end, so it holds
-        "from 10:00 to 11:00 battery 10%\n",            // 6
+        "from 12:00 to 12:30 network offline\n"          // 1: restores the cellular of line 4
+        "from 08:10 to 08:40 permission when-in-use\n"   // 2: restores the default
+        "at 13:00 network offline\n"                     // 3: at line 5's end, so after it
+        "at 09:00 network cellular\n"                    // 4
+        "from 12:30 to 13:00 network wifi\n"             // 5: adjacent to line 1
+        "from 10:00 to 11:00 battery 10%\n",             // 6
         traceStart);
     struct Expected {
         const char* time;
@@ -112,14 +112,14 @@ TEST(Scenario, SpansRestoreWhatHeldBeforeThem) {
     const Expected expected[] = {
         {"08:10:00", PermissionChange{AuthorizationStatus::authorizedWhenInUse}, 2, false},
         {"08:40:00", PermissionChange{AuthorizationStatus::authorizedAlways}, 2, true},
-        {"09:00:00", NetworkChange{SimulatedConnection::cellular}, 3, false},
+        {"09:00:00", NetworkChange{SimulatedConnection::cellular}, 4, false},
         {"10:00:00", BatteryChange{0.1}, 6, false},
         {"11:00:00", BatteryChange{0.8}, 6, true},
         {"12:00:00", NetworkChange{SimulatedConnection::offline}, 1, false},
         {"12:30:00", NetworkChange{SimulatedConnection::cellular}, 1, true},
-        {"12:30:00", NetworkChange{SimulatedConnection::wifi}, 4, false},
-        {"13:00:00", NetworkChange{SimulatedConnection::cellular}, 4, true},
-        {"13:00:00", NetworkChange{SimulatedConnection::offline}, 5, false},
+        {"12:30:00", NetworkChange{SimulatedConnection::wifi}, 5, false},
+        {"13:00:00", NetworkChange{SimulatedConnection::cellular}, 5, true},
+        {"13:00:00", NetworkChange{SimulatedConnection::offline}, 3, false},
     };
     ASSERT_EQ(scenario.steps.size(), std::size(expected));
     ScenarioState state;
