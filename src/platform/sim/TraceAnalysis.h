@@ -19,12 +19,16 @@ struct TrueStay {
 //
 // The path is sampled every 10 s from its start and at every recorded point; between two
 // samples it is a straight line, so a circle that holds every sample of a period holds the
-// whole path over it. A period grows from a sample for as long as every sample in it lies
-// within `radiusMetres` of the period's time-weighted mean position. When it has lasted at
-// least `minimumSeconds` it is a stay and the search goes on after it; otherwise the search
-// starts again at the next sample. A stay's ends are therefore found to within a sample
-// (10 s or less), and a stay runs on until the device is about `radiusMetres` away from
-// where it stayed.
+// whole path over it. A window of samples sweeps forward over the path, and every sample in
+// it stays within `radiusMetres` of its time-weighted mean position:
+//   - a new sample within the radius of the mean joins the window; if older samples then
+//     fall outside, they were the way in and leave it from the front;
+//   - a new sample outside the radius ends the window: if it has lasted `minimumSeconds`, it
+//     is a stay and a new window starts at the sample; otherwise its oldest sample leaves
+//     and the new one is tried again.
+// A stay's ends are found to within a sample (10 s or less). It begins when the device comes
+// within about `radiusMetres` of where it stays and ends when it is about as far away again,
+// so on foot a stay starts up to two minutes before the arrival and ends as long after leaving.
 std::vector<TrueStay> findStays(const TruePath& path, double radiusMetres = 150.0, double minimumSeconds = 600.0);
 
 // The length of the path along its recorded points, in metres.
