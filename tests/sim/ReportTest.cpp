@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/MapProjection.h"
 #include "sim/ReportFigures.h"
 #include "sim/ReportRenderers.h"
 
@@ -258,6 +259,193 @@ TEST(SimulationSummaryJson, FaultsAndMissingFiguresShowAsSuch) {
     EXPECT_TRUE(figures["speed_up"].is_null());
     // A byte that is not UTF-8 is replaced, and the rest of the text is kept as it was.
     EXPECT_EQ(figures["transitions"][0]["reason"].get<std::string>().substr(0, kHostile.size()), kHostile);
+}
+
+// --- The map page ---
+
+bool voidElement(const std::string& name) { return name == "meta" || name == "input" || name == "br"; }
+
+// What is wrong with the page's tags and entities: a closing tag out of order, an element left
+// open, or a '&' that starts no entity. Empty when nothing is.
+std::string markupFaults(const std::string& page) {
+    std::vector<std::string> open;
+    std::size_t i = 0;
+    static const std::regex entity("^&(#[0-9]+|[a-z]+);");
+    for (std::size_t a = page.find('&'); a != std::string::npos; a = page.find('&', a + 1)) {
+        const auto scriptStart = page.find("<script>"), scriptEnd = page.find("</script>");
+        if (a > scriptStart && a < scriptEnd) continue;
+        if (!std::regex_search(page.substr(a, 12), entity)) return "bare & at " + page.substr(a, 20);
+    }
+    while ((i = page.find('<', i)) != std::string::npos) {
+        if (page.compare(i, 2, "<!") == 0) {
+            i = page.find('>', i);
+            continue;
+        }
+        const auto end = page.find('>', i);
+        if (end == std::string::npos) return "unterminated tag";
+        const std::string tag = page.substr(i + 1, end - i - 1);
+        const bool closing = !tag.empty() && tag[0] == '/';
+        const auto nameStart = closing ? 1u : 0u;
+        const std::string name = tag.substr(nameStart, tag.find_first_of(" />", nameStart) - nameStart);
+        if (closing) {
+            if (open.empty() || open.back() != name) return "stray </" + name + ">";
+            open.pop_back();
+        } else if (tag.back() != '/' && !voidElement(name)) {
+            open.push_back(name);
+            if (name == "script" || name == "style") {
+                i = page.find("</" + name + ">", end);
+                if (i == std::string::npos) return "unclosed <" + name + ">";
+                continue;
+            }
+        }
+        i = end + 1;
+    }
+    return open.empty() ? "" : "unclosed <" + open.back() + ">";
+}
+
+std::size_t occurrences(const std::string& text, const std::string& part) {
+    std::size_t count = 0;
+    for (auto i = text.find(part); i != std::string::npos; i = text.find(part, i + 1)) ++count;
+    return count;
+}
+
+// The numeric attribute of the `element` tag whose title starts with `titleStart`.
+double attributeOf(const std::string& page, const std::string& element, const std::string& titleStart,
+                   const std::string& attribute) {
+    const auto titled = page.find("<title>" + titleStart);
+    if (titled == std::string::npos) return std::nan("");
+    const auto tag = page.rfind("<" + element + " ", titled);
+    const auto value = page.find(" " + attribute + "=\"", tag);
+    if (tag == std::string::npos || value == std::string::npos || value > titled) return std::nan("");
+    return std::stod(page.substr(value + attribute.size() + 3));
+}
+
+TEST(SimulationMapPage, TagsBalanceAndEveryDrawnThingHasATitle) {
+    const auto report = sampleReport();
+    const std::string page = renderMapHtml(report);
+    EXPECT_EQ(markupFaults(page), "");
+    EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_EQ(occurrences(page, "<svg"), occurrences(page, "</svg>"));
+    EXPECT_EQ(occurrences(page, "<script"), 1u);
+    // Nothing is fetched: the only address is the SVG namespace.
+    EXPECT_EQ(occurrences(page, "http"), occurrences(page, "http://www.w3.org/2000/svg"));
+
+    // Shapes drawn for the data are open elements with a title first; decorations close
+    // themselves.
+    static const std::regex shape("<(circle|rect|polygon|polyline|line)( [^>]*)?[^/]>(.{0,7})");
+    std::size_t shapes = 0;
+    for (std::sregex_iterator it(page.begin(), page.end(), shape), end; it != end; ++it, ++shapes) {
+        EXPECT_EQ((*it)[3].str(), "<title>") << (*it)[0].str();
+    }
+    EXPECT_GT(shapes, 20u);
+    EXPECT_EQ(occurrences(page, " fix, accuracy "), report.fixes.size());
+    EXPECT_EQ(occurrences(page, "<title>True stay 1:"), 2u);  // on the map and on the timeline
+    EXPECT_EQ(occurrences(page, "<title>Asleep "), 2u);
+    EXPECT_EQ(occurrences(page, "<title>Failed upload at 13:00:00"), 1u);
+    EXPECT_NE(page.find("<title>Exit from centre at 08:00:00"), std::string::npos);
+}
+
+TEST(SimulationMapPage, EscapesEveryText) {
+    auto report = sampleReport();
+    report.traceName = kHostile;
+    report.transitions[0].reason = kHostile;
+    report.scenario[0].text = kHostile;
+    report.uploads[1].error = kHostile;
+    report.fixes[0].provider = kHostile;
+    report.geofences[1].identifier = kHostile;
+    const std::string page = renderMapHtml(report);
+    EXPECT_EQ(page.find(kHostile), std::string::npos);
+    EXPECT_EQ(occurrences(page, "<script"), 1u);
+    EXPECT_GE(occurrences(page, "&lt;script&gt;&amp;&quot;&#39;"), 6u);
+    EXPECT_EQ(markupFaults(page), "");
+}
+
+TEST(SimulationMapPage, AKilometreEastIsAKilometreOfScaleBar) {
+    auto report = sampleReport();
+    const LocationCoordinate2D east = offset(kHome, 90, 1000);
+    report.fixes = {{at(5), kHome, 5.0, "regular"}, {at(5, 30), east, 5.0, "regular"}};
+    const std::string page = renderMapHtml(report);
+
+    const double x0 = attributeOf(page, "circle", "05:00:00 regular fix", "cx");
+    const double y0 = attributeOf(page, "circle", "05:00:00 regular fix", "cy");
+    const double x1 = attributeOf(page, "circle", "05:30:00 regular fix", "cx");
+    const double y1 = attributeOf(page, "circle", "05:30:00 regular fix", "cy");
+    const auto bar = page.find("class=\"scale-bar\"");
+    ASSERT_NE(bar, std::string::npos);
+    const double metres = std::stod(page.substr(page.find("data-metres=\"", bar) + 13));
+    const double barPixels = std::stod(page.substr(page.find("data-pixels=\"", bar) + 13));
+    ASSERT_GT(metres, 0.0);
+
+    const double kilometre = std::hypot(x1 - x0, y1 - y0) / barPixels * metres;
+    EXPECT_NEAR(kilometre, 1000.0, 10.0);  // positions are written to a tenth of a pixel
+    EXPECT_NEAR(y1, y0, 1.0);
+    EXPECT_GT(x1, x0);
+}
+
+TEST(SimulationMapPage, ProjectionKeepsDistancesInEveryDirectionAndFitsTheData) {
+    for (const LocationCoordinate2D centre :
+         {LocationCoordinate2D{0.5, 10.0}, LocationCoordinate2D{69.65, 18.95}, LocationCoordinate2D{-33.9, 179.99}}) {
+        const auto north = offset(centre, 0, 2000), east = offset(centre, 90, 3000);
+        const std::vector<MapExtent> extents = {{centre, 150.0}, {north, 0.0}, {east, 0.0}};
+        const MapProjection projection(extents, 1400, 800, 400, 40);
+        const auto p = projection.project(centre), n = projection.project(north), e = projection.project(east);
+        const double perMetre = projection.pixelsPerMetre();
+        EXPECT_NEAR(std::hypot(n.x - p.x, n.y - p.y) / perMetre, 2000.0, 2000.0 * 0.003) << centre.latitude;
+        EXPECT_NEAR(std::hypot(e.x - p.x, e.y - p.y) / perMetre, 3000.0, 3000.0 * 0.003) << centre.latitude;
+        EXPECT_LT(n.y, p.y);
+        EXPECT_GT(e.x, p.x);  // across the antimeridian too
+        for (const auto& point : {n, e}) {
+            EXPECT_GE(point.x, 40.0 - 1e-6);
+            EXPECT_LE(point.x, 1400.0 - 40.0 + 1e-6);
+            EXPECT_GE(point.y, 40.0 - 1e-6);
+            EXPECT_LE(point.y, projection.height() - 40.0 + 1e-6);
+        }
+        EXPECT_GE(p.y - 150.0 * perMetre, 40.0 - 1e-6);  // the stay's circle is inside too
+
+        const ScaleBar bar = projection.scaleBar(200);
+        EXPECT_LE(bar.pixels, 200.0);
+        EXPECT_GT(bar.pixels, 200.0 / 2.5);  // the next round length would not fit
+        EXPECT_NEAR(bar.pixels, bar.metres * perMetre, 1e-9);
+        const double mantissa = bar.metres / std::pow(10.0, std::floor(std::log10(bar.metres)));
+        EXPECT_TRUE(std::fabs(mantissa - 1) < 1e-9 || std::fabs(mantissa - 2) < 1e-9 || std::fabs(mantissa - 5) < 1e-9)
+            << bar.metres;
+    }
+}
+
+TEST(SimulationMapPage, AnEmptyRunRendersEverywhere) {
+    const SimulationReport empty;
+    const std::string page = renderMapHtml(empty);
+    EXPECT_EQ(markupFaults(page), "");
+    EXPECT_NE(page.find("No positions to draw"), std::string::npos);
+    for (const std::string bad : {"nan", "inf", "NaN"}) {
+        EXPECT_EQ(page.find("=\"" + bad), std::string::npos) << bad;
+        EXPECT_EQ(page.find("=\"-" + bad), std::string::npos) << bad;
+    }
+    const json figures = json::parse(renderSummaryJson(empty));
+    EXPECT_TRUE(figures["energy"]["saving_percent"].is_null());
+    EXPECT_EQ(figures["delivered_exactly_once"], true);
+    EXPECT_FALSE(renderSummary(empty, true).empty());
+
+    // A single point is shown a few hundred metres across, not infinitely close.
+    SimulationReport one;
+    one.fixes = {{at(1), kHome, 5.0, "regular"}};
+    const MapProjection projection({{kHome, 0.0}}, 1400, 800, 400, 40);
+    EXPECT_TRUE(std::isfinite(projection.pixelsPerMetre()));
+    EXPECT_EQ(markupFaults(renderMapHtml(one)), "");
+}
+
+TEST(SimulationMapPage, ThinsManyFixesAndSaysSo) {
+    auto report = sampleReport();
+    report.fixes.clear();
+    for (int i = 0; i < 45000; ++i) {
+        report.fixes.push_back({Date{kMidnight + i}, offset(kHome, i % 360, 10.0 + i % 500), 10.0, "regular"});
+    }
+    const std::string page = renderMapHtml(report);
+    const std::size_t drawn = occurrences(page, " fix, accuracy ");
+    EXPECT_LE(drawn, 20000u);
+    EXPECT_GE(drawn, 15000u);
+    EXPECT_NE(page.find("1 in 3 of the 45,000 fixes is drawn"), std::string::npos);
+    EXPECT_NE(page.find("regular fixes (45,000)"), std::string::npos);
 }
 
 }  // namespace

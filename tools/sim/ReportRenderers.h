@@ -1,7 +1,8 @@
 #pragma once
 
-// The ways a simulated run is shown: the summary a developer reads in the terminal at the end
-// of a run, and the same figures as JSON for scripts.
+// The three ways a simulated run is shown: the summary a developer reads in the terminal at
+// the end of a run, the same figures as JSON for scripts, and a self-contained HTML page with
+// the map and the day's timeline.
 
 #include <string>
 
@@ -17,5 +18,8 @@ std::string renderSummary(const SimulationReport& report, bool colour);
 // ISO 8601 UTC text and as epoch milliseconds, figures that have no value (a ratio over
 // zero) as null.
 std::string renderSummaryJson(const SimulationReport& report);
+
+// One HTML page with inline SVG and CSS and nothing fetched from the network.
+std::string renderMapHtml(const SimulationReport& report);
 
 }  // namespace rovalis::sim
