@@ -1,6 +1,7 @@
 #include "platform/linux/LinuxPlatform.h"
 
 #include "platform/linux/FileKeychain.h"
+#include "platform/linux/GpsdLocationService.h"
 #include "platform/linux/LinuxBackgroundTasks.h"
 #include "platform/linux/LinuxDeviceInfo.h"
 #include "platform/linux/LinuxMotion.h"
@@ -25,15 +26,17 @@ std::string kernelRelease() {
 
 }  // namespace
 
-Platform makeLinuxPlatform(const DataRoot& root) {
+Platform makeLinuxPlatform(const DataRoot& root, std::shared_ptr<RVLDateSource> dateSource,
+                           std::shared_ptr<RunLoop> mainRunLoop) {
     Platform platform;
-    platform.dateSource = std::make_shared<SystemDateSource>();
-    platform.mainRunLoop = std::make_shared<ThreadRunLoop>(platform.dateSource);
+    platform.dateSource = dateSource ? std::move(dateSource) : std::make_shared<SystemDateSource>();
+    platform.mainRunLoop = mainRunLoop ? std::move(mainRunLoop) : std::make_shared<ThreadRunLoop>(platform.dateSource);
     platform.keyValueStore = std::make_shared<SqliteKeyValueStore>(root.root() / "Preferences.sqlite");
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
     platform.network = std::make_shared<LinuxNetworkMonitor>();
     platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
     platform.notificationCenter = NotificationCenter::defaultCenter();
+    platform.makeLocationManager = makeGpsdLocationManagerFactory(platform.mainRunLoop, platform.dateSource);
     platform.makeMotionManager = [] { return std::make_shared<LinuxMotionManager>(); };
     platform.makeMotionActivityManager = [] { return std::make_shared<LinuxMotionActivityManager>(); };
     platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(LinuxDeviceInfo::defaultPowerSupplyRoot,
