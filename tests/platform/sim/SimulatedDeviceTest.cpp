@@ -103,6 +103,24 @@ TEST(SimulatedDevice, LedgerBooksEverySecondOfAScriptedSequence) {
     }
 }
 
+TEST(SimulatedDeviceDeathTest, MisuseIsFatal) {
+    EXPECT_DEATH(SimulatedDevice(nullptr), "Fatal error: SimulatedDevice needs a true path");
+
+    Platform orphan;
+    {
+        DeviceFixture f(PathBuilder().stay(600).build());
+        auto accelerometer = f.platform.makeMotionManager();
+        EXPECT_DEATH(accelerometer->startAccelerometerUpdates(nullptr, [](const AccelerometerData&) {}),
+                     "Fatal error: startAccelerometerUpdates needs a queue and a handler");
+        auto activity = f.platform.makeMotionActivityManager();
+        EXPECT_DEATH(activity->startActivityUpdates(std::make_shared<ManualQueue>(), nullptr),
+                     "Fatal error: startActivityUpdates needs a queue and a handler");
+        orphan = f.platform;
+    }
+    // A bundle cannot make managers once its device is gone.
+    EXPECT_DEATH(orphan.makeLocationManager(), "Fatal error: a location manager was asked of a simulated device");
+}
+
 // A day in small: regular fixes with bursts, a stay with regions and significant changes,
 // a drive, motion throughout.
 DeviceLog scriptedDay(std::uint64_t seed, EnergyLedger* energy = nullptr) {
