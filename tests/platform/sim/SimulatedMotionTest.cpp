@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 
@@ -66,6 +67,26 @@ TEST(SimulatedAccelerometer, SamplesAtTheIntervalStampedSinceBootOneTaskPerSecon
     f.runFor(5);
     EXPECT_TRUE(accelerometer.queue->tasks.empty());
     EXPECT_FALSE(accelerometer.manager->isAccelerometerActive());
+}
+
+TEST(SimulatedAccelerometer, TheClockWaitsForTheSamplesOnTheAppsOwnQueue) {
+    DeviceFixture f(PathBuilder().stay(3600).build());
+    std::shared_ptr<Executor> queue = f.platform.makeSerialExecutor("core-motion-accelerations-updates");
+    auto manager = f.platform.makeMotionManager();
+    manager->setAccelerometerUpdateInterval(0.05);
+    std::atomic<int> handled{0};
+    std::atomic<double> last{0.0};
+    manager->startAccelerometerUpdates(queue, [&](const AccelerometerData& data) {
+        ++handled;
+        last = data.timestamp;
+    });
+    for (int second = 1; second <= 30; ++second) {
+        f.runFor(1);
+        // Every sample of the second was handled before the run returned.
+        EXPECT_EQ(handled.load(), 20 * second);
+        EXPECT_NEAR(last.load(), f.platform.systemState->systemUptime(), 1e-6);
+    }
+    manager->stopAccelerometerUpdates();
 }
 
 TEST(SimulatedAccelerometer, MagnitudeFollowsWhatTheDeviceIsDoing) {
