@@ -1,0 +1,162 @@
+#pragma once
+
+// Synthetic paths and recording clients for the simulated device's tests.
+
+#include <cmath>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <GeographicLib/Geodesic.hpp>
+
+#include "platform/sim/SimulatedDevice.h"
+#include "platform/sim/TruePath.h"
+#include "rovalis/Executor.h"
+#include "rovalis/platform/LocationManager.h"
+#include "util/InMemoryKeyValueStore.h"
+
+namespace rovalis::sim::test {
+
+inline constexpr double kStart = 1700000000.0;
+inline const LocationCoordinate2D kHome{52.52, 13.405};
+
+// `coordinate` moved `metres` along `bearing` (degrees) on the WGS84 ellipsoid.
+inline LocationCoordinate2D destination(LocationCoordinate2D coordinate, double bearing, double metres) {
+    LocationCoordinate2D to;
+    GeographicLib::Geodesic::WGS84().Direct(coordinate.latitude, coordinate.longitude, bearing, metres, to.latitude,
+                                            to.longitude);
+    return to;
+}
+
+// Builds a true path leg by leg from kHome at kStart.
+class PathBuilder {
+public:
+    explicit PathBuilder(LocationCoordinate2D from = kHome, double start = kStart) {
+        points_.push_back({Date{start}, from, std::nullopt});
+    }
+
+    PathBuilder& stay(double seconds) { return add(seconds, position()); }
+    PathBuilder& move(double bearing, double speed, double seconds) {
+        return add(seconds, destination(position(), bearing, speed * seconds));
+    }
+    // Straight to a point, arriving after `seconds`.
+    PathBuilder& to(LocationCoordinate2D coordinate, double seconds) { return add(seconds, coordinate); }
+
+    Date now() const { return points_.back().time; }
+    LocationCoordinate2D position() const { return points_.back().coordinate; }
+    std::shared_ptr<const TruePath> build() const { return std::make_shared<const TruePath>(points_); }
+
+private:
+    PathBuilder& add(double seconds, LocationCoordinate2D coordinate) {
+        points_.push_back({now().addingSeconds(seconds), coordinate, std::nullopt});
+        return *this;
+    }
+    std::vector<TracePoint> points_;
+};
+
+// Keeps everything a location manager reports, with the virtual time it arrived.
+class RecordingDelegate final : public LocationManagerDelegate {
+public:
+    struct Fix {
+        Date received;
+        Location location;
+    };
+    struct Crossing {
+        Date time;
+        std::string identifier;
+        bool entered = false;
+    };
+
+    explicit RecordingDelegate(std::shared_ptr<const RVLDateSource> clock) : clock_(std::move(clock)) {}
+
+    void locationManagerDidUpdateLocations(LocationManagerType&, const std::vector<Location>& locations) override {
+        for (const auto& location : locations) fixes.push_back({clock_->now(), location});
+    }
+    void locationManagerDidEnterRegion(LocationManagerType&, const CircularRegion& region) override {
+        crossings.push_back({clock_->now(), region.identifier, true});
+    }
+    void locationManagerDidExitRegion(LocationManagerType&, const CircularRegion& region) override {
+        crossings.push_back({clock_->now(), region.identifier, false});
+    }
+    void locationManagerDidChangeAuthorization(LocationManagerType& manager) override {
+        authorizations.push_back(manager.authorizationStatus());
+    }
+
+    // Fixes received in [from, to).
+    std::vector<Fix> fixesBetween(Date from, Date to) const {
+        std::vector<Fix> result;
+        for (const auto& fix : fixes) {
+            if (fix.received >= from && fix.received < to) result.push_back(fix);
+        }
+        return result;
+    }
+
+    std::vector<Fix> fixes;
+    std::vector<Crossing> crossings;
+    std::vector<AuthorizationStatus> authorizations;
+
+private:
+    const std::shared_ptr<const RVLDateSource> clock_;
+};
+
+// A queue whose tasks wait until the test runs them, so that a test sees how work was
+// handed over.
+class ManualQueue final : public Executor {
+public:
+    void async(std::function<void()> task) override { tasks.push_back(std::move(task)); }
+    void sync(const std::function<void()>& task) override { task(); }
+    bool isCurrent() const override { return false; }
+
+    // Runs every waiting task; returns how many there were.
+    std::size_t drain() {
+        std::size_t count = 0;
+        while (!tasks.empty()) {
+            auto task = std::move(tasks.front());
+            tasks.pop_front();
+            task();
+            ++count;
+        }
+        return count;
+    }
+
+    std::deque<std::function<void()>> tasks;
+};
+
+// A device over a path, one app process on it, and helpers to make managers with
+// recording delegates.
+struct DeviceFixture {
+    explicit DeviceFixture(std::shared_ptr<const TruePath> path, SimulatedDeviceOptions options = {})
+        : device(std::move(path), std::move(options)) {
+        relaunch();
+    }
+
+    // A new process: a new bundle over the same device.
+    void relaunch() {
+        platform = device.makeProcessPlatform(std::make_shared<InMemoryKeyValueStore>(), nullptr);
+    }
+
+    struct Client {
+        std::shared_ptr<LocationManagerType> manager;
+        std::shared_ptr<RecordingDelegate> delegate;
+    };
+    // A manager as the SDK configures its own: background updates allowed, no pausing.
+    Client locationClient(double desiredAccuracy = kCLLocationAccuracyBest) {
+        Client client{platform.makeLocationManager(), std::make_shared<RecordingDelegate>(device.clock())};
+        client.manager->setAllowsBackgroundLocationUpdates(true);
+        client.manager->setPausesLocationUpdatesAutomatically(false);
+        client.manager->setDesiredAccuracy(desiredAccuracy);
+        client.manager->setDelegate(client.delegate);
+        return client;
+    }
+
+    void runFor(double seconds) { device.runUntil(device.now().addingSeconds(seconds)); }
+    Date at(double secondsAfterStart) const { return Date{kStart + secondsAfterStart}; }
+
+    SimulatedDevice device;
+    Platform platform;
+};
+
+}  // namespace rovalis::sim::test
