@@ -14,6 +14,7 @@
 #include "rovalis/InfoDictionary.h"
 #include "rovalis/Platform.h"
 #include "rovalis/RovalisDelegate.h"
+#include "rovalis/SleepRegions.h"
 
 namespace rovalis {
 
@@ -88,6 +89,9 @@ struct RovalisConfiguration {
     // after 15 seconds.
     bool isDebug = false;
     bool isIntegration = false;
+    // The regions laid around a stay; an invalid configuration is refused with a console
+    // line and the defaults are used.
+    SleepRegionConfiguration sleepRegions;
 };
 
 class RovalisCore {

@@ -143,13 +143,18 @@ void RVLGeneralLocationManager::createTrackers() {
     auto self = shared_from_this();
     TrackerDependencies dependencies(self, self, std::weak_ptr<RovalisDelegate>(), platform_.makeLocationManager,
                                      platform_.makeMotionManager, platform_.makeMotionActivityManager);
+    SleepRegionConfiguration sleepRegions = configuration_.sleepRegions;
+    if (!sleepRegions.isValid()) {
+        Console::log("the sleep region configuration is not valid; the default regions are used");
+        sleepRegions = SleepRegionConfiguration{};
+    }
     TrackerEnvironment environment{
         .platform = platform_,
         .dataRoot = dataRootFor(configuration_),
         .host = configuration_.host,
         .buildConfiguration = BuildConfiguration(configuration_.isDebug, configuration_.isIntegration),
         .productionBaseURL = configuration_.productionBaseURL,
-        .sleepRegions = RegionCalculator::sleepRegions(),
+        .sleepRegions = RegionCalculator::sleepRegions(sleepRegions),
         .sessionOptions = {},
         .apiClientOptions = {},
     };

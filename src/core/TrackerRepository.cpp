@@ -232,7 +232,7 @@ std::shared_ptr<RegionMonitoringReceiver> TrackerRepository::regionMonitoringRec
     if (!regionMonitoringReceiver_) {
         regionMonitoringReceiver_ = std::make_shared<RegionMonitoringReceiver>(
             environment_.platform.dateSource, dependencies_.awakeInitiationProvider, eventInserter(),
-            dependencies_.locationUpdateReceiver);
+            dependencies_.locationUpdateReceiver, environment_.sleepRegions.identifierPrefix);
     }
     return regionMonitoringReceiver_;
 }

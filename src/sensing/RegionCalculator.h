@@ -5,13 +5,13 @@
 #include <string_view>
 #include <vector>
 
+#include "rovalis/SleepRegions.h"
 #include "rovalis/platform/Location.h"
 
 namespace rovalis {
 
 // The start of the identifier of every region the SDK lays out while it sleeps; regions
 // with other identifiers (beacon regions) are not the geofence tracker's.
-inline constexpr std::string_view kSleepRegionIdentifierPrefix = "RVLSleepRegion";
 
 // The geometry of the sleep regions: a centre region of `radius` on the stay position and
 // a ring of `count` equal outer regions around it, spread by `spreadFactor`.
@@ -21,13 +21,12 @@ struct RegionCalculator {
     std::int64_t count = 0;
     std::string identifierPrefix;
 
-    // The SDK's sleep regions. Region monitoring is unreliable below about 100 m, so no
-    // region is smaller than 150 m; 150 m is also the stay detector's distance limit, so the
-    // stay fits the centre region. With a spread factor of 1.0 the outer circles would only
-    // touch the centre circle and each other; 1.2 makes them overlap, leaving no gap to slip
-    // through. 6 outer regions and the centre make 7, which leaves room for beacon regions
-    // under the platform's usual limit of 20 monitored regions per app.
-    static RegionCalculator sleepRegions() { return {150.0, 1.2, 6, std::string(kSleepRegionIdentifierPrefix)}; }
+    // The SDK's sleep regions as a host configured them (see SleepRegionConfiguration for
+    // why the defaults are what they are).
+    static RegionCalculator sleepRegions(const SleepRegionConfiguration& configuration = {}) {
+        return {configuration.centerRadius, configuration.spreadFactor, configuration.outerRegionCount,
+                configuration.identifierPrefix};
+    }
 
     // Reports exits only: the device starts inside it.
     CircularRegion centerRegion(const LocationCoordinate2D& center) const;

@@ -12,11 +12,13 @@ namespace rovalis {
 RegionMonitoringReceiver::RegionMonitoringReceiver(std::shared_ptr<RVLDateSource> dateSource,
                                                    std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider,
                                                    std::shared_ptr<EventRecordInsertable> eventInserter,
-                                                   std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver)
+                                                   std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver,
+                                                   std::string sleepRegionPrefix)
     : dateSource_(std::move(dateSource)),
       initiateWakeUpProvider_(std::move(initiateWakeUpProvider)),
       eventInserter_(std::move(eventInserter)),
-      locationUpdateReceiver_(std::move(locationUpdateReceiver)) {
+      locationUpdateReceiver_(std::move(locationUpdateReceiver)),
+      sleepRegionPrefix_(std::move(sleepRegionPrefix)) {
     if (!dateSource_ || !eventInserter_) fatalError("RegionMonitoringReceiver needs a date source and an event store");
 }
 
@@ -30,7 +32,7 @@ void RegionMonitoringReceiver::didExitRegion(const CircularRegion& region) {
 
 void RegionMonitoringReceiver::handleCrossing(const CircularRegion& region, RegionReason reason) {
     const bool entered = reason == RegionReason::enter;
-    if (!region.identifier.starts_with(kSleepRegionIdentifierPrefix)) {
+    if (!region.identifier.starts_with(sleepRegionPrefix_)) {
         Console::log(std::string(entered ? "entered" : "exited") + " a region that is not a geofence: " +
                      regionDescription(region));
         return;

@@ -6,6 +6,7 @@
 #include "events/EventRecords.h"
 #include "events/EventStoreInterfaces.h"
 #include "rovalis/DateSource.h"
+#include "rovalis/SleepRegions.h"
 #include "sensing/GeofenceManagerForwarder.h"
 
 namespace rovalis {
@@ -20,7 +21,8 @@ public:
     RegionMonitoringReceiver(std::shared_ptr<RVLDateSource> dateSource,
                              std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider,
                              std::shared_ptr<EventRecordInsertable> eventInserter,
-                             std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver);
+                             std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver,
+                             std::string sleepRegionPrefix = SleepRegionConfiguration{}.identifierPrefix);
 
     void didEnterRegion(const CircularRegion& region) override;
     void didExitRegion(const CircularRegion& region) override;
@@ -32,6 +34,7 @@ private:
     const std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider_;
     const std::shared_ptr<EventRecordInsertable> eventInserter_;
     const std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver_;
+    const std::string sleepRegionPrefix_;
 };
 
 }  // namespace rovalis
