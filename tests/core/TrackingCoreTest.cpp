@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/RVLGeneralLocationManager.h"
+#include "platform/linux/FileKeychain.h"
+#include "platform/sim/SimulatedDevice.h"
+#include "rovalis/Exceptions.h"
+#include "sensing/GeofenceTracker.h"
+#include "sensing/RegularLocationTracker.h"
+#include "sensing/SignificantLocationTracker.h"
+#include "support/TestSupport.h"
+#include "upload/AccessTokenDecoder.h"
+#include "util/InMemoryKeyValueStore.h"
+
+namespace rovalis {
+namespace {
+
+using json = nlohmann::json;
+using sim::SimulatedDevice;
+using sim::TracePoint;
+using sim::TruePath;
+
+constexpr double start = 1700000000.0;
+const LocationCoordinate2D home{51.4555, -0.1075};
+
+// A token whose payload names the user with the given UUID.
+std::string tokenFor(const std::string& userId) {
+    const std::string payload = R"({"sub":")" + userId + R"("})";
+    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    std::string encoded;
+    int bits = 0, value = 0;
+    for (unsigned char c : payload) {
+        value = (value << 8) | c;
+        bits += 8;
+        while (bits >= 6) encoded += alphabet[(value >> (bits -= 6)) & 0x3F];
+    }
+    if (bits > 0) encoded += alphabet[(value << (6 - bits)) & 0x3F];
+    return "eyJhbGciOiJIUzI1NiJ9." + encoded + ".c2ln";
+}
+
+// The host: what it is told, in order.
+class RecordingHost final : public RovalisDelegate, public RovalisLocationDelegate {
+public:
+    void trackingStatusChanged(bool isTracking) override { heard.push_back(isTracking ? "tracking" : "not tracking"); }
+    void locationAuthorizationStatusDidChange(std::int32_t status, bool) override {
+        heard.push_back("authorization " + std::to_string(status));
+    }
+    void didTrackLocation(const Location&) override { ++trackedLocations; }
+
+    std::vector<std::string> heard;
+    int trackedLocations = 0;
+};
+
+// An SDK on a simulated device that stays at home, with no collection service to reach.
+class TrackingCore : public ::testing::Test {
+protected:
+    TrackingCore() { launch(); }
+
+    void launch(const std::string& build = "40") {
+        RovalisConfiguration configuration;
+        configuration.host.displayName = "Trips";
+        configuration.host.version = "2.1";
+        configuration.host.build = build;
+        configuration.host.identifier = "com.example.trips";
+        configuration.dataRoot = dir.path();
+        configuration.platform = platform = device.makeProcessPlatform(defaults, keychain);
+        configuration.productionBaseURL = "http://127.0.0.1:9/";
+        sdk = std::make_shared<RVLGeneralLocationManager>(configuration);
+        sdk->initializeUsing(host, std::nullopt);
+        settle();
+    }
+
+    void relaunch(const std::string& build = "40") {
+        settle();
+        sdk.reset();
+        launch(build);
+    }
+
+    // Runs what is due now, and what that starts, on the device.
+    void settle() { device.runUntil(device.now()); }
+
+    std::vector<json> stored(const std::string& type) {
+        std::vector<json> found;
+        for (const auto& event : sdk->eventRepository()->fetchEventsPayloadTo(std::nullopt, 0)) {
+            if (event.type == type) found.push_back(json::parse(event.payload));
+        }
+        return found;
+    }
+
+    // "on FORCE", "off DENIED_LOCATION", ...
+    std::vector<std::string> toggles() {
+        std::vector<std::string> texts;
+        for (const auto& event : stored("ToggleTracking")) {
+            texts.push_back(std::string(event["toggle_tracking_state"].get<bool>() ? "on " : "off ") +
+                            event["toggle_tracking_reason"].get<std::string>());
+        }
+        return texts;
+    }
+
+    std::vector<std::string> debugTexts() {
+        std::vector<std::string> texts;
+        for (const auto& event : stored("Debug")) texts.push_back(event["comment"].get<std::string>());
+        return texts;
+    }
+
+    test::ConsoleCapture console;  // the SDK's console lines stay out of the test output
+    test::TempDir dir;
+    std::shared_ptr<SimulatedDevice> deviceHolder = std::make_shared<SimulatedDevice>(std::make_shared<const TruePath>(
+        std::vector<TracePoint>{{Date{start}, home, std::nullopt}, {Date{start + 86400}, home, std::nullopt}}));
+    SimulatedDevice& device = *deviceHolder;
+    std::shared_ptr<KeyValueStore> defaults = std::make_shared<InMemoryKeyValueStore>();
+    std::shared_ptr<KeychainStore> keychain = std::make_shared<FileKeychain>(dir / "Keychain");
+    std::shared_ptr<RecordingHost> host = std::make_shared<RecordingHost>();
+    Platform platform;
+    std::shared_ptr<RVLGeneralLocationManager> sdk;
+};
+
+TEST(TrackingCoreBeforeInitialisation, EveryPublicCallButInitialiseRaisesTheFixedMessage) {
+    RovalisConfiguration configuration;
+    configuration.host.displayName = "Trips";
+    const auto sdk = RovalisCore::makeInstance(configuration);
+    const std::vector<std::function<void()>> calls = {
+        [&] { sdk->start(); },
+        [&] { sdk->stop(); },
+        [&] { sdk->handleEventsForBackgroundURLSession("id", [] {}); },
+        [&] { sdk->clearDataWithCompletionHandler(nullptr); },
+        [&] { (void)sdk->isTrackingActive(); },
+        [&] { (void)sdk->userToken(); },
+        [&] { sdk->setUserToken(std::nullopt); },
+        [&] { (void)sdk->wifiOnlyDataTransfer(); },
+        [&] { sdk->setWifiOnlyDataTransfer(true); },
+        [&] { (void)sdk->hasRequiredPermissions(); },
+        [&] { (void)sdk->version(); },
+    };
+    for (std::size_t i = 0; i < calls.size(); ++i) {
+        try {
+            calls[i]();
+            ADD_FAILURE() << "call " << i << " did not raise";
+        } catch (const InternalInconsistencyException& error) {
+            EXPECT_EQ(error.reason(),
+                      "The SDK must be initialized by calling the initialize function inside the "
+                      "didFinishLaunchingWithOptions App delegate.")
+                << i;
+        }
+    }
+}
+
+TEST_F(TrackingCore, StartsOffWiresEightTrackersInOrderAndASecondInitialisationKeepsTheFirstDelegate) {
+    EXPECT_FALSE(sdk->isTrackingActive());
+    EXPECT_EQ(sdk->paused(), true);  // every process starts asleep
+    const auto& trackers = sdk->locationManagers();
+    ASSERT_EQ(trackers.size(), 8u);
+    EXPECT_TRUE(std::dynamic_pointer_cast<RegularLocationTracker>(trackers[0]));
+    EXPECT_TRUE(std::dynamic_pointer_cast<SignificantLocationTracker>(trackers[1]));
+    EXPECT_TRUE(std::dynamic_pointer_cast<GeofenceTracker>(trackers[3]));
+    EXPECT_TRUE(std::dynamic_pointer_cast<DebugEventsManager>(trackers[5]));
+    EXPECT_EQ(sdk->debugEventsInsertable(), std::dynamic_pointer_cast<RVLDebugEventsInsertable>(trackers[5]));
+
+    auto other = std::make_shared<RecordingHost>();
+    sdk->initializeUsing(other, std::nullopt);
+    sdk->start();
+    EXPECT_TRUE(other->heard.empty());
+    EXPECT_EQ(host->heard.back(), "tracking");
+}
+
+TEST_F(TrackingCore, HostStartStopStartRecordsThreeTogglesAndStoresTheState) {
+    sdk->start();
+    sdk->start();  // already on: nothing
+    sdk->stop();
+    settle();
+    sdk->start();
+    settle();
+    EXPECT_EQ(toggles(), (std::vector<std::string>{"on FORCE", "off FORCE", "on FORCE"}));
+    EXPECT_EQ(defaults->object("IZSettings14"), KeyValue(std::int64_t{1}));
+    EXPECT_TRUE(sdk->isTrackingActive());
+    EXPECT_EQ(sdk->paused(), false);  // the forced wake-up at start
+    EXPECT_TRUE(stored("ToggleStandby").empty());
+    const auto debug = debugTexts();
+    EXPECT_EQ(std::count(debug.begin(), debug.end(), "started 8 location managers"), 2);
+}
+
+TEST_F(TrackingCore, AnInterruptionIsUndoneOnlyByTheSdkAndAHostStopOverridesIt) {
+    sdk->start();
+    device.setAuthorization(AuthorizationStatus::denied);
+    settle();
+    EXPECT_EQ(sdk->localTrackingState(), -1);
+    EXPECT_EQ(sdk->paused(), true);
+    EXPECT_EQ(debugTexts().back(), "halting 8 location managers");
+
+    host->heard.clear();
+    sdk->start();  // the host cannot restart what the SDK interrupted
+    EXPECT_EQ(host->heard, (std::vector<std::string>{"not tracking"}));
+    device.setAuthorization(AuthorizationStatus::authorizedWhenInUse);  // another interruption records nothing
+    settle();
+    device.setAuthorization(AuthorizationStatus::authorizedAlways);  // the cause is gone: the SDK restarts
+    settle();
+    EXPECT_TRUE(sdk->isTrackingActive());
+    EXPECT_EQ(toggles(), (std::vector<std::string>{"on FORCE", "off DENIED_LOCATION", "on DENIED_LOCATION"}));
+
+    device.setAccuracyAuthorization(AccuracyAuthorization::reducedAccuracy);
+    settle();
+    sdk->stop();
+    settle();
+    EXPECT_EQ(sdk->localTrackingState(), 0);
+    device.setAccuracyAuthorization(AccuracyAuthorization::fullAccuracy);  // a host stop is not undone by the SDK
+    settle();
+    EXPECT_FALSE(sdk->isTrackingActive());
+    EXPECT_EQ(toggles().back(), "off FORCE");
+    EXPECT_EQ(toggles().size(), 5u);
+    EXPECT_EQ(toggles()[3], "off IMPRECISE_LOCATION");
+}
+
+TEST_F(TrackingCore, SleepAndWakeRecordToggleStandbyAndPostBothNotificationsOnlyOnChange) {
+    std::vector<std::string> posted;
+    platform.notificationCenter->addObserver(RVLSDKNotification, [&](const Notification& note) {
+        ASSERT_TRUE(note.object.has_value());  // the dictionary is the object, not the user info
+        posted.push_back("sdk " + std::get<std::string>(note.object->at("message")));
+    });
+    platform.notificationCenter->addObserver(RVLGeneralNotification, [&](const Notification& note) {
+        posted.push_back(std::string("paused ") + (std::get<bool>(note.userInfo->at("paused")) ? "yes" : "no"));
+    });
+
+    sdk->initiateSleepWithReason("no movement in 10 minutes");  // tracking is off: nothing
+    sdk->start();
+    settle();
+    EXPECT_EQ(posted, (std::vector<std::string>{"sdk Awake", "paused no"}));
+
+    const Location centre{home, 40.0, 8.0, 5.0, 0.0, -1.0, device.now()};
+    sdk->sleepWithCenterLocation(centre, "no movement in 10 minutes");
+    sdk->sleepWithCenterLocation(centre, "again");
+    sdk->wakeUpWithReason("exited geofence RVLSleepRegion_00", false);
+    sdk->setPaused(false);
+    EXPECT_EQ(posted, (std::vector<std::string>{"sdk Awake", "paused no", "sdk Asleep", "paused yes", "sdk Awake",
+                                                "paused no"}));
+    const auto standby = stored("ToggleStandby");
+    ASSERT_EQ(standby.size(), 2u);
+    EXPECT_EQ(standby[0]["toggle_standby_state"], true);
+    EXPECT_EQ(standby[0]["toggle_standby_reason"], "no movement in 10 minutes");
+    EXPECT_EQ(standby[1]["toggle_standby_state"], false);
+    EXPECT_EQ(stored("GeofenceCreate").size(), 7u);  // the sleep laid the regions
+}
+
+TEST_F(TrackingCore, ARelaunchResumesTrackingSilentlyAndANewBuildRecordsTheAppUpdatePairInOrder) {
+    sdk->start();
+    relaunch();
+    EXPECT_TRUE(sdk->isTrackingActive());
+    EXPECT_EQ(toggles(), (std::vector<std::string>{"on FORCE"}));
+
+    relaunch("41");
+    const auto events = stored("ToggleTracking");
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(toggles(), (std::vector<std::string>{"on FORCE", "off APP_UPDATE", "on APP_UPDATE"}));
+    EXPECT_GE(events[2]["tracked_at_ms"].get<std::int64_t>() - events[1]["tracked_at_ms"].get<std::int64_t>(), 10);
+}
+
+TEST_F(TrackingCore, LifecycleNotificationsAreIgnoredWhileTrackingRuns) {
+    sdk->start();
+    settle();
+    platform.notificationCenter->post(UIApplicationWillTerminateNotification);
+    settle();
+    EXPECT_EQ(sdk->paused(), false);  // no "application terminates" sleep
+    for (const auto& text : debugTexts()) EXPECT_NE(text, UIApplicationWillTerminateNotification);
+}
+
+TEST_F(TrackingCore, AUserTokenRotatesTheDeviceIdOnlyForANewUser) {
+    CredentialsManager credentials(keychain, HostInfo{"Trips", "2.1", "40", "com.example.trips", {}});
+    const std::string alice = tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e");
+    ASSERT_TRUE(AccessTokenDecoder(alice).userId().has_value());
+    sdk->setUserToken(alice);
+    const std::string first = credentials.deviceId();
+    sdk->setUserToken(alice);  // the same token: the device id stays
+    EXPECT_EQ(credentials.deviceId(), first);
+    sdk->setUserToken(tokenFor("7c9e6679-7425-40de-944b-e07fc1f90ae7"));
+    const std::string second = credentials.deviceId();
+    EXPECT_NE(second, first);
+    sdk->setUserToken("not.a-token");  // no user in it: a device id is made only when there is none
+    EXPECT_EQ(credentials.deviceId(), second);
+    EXPECT_EQ(sdk->userToken(), "not.a-token");
+    sdk->setUserToken(std::nullopt);
+    EXPECT_FALSE(sdk->userToken().has_value());
+    EXPECT_EQ(credentials.deviceId(), second);
+}
+
+TEST_F(TrackingCore, WifiOnlyChangesAreRecordedOnlyWhenTheyChangeAndWhileTracking) {
+    sdk->setWifiOnlyDataTransfer(true);  // not tracking: stored, not recorded
+    EXPECT_TRUE(sdk->wifiOnlyDataTransfer());
+    EXPECT_TRUE(stored("SDKSettings").empty());
+    sdk->start();
+    ASSERT_EQ(stored("SDKSettings").size(), 1u);  // the start records the setting
+    sdk->setWifiOnlyDataTransfer(true);
+    EXPECT_EQ(stored("SDKSettings").size(), 1u);
+    sdk->setWifiOnlyDataTransfer(false);
+    const auto settings = stored("SDKSettings");
+    ASSERT_EQ(settings.size(), 2u);
+    EXPECT_EQ(settings[1]["wifi_only_data_transfer"], false);
+    EXPECT_EQ(stored("DeviceSettings").size(), 2u);
+}
+
+TEST_F(TrackingCore, FixesBecomeWaypointsTheHostHearsOfAndInvalidOnesAreDropped) {
+    sdk->start();
+    device.runUntil(device.now().addingSeconds(20));
+    const auto waypoints = stored("Waypoint");
+    ASSERT_FALSE(waypoints.empty());
+    EXPECT_EQ(waypoints.front()["provider"], "regular");
+    EXPECT_EQ(host->trackedLocations, static_cast<int>(waypoints.size()));
+    ASSERT_TRUE(sdk->lastLocation().has_value());
+
+    Location invalid{home, 0.0, -1.0, -1.0, -1.0, -1.0, device.now()};
+    sdk->didUpdateLocation(invalid, "regular");
+    EXPECT_EQ(stored("Waypoint").size(), waypoints.size());
+}
+
+TEST_F(TrackingCore, ClearingDeletesEveryStoredEventAndCompletesOnTheMainLoop) {
+    sdk->start();
+    settle();
+    ASSERT_GT(sdk->eventRepository()->eventsCount(), 0);
+    bool onMain = false;
+    sdk->clearDataWithCompletionHandler([&] { onMain = platform.mainRunLoop->isCurrent(); });
+    settle();
+    EXPECT_TRUE(onMain);
+    EXPECT_EQ(sdk->eventRepository()->eventsCount(), 0);
+}
+
+}  // namespace
+}  // namespace rovalis
