@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <GeographicLib/Geodesic.hpp>
+#include <cctype>
 #include <cmath>
-#include <nlohmann/json.hpp>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <GeographicLib/Geodesic.hpp>
+#include <nlohmann/json.hpp>
 
 #include "sim/MapProjection.h"
 #include "sim/ReportFigures.h"
@@ -82,7 +83,19 @@ std::string lineWith(const std::string& text, const std::vector<std::string>& pa
     return "";
 }
 
-std::string withoutAnsi(const std::string& text) { return std::regex_replace(text, std::regex("\x1b\\[[0-9;]*m"), ""); }
+// The text with its ANSI colour escapes ("\x1b[1;31m") taken out.
+std::string withoutAnsi(const std::string& text) {
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\x1b' && i + 1 < text.size() && text[i + 1] == '[') {
+            i = text.find('m', i);
+            if (i == std::string::npos) break;
+            continue;
+        }
+        result += text[i];
+    }
+    return result;
+}
 
 // --- The terminal summary ---
 
@@ -270,11 +283,17 @@ bool voidElement(const std::string& name) { return name == "meta" || name == "in
 std::string markupFaults(const std::string& page) {
     std::vector<std::string> open;
     std::size_t i = 0;
-    static const std::regex entity("^&(#[0-9]+|[a-z]+);");
+    const auto scriptStart = page.find("<script>"), scriptEnd = page.find("</script>");
     for (std::size_t a = page.find('&'); a != std::string::npos; a = page.find('&', a + 1)) {
-        const auto scriptStart = page.find("<script>"), scriptEnd = page.find("</script>");
         if (a > scriptStart && a < scriptEnd) continue;
-        if (!std::regex_search(page.substr(a, 12), entity)) return "bare & at " + page.substr(a, 20);
+        // "&name;" or "&#digits;"
+        const bool numeric = a + 1 < page.size() && page[a + 1] == '#';
+        std::size_t e = a + (numeric ? 2 : 1);
+        while (e < page.size() && (numeric ? std::isdigit(static_cast<unsigned char>(page[e]))
+                                           : std::islower(static_cast<unsigned char>(page[e])))) {
+            ++e;
+        }
+        if (e == a + (numeric ? 2 : 1) || e >= page.size() || page[e] != ';') return "bare & at " + page.substr(a, 20);
     }
     while ((i = page.find('<', i)) != std::string::npos) {
         if (page.compare(i, 2, "<!") == 0) {
@@ -332,10 +351,15 @@ TEST(SimulationMapPage, TagsBalanceAndEveryDrawnThingHasATitle) {
 
     // Shapes drawn for the data are open elements with a title first; decorations close
     // themselves.
-    static const std::regex shape("<(circle|rect|polygon|polyline|line)( [^>]*)?[^/]>(.{0,7})");
     std::size_t shapes = 0;
-    for (std::sregex_iterator it(page.begin(), page.end(), shape), end; it != end; ++it, ++shapes) {
-        EXPECT_EQ((*it)[3].str(), "<title>") << (*it)[0].str();
+    for (const std::string element : {"circle", "rect", "polygon", "polyline", "line"}) {
+        const std::string start = "<" + element + " ";
+        for (auto i = page.find(start); i != std::string::npos; i = page.find(start, i + 1)) {
+            const auto end = page.find('>', i);
+            if (page[end - 1] == '/') continue;
+            ++shapes;
+            EXPECT_EQ(page.substr(end + 1, 7), "<title>") << page.substr(i, end + 1 - i);
+        }
     }
     EXPECT_GT(shapes, 20u);
     EXPECT_EQ(occurrences(page, " fix, accuracy "), report.fixes.size());
@@ -380,6 +404,65 @@ TEST(SimulationMapPage, AKilometreEastIsAKilometreOfScaleBar) {
     EXPECT_NEAR(kilometre, 1000.0, 10.0);  // positions are written to a tenth of a pixel
     EXPECT_NEAR(y1, y0, 1.0);
     EXPECT_GT(x1, x0);
+}
+
+// The text of the attribute of the `element` tag whose title starts with `titleStart`.
+std::string textAttributeOf(const std::string& page, const std::string& element, const std::string& titleStart,
+                            const std::string& attribute) {
+    const auto titled = page.find("<title>" + titleStart);
+    const auto tag = page.rfind("<" + element + " ", titled);
+    const auto value = page.find(" " + attribute + "=\"", tag);
+    if (titled == std::string::npos || tag == std::string::npos || value > titled) return "";
+    const auto start = value + attribute.size() + 3;
+    return page.substr(start, page.find('"', start) - start);
+}
+
+double pixelsPerMetre(const std::string& page) {
+    const auto bar = page.find("class=\"scale-bar\"");
+    return std::stod(page.substr(page.find("data-pixels=\"", bar) + 13)) /
+           std::stod(page.substr(page.find("data-metres=\"", bar) + 13));
+}
+
+TEST(SimulationMapPage, CrossingsSitOnTheRegionEdgeTowardsTheDevice) {
+    auto report = sampleReport();
+    report.fixes.push_back({at(8), offset(kHome, 90, 600), 5.0, "regular"});
+    const std::string page = renderMapHtml(report);
+    const double homeX = attributeOf(page, "circle", "07:06:00 PauseManager fix", "cx");
+    const double homeY = attributeOf(page, "circle", "07:06:00 PauseManager fix", "cy");
+    const auto crossing = page.find("<title>Exit from centre at 08:00:00");
+    ASSERT_NE(crossing, std::string::npos);
+    const auto line = page.find("<line x1=\"", crossing);
+    const double x = std::stod(page.substr(line + 10)) + 4;
+    const double y = std::stod(page.substr(page.find("y1=\"", line) + 4)) + 4;
+    EXPECT_NEAR((x - homeX) / pixelsPerMetre(page), 150.0, 3.0);  // the centre region's radius, east
+    EXPECT_NEAR(y, homeY, 0.5);
+}
+
+TEST(SimulationMapPage, EachSleepsGeofencesShareOneColour) {
+    const std::string page = renderMapHtml(sampleReport());
+    const std::string first =
+        textAttributeOf(page, "circle", "centre region centre, radius 150 m, laid at 07:12", "stroke");
+    const std::string ring = textAttributeOf(page, "circle", "outer ring region ring-0", "stroke");
+    const std::string second =
+        textAttributeOf(page, "circle", "centre region centre, radius 150 m, laid at 10:00", "stroke");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first, ring);
+    EXPECT_NE(first, second);
+    EXPECT_FALSE(second.empty());
+}
+
+TEST(SimulationMapPage, TimelineStartsInTheStateBeforeTheFirstTransition) {
+    auto report = sampleReport();
+    report.transitions = {{at(6), false, "exited geofence", kHome, 10.0}};
+    const std::string page = renderMapHtml(report);
+    // Asleep from the start until the wake-up, a quarter of the day's width.
+    const double x = attributeOf(page, "rect", "Asleep 00:00:00 to 06:00:00", "x");
+    const double width = attributeOf(page, "rect", "Asleep 00:00:00 to 06:00:00", "width");
+    const double awakeX = attributeOf(page, "rect", "Awake 06:00:00 to 00:00:00+1d", "x");
+    const double awakeWidth = attributeOf(page, "rect", "Awake 06:00:00 to 00:00:00+1d", "width");
+    ASSERT_FALSE(std::isnan(width)) << page;
+    EXPECT_NEAR(awakeX, x + width, 0.2);
+    EXPECT_NEAR(awakeWidth, 3 * width, 0.5);
 }
 
 TEST(SimulationMapPage, ProjectionKeepsDistancesInEveryDirectionAndFitsTheData) {

@@ -1,6 +1,7 @@
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 #include "sim/ReportFigures.h"
 #include "sim/ReportRenderers.h"
