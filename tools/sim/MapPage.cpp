@@ -41,6 +41,7 @@ constexpr const char* kOtherViolet = "#7c3aed";
 constexpr const char* kFoundGreen = "#059669";
 constexpr const char* kMissedRed = "#dc2626";
 constexpr const char* kAsleepIndigo = "#4338ca";
+constexpr const char* kOffGrey = "#cbd2d9";
 constexpr const char* kAwakeSky = "#7dd3fc";
 constexpr const char* kWakeOrange = "#ea580c";
 constexpr const char* kSignificantPink = "#db2777";
@@ -289,7 +290,7 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
         const auto& delivery = report_.delivery;
         const std::string counts = groupedNumber(delivery.recorded) + " recorded, " + groupedNumber(delivery.accepted) +
                                    " accepted, " + groupedNumber(delivery.leftInStore) + " left, " +
-                                   groupedNumber(delivery.repeatedEvents) + " repeated";
+                                   groupedNumber(delivery.identicalEvents) + " identical";
         figureRow("Delivery",
                   escape(counts) + (figures_.deliveredExactlyOnce ? " <span class=\"ok\">exactly once</span>"
                                                                   : " <span class=\"failed\">FAILED</span>"));
@@ -629,7 +630,7 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
                       clock(report_.end) + " UTC");
         stayShades(axis);
         hourTicks(axis);
-        rowBackground(0, "SDK", "Awake or asleep, from the sleep and wake-up events");
+        rowBackground(0, "SDK", "Tracking off, awake or asleep, from the tracking, sleep and wake-up events");
         rowBackground(1, "location accuracy", "The location service's accuracy");
         rowBackground(2, "true stays", "The trace's stays");
         rowBackground(3, "wake-up sources", "Geofence crossings and significant-location fixes");
@@ -672,22 +673,43 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
     }
 
     void sleepBand(double y) {
-        // Before its first transition the SDK was in the other state.
-        bool asleep = !report_.transitions.empty() && !report_.transitions.front().asleep;
+        enum class State { off, awake, asleep };
+        struct Change {
+            Date time;
+            State state;
+            std::string reason;
+        };
+        std::vector<Change> changes;
+        for (const auto& toggle : report_.trackingToggles) {
+            changes.push_back({toggle.time, toggle.on ? State::awake : State::off,
+                               std::string("tracking ") + (toggle.on ? "on, " : "off, ") + toggle.reason});
+        }
+        for (const auto& transition : report_.transitions) {
+            changes.push_back({transition.time, transition.asleep ? State::asleep : State::awake, transition.reason});
+        }
+        std::stable_sort(changes.begin(), changes.end(), [](const Change& a, const Change& b) { return a.time < b.time; });
+        // Before the first change the SDK was in another state: off before tracking starts,
+        // awake before a sleep, asleep before a wake-up.
+        State state = State::off;
+        if (report_.trackingToggles.empty() && !changes.empty()) {
+            state = changes.front().state == State::asleep ? State::awake : State::asleep;
+        }
         Date from = timeFrom_;
         std::string reason = "since the start";
         auto segment = [&](Date to) {
             if (to <= from) return;
-            out_ += rect(timeX(from), timeX(to), y, kRowHeight, asleep ? kAsleepIndigo : kAwakeSky,
-                         std::string(asleep ? "Asleep " : "Awake ") + clock(from) + " to " + clock(to) + " (" +
+            const char* colour = state == State::asleep ? kAsleepIndigo : state == State::awake ? kAwakeSky : kOffGrey;
+            const char* name = state == State::asleep ? "Asleep " : state == State::awake ? "Awake " : "Tracking off ";
+            out_ += rect(timeX(from), timeX(to), y, kRowHeight, colour,
+                         std::string(name) + clock(from) + " to " + clock(to) + " (" +
                              durationText(to.timeIntervalSince(from)) + "): " + reason);
         };
         out_ += "<g class=\"sleep-band\">\n";
-        for (const auto& transition : report_.transitions) {
-            segment(transition.time);
-            if (transition.time > from) from = transition.time;
-            asleep = transition.asleep;
-            reason = transition.reason;
+        for (const auto& change : changes) {
+            segment(change.time);
+            if (change.time > from) from = change.time;
+            state = change.state;
+            reason = change.reason;
         }
         segment(report_.end);
         out_ += "</g>\n";
@@ -790,6 +812,7 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
         out_ += "<ul class=\"legend\">\n";
         legendItem(rect(2, 22, 3, 10, kAwakeSky, "awake"), "awake");
         legendItem(rect(2, 22, 3, 10, kAsleepIndigo, "asleep"), "asleep");
+        legendItem(rect(2, 22, 3, 10, kOffGrey, "tracking off"), "tracking off");
         for (const auto& band : kBands) {
             legendItem(rect(2, 22, 3, 10, band.colour, band.name), std::string("location ") + band.name);
         }

@@ -14,7 +14,9 @@ namespace {
 constexpr double kLargestDate = 253402300799.0;  // 9999-12-31 23:59:59 UTC
 
 bool drawable(Date time) {
-    return std::isfinite(time.secondsSince1970) && std::fabs(time.secondsSince1970) <= kLargestDate;
+    // The platform's distant past and future stand for "no time at all".
+    return std::isfinite(time.secondsSince1970) && std::fabs(time.secondsSince1970) <= kLargestDate &&
+           time > Date::distantPast() && time < Date::distantFuture();
 }
 
 std::int64_t wholeDays(double seconds) { return static_cast<std::int64_t>(std::floor(seconds / 86400.0)); }

@@ -77,6 +77,13 @@ std::string renderSummaryJson(const SimulationReport& report) {
     json transitions = json::array();
     for (const auto& transition : report.transitions) transitions.push_back(transitionJson(transition));
     root["transitions"] = std::move(transitions);
+    json tracking = json::array();
+    for (const auto& toggle : report.trackingToggles) {
+        json object = {{"on", toggle.on}, {"reason", toggle.reason}};
+        putTime(object, "time", toggle.time);
+        tracking.push_back(std::move(object));
+    }
+    root["tracking"] = std::move(tracking);
     json outside = json::array();
     for (const auto& sleep : figures.sleepsOutsideStays) outside.push_back(transitionJson(sleep));
     root["sleeps_outside_stays"] = std::move(outside);
@@ -117,7 +124,7 @@ std::string renderSummaryJson(const SimulationReport& report) {
     root["delivery"] = {{"recorded", delivery.recorded},
                         {"accepted", delivery.accepted},
                         {"left_on_device", delivery.leftInStore},
-                        {"repeated", delivery.repeatedEvents},
+                        {"identical", delivery.identicalEvents},
                         {"lost", figures.unaccounted > 0 ? figures.unaccounted : 0},
                         {"more_than_recorded", figures.unaccounted < 0 ? -figures.unaccounted : 0},
                         {"delivered_exactly_once", figures.deliveredExactlyOnce}};

@@ -147,6 +147,7 @@ public:
         run();
         events();
         stays();
+        tracking();
         transitions();
         energy();
         uploads();
@@ -236,6 +237,16 @@ private:
         table.render(lines_, paint_);
     }
 
+    void tracking() {
+        heading("Tracking switched on and off: " + plural(static_cast<std::int64_t>(report_.trackingToggles.size()),
+                                                          "time", "times"));
+        Table table({{"time"}, {"tracking"}, {"reason"}});
+        for (const auto& toggle : report_.trackingToggles) {
+            table.add({{clock(toggle.time)}, {toggle.on ? "on" : "off"}, {plain(toggle.reason)}});
+        }
+        table.render(lines_, paint_);
+    }
+
     void transitions() {
         heading("Sleep and wake: " + plural(figures_.sleeps, "sleep", "sleeps") + ", " +
                 plural(figures_.wakes, "wake-up", "wake-ups"));
@@ -306,8 +317,8 @@ private:
         heading("Delivery");
         const std::string counts = "recorded " + groupedNumber(delivery.recorded) + ", accepted by the service " +
                                    groupedNumber(delivery.accepted) + ", left on the device " +
-                                   groupedNumber(delivery.leftInStore) + ", repeated " +
-                                   groupedNumber(delivery.repeatedEvents);
+                                   groupedNumber(delivery.leftInStore) + ", identical in content " +
+                                   groupedNumber(delivery.identicalEvents);
         std::string verdict;
         const char* colour = kBoldGreen;
         if (figures_.deliveredExactlyOnce) {
@@ -318,9 +329,6 @@ private:
                 faults.push_back(plural(figures_.unaccounted, "event", "events") + " lost");
             } else if (figures_.unaccounted < 0) {
                 faults.push_back(plural(-figures_.unaccounted, "event", "events") + " more than were recorded");
-            }
-            if (delivery.repeatedEvents > 0) {
-                faults.push_back(plural(delivery.repeatedEvents, "event", "events") + " held more than once");
             }
             verdict = "FAILED: ";
             for (std::size_t i = 0; i < faults.size(); ++i) verdict += (i > 0 ? ", " : "") + faults[i];
