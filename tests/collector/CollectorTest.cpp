@@ -151,6 +151,8 @@ TEST_F(CollectorTest, BatchOfEveryEventKindFromTheSdkIsStoredByteForByteAndCount
     EXPECT_EQ(list[17]["payload"], events[17].payload);
     EXPECT_EQ(list[0]["tracked_at_ms"], 1700000000250);
     EXPECT_EQ(list[0]["batch_id"], "batch-1");
+    EXPECT_EQ(json::parse(client.Get("/api/events?device_id=device-1")->body).size(), records.size());
+    EXPECT_TRUE(json::parse(client.Get("/api/events?device_id=other")->body).empty());
 }
 
 TEST_F(CollectorTest, SequentialIdGapsAndStepBacksAreCountedPerDeviceNotRefused) {

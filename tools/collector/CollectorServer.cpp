@@ -222,8 +222,17 @@ void CollectorServer::Impl::routes() {
     server.Get("/api/stats", [this](const httplib::Request&, httplib::Response& res) {
         res.set_content(statsJson(snapshot()), "application/json");
     });
-    server.Get("/api/events", [this](const httplib::Request&, httplib::Response& res) {
-        res.set_content(eventsJson(store.events()), "application/json");
+    server.Get("/api/events", [this](const httplib::Request& req, httplib::Response& res) {
+        auto events = store.events();
+        if (req.has_param("device_id")) {
+            const std::string device = req.get_param_value("device_id");
+            std::set<std::string> batchesOfDevice;
+            for (const auto& batch : store.batches()) {
+                if (batch.deviceId == device) batchesOfDevice.insert(batch.id);
+            }
+            std::erase_if(events, [&](const StoredEvent& event) { return !batchesOfDevice.contains(event.batchId); });
+        }
+        res.set_content(eventsJson(events), "application/json");
     });
     server.Get("/control/faults", [this](const httplib::Request&, httplib::Response& res) {
         std::lock_guard lock(mutex);

@@ -9,7 +9,8 @@
 //                            accepted (or already accepted) batch is 200 with
 //                            {"message": "..."}.
 //   GET  /api/stats          the figures of Stats as JSON (see statsJson).
-//   GET  /api/events         every stored event in arrival order (see eventsJson).
+//   GET  /api/events         every stored event in arrival order (see eventsJson); with
+//                            ?device_id=ID only those of that device's batches.
 //   GET  /control/faults     the fault settings as JSON.
 //   POST /control/faults     replaces the fault settings with a JSON object of these keys,
 //                            each optional (absent means off / the default):
