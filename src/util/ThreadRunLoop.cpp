@@ -18,26 +18,34 @@ constexpr auto kMaximumWait = std::chrono::seconds(1);
 
 ThreadRunLoop::ThreadRunLoop(std::shared_ptr<const RVLDateSource> dateSource, std::string threadName)
     : queue_(std::make_shared<RunLoopQueue>(std::move(dateSource))) {
-    thread_ = std::thread([this] { run(); });
+    // The thread holds the queue itself, not the loop, so that it can outlive the loop.
+    thread_ = std::thread([queue = queue_] { run(*queue); });
     if (threadName.size() > 15) threadName.resize(15);
     pthread_setname_np(thread_.native_handle(), threadName.c_str());
 }
 
 ThreadRunLoop::~ThreadRunLoop() {
     queue_->stop();
-    if (thread_.joinable()) thread_.join();
+    if (!thread_.joinable()) return;
+    // The last owner may let go of the loop from one of the loop's own tasks; the thread
+    // cannot wait for itself, so it is left to finish that task and what is queued, and end.
+    if (thread_.get_id() == std::this_thread::get_id()) {
+        thread_.detach();
+    } else {
+        thread_.join();
+    }
 }
 
-void ThreadRunLoop::run() {
-    queue_->setRunner(std::this_thread::get_id());
-    while (!queue_->stopped()) {
-        while (!queue_->stopped() && queue_->runOne()) {
+void ThreadRunLoop::run(RunLoopQueue& queue) {
+    queue.setRunner(std::this_thread::get_id());
+    while (!queue.stopped()) {
+        while (!queue.stopped() && queue.runOne()) {
         }
-        queue_->waitForWork(kMaximumWait);
+        queue.waitForWork(kMaximumWait);
     }
-    while (queue_->runOneTask()) {
+    while (queue.runOneTask()) {
     }
-    queue_->setRunner(std::thread::id());
+    queue.setRunner(std::thread::id());
 }
 
 void ThreadRunLoop::async(std::function<void()> task) { queue_->post(std::move(task)); }

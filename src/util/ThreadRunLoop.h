@@ -14,7 +14,8 @@ class RunLoopQueue;
 // The production main run loop: one thread of its own that runs posted tasks in order and
 // timers when the date source says they are due. Besides SystemDateSource it is the only
 // place that waits on the real clock. On destruction it runs the tasks still queued (timers
-// no longer fire), then joins its thread.
+// no longer fire), then joins its thread (or, destroyed by one of its own tasks, lets the
+// thread end by itself).
 class ThreadRunLoop final : public RunLoop {
 public:
     explicit ThreadRunLoop(std::shared_ptr<const RVLDateSource> dateSource, std::string threadName = "rovalis.main");
@@ -34,7 +35,7 @@ public:
     Date now() const override;
 
 private:
-    void run();
+    static void run(RunLoopQueue& queue);
 
     const std::shared_ptr<RunLoopQueue> queue_;
     std::thread thread_;

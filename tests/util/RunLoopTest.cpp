@@ -182,6 +182,23 @@ TEST(ThreadLoop, TimersAndSyncRunOnTheLoopThreadAndQueuedTasksRunBeforeDestructi
     for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
 }
 
+TEST(ThreadLoop, TheLastOwnerMayLetGoOfTheLoopFromOneOfItsOwnTasks) {
+    auto loop = std::make_shared<ThreadRunLoop>(std::make_shared<SystemDateSource>());
+    std::promise<void> gate;
+    std::promise<bool> finished;
+    loop->async([keep = loop, opened = gate.get_future().share(), &finished]() mutable {
+        opened.wait();
+        const bool wasCurrent = keep->isCurrent();
+        keep.reset();  // the loop is destroyed here, on its own thread
+        finished.set_value(wasCurrent);
+    });
+    loop.reset();
+    gate.set_value();
+    auto result = finished.get_future();
+    ASSERT_EQ(result.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_TRUE(result.get());
+}
+
 TEST(ExecutorLoop, TasksAndTimersRunOnTheHostsQueueInOrderAndSyncWorksFromAnyThread) {
     auto host = std::make_shared<SerialExecutor>("test.host");
     ExecutorRunLoop loop(host, std::make_shared<SystemDateSource>());
