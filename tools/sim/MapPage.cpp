@@ -25,7 +25,7 @@ constexpr std::size_t kMostFixesDrawn = 20000;
 
 constexpr double kTimelineLeft = 150.0;
 constexpr double kTimelineRight = kPageWidth - 30.0;
-constexpr double kLabelLevels = 3;
+constexpr double kLabelLevels = 5;
 constexpr double kLabelLevelHeight = 15.0;
 constexpr double kRowsTop = 16.0 + kLabelLevels * kLabelLevelHeight;
 constexpr double kRowHeight = 22.0;
@@ -784,26 +784,35 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
     // stay readable.
     void scenarioMarks(double axis) {
         out_ += "<g class=\"scenario\">\n";
-        double levelEnd[static_cast<int>(kLabelLevels)] = {-1e9, -1e9, -1e9};
+        double levelEnd[static_cast<int>(kLabelLevels)];
+        std::fill(std::begin(levelEnd), std::end(levelEnd), -1e9);
         for (const auto& mark : report_.scenario) {
             const double x = timeX(mark.time);
             std::string label = mark.text.size() > 40 ? mark.text.substr(0, 37) + "..." : mark.text;
             const double labelWidth = 6.2 * static_cast<double>(label.size()) + 8.0;
-            int level = 0;
+            // The first level free at x; with none free, the mark keeps only its line and
+            // hover text rather than writing over another label.
+            int level = -1;
             for (int l = 0; l < static_cast<int>(kLabelLevels); ++l) {
                 if (levelEnd[l] < x) {
                     level = l;
                     break;
                 }
-                if (levelEnd[l] < levelEnd[level]) level = l;
             }
-            levelEnd[level] = x + labelWidth;
-            const double labelY = 14.0 + level * kLabelLevelHeight;
+            const double labelY = 14.0 + std::max(level, 0) * kLabelLevelHeight;
+            if (level >= 0) levelEnd[level] = x + labelWidth;
             const std::string text = clock(mark.time) + ": " + mark.text;
-            out_ += "<g>" + title(text) + "<line x1=\"" + num(x) + "\" y1=\"" + num(labelY + 3) + "\" x2=\"" + num(x) +
-                    "\" y2=\"" + num(axis) + "\" stroke=\"" + kMuted +
-                    "\" stroke-width=\"1\" stroke-dasharray=\"3 3\"/><text x=\"" + num(x + 3) + "\" y=\"" +
-                    num(labelY) + "\" class=\"mark-label\">" + escape(label) + "</text></g>\n";
+            out_ += "<g>" + title(text) + "<line x1=\"" + num(x) + "\" y1=\"" + num(level >= 0 ? labelY + 3 : kRowsTop - 4) +
+                    "\" x2=\"" + num(x) + "\" y2=\"" + num(axis) + "\" stroke=\"" + kMuted +
+                    "\" stroke-width=\"1\" stroke-dasharray=\"3 3\"/>";
+            if (level >= 0) {
+                // Near the right edge the label reads leftwards from its line.
+                const bool leftwards = x + labelWidth > kPageWidth;
+                out_ += "<text x=\"" + num(leftwards ? x - 3 : x + 3) + "\" y=\"" + num(labelY) + "\"" +
+                        (leftwards ? " text-anchor=\"end\"" : "") + " class=\"mark-label\">" + escape(label) +
+                        "</text>";
+            }
+            out_ += "</g>\n";
         }
         out_ += "</g>\n";
     }
