@@ -12,6 +12,7 @@
 namespace rovalis {
 
 class BackgroundTaskScheduler;
+class BluetoothScannerType;
 class KeychainStore;
 class LocationManagerType;
 class MotionActivityManagerType;
@@ -48,6 +49,8 @@ struct Platform {
     // New motion managers over the device's accelerometer and activity classifier.
     std::function<std::shared_ptr<MotionManagerType>()> makeMotionManager;
     std::function<std::shared_ptr<MotionActivityManagerType>()> makeMotionActivityManager;
+    // A new Bluetooth LE scanner of the device's one radio.
+    std::function<std::shared_ptr<BluetoothScannerType>()> makeBluetoothScanner;
     // The battery.
     std::shared_ptr<RVLDeviceInfoType> deviceInfo;
     // Low-power mode, background refresh and uptime.

@@ -43,7 +43,8 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
     const bool complete = platform.dateSource && platform.mainRunLoop && platform.keyValueStore &&
                           platform.keychain && platform.network && platform.backgroundTasks &&
                           platform.notificationCenter && platform.makeLocationManager && platform.makeMotionManager &&
-                          platform.makeMotionActivityManager && platform.deviceInfo && platform.systemState;
+                          platform.makeMotionActivityManager && platform.makeBluetoothScanner && platform.deviceInfo &&
+                          platform.systemState;
     if (complete) return platform;
     Platform linux = makeLinuxPlatform(root, platform.dateSource, platform.mainRunLoop);
     auto fill = [](auto& field, auto& fallback) {
@@ -60,6 +61,7 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
     fill(platform.makeLocationManager, linux.makeLocationManager);
     fill(platform.makeMotionManager, linux.makeMotionManager);
     fill(platform.makeMotionActivityManager, linux.makeMotionActivityManager);
+    fill(platform.makeBluetoothScanner, linux.makeBluetoothScanner);
     fill(platform.deviceInfo, linux.deviceInfo);
     fill(platform.systemState, linux.systemState);
     if (platform.systemVersion.empty()) platform.systemVersion = linux.systemVersion;

@@ -14,7 +14,7 @@
 #include "events/SqliteDatabase.h"
 #include "rovalis/Console.h"
 #include "util/Fatal.h"
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "rovalis/Date.h"
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 

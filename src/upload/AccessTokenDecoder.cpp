@@ -4,7 +4,7 @@
 
 #include <variant>
 
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "util/Fatal.h"
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 

@@ -17,7 +17,7 @@
 #include "rovalis/Console.h"
 #include "util/DataRoot.h"
 #include "util/DeviceUtil.h"
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 

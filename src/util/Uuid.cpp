@@ -1,4 +1,4 @@
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 #include <uuid/uuid.h>
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "rovalis/Error.h"
+#include "rovalis/platform/Beacons.h"
 #include "rovalis/platform/Location.h"
 
 namespace rovalis {
@@ -20,6 +21,12 @@ public:
                                                    const std::vector<Location>& /*locations*/) {}
     virtual void locationManagerDidEnterRegion(LocationManagerType& /*manager*/, const CircularRegion& /*region*/) {}
     virtual void locationManagerDidExitRegion(LocationManagerType& /*manager*/, const CircularRegion& /*region*/) {}
+    virtual void locationManagerDidEnterBeaconRegion(LocationManagerType& /*manager*/, const BeaconRegion& /*region*/) {}
+    virtual void locationManagerDidExitBeaconRegion(LocationManagerType& /*manager*/, const BeaconRegion& /*region*/) {}
+    // One round of ranging: the beacons of the constraint heard now, nearest first.
+    virtual void locationManagerDidRangeBeacons(LocationManagerType& /*manager*/,
+                                                const std::vector<RangedBeacon>& /*beacons*/,
+                                                const BeaconIdentityConstraint& /*constraint*/) {}
     virtual void locationManagerDidChangeAuthorization(LocationManagerType& /*manager*/) {}
     virtual void locationManagerDidFailWithError(LocationManagerType& /*manager*/, const Error& /*error*/) {}
 };
@@ -52,6 +59,18 @@ public:
     virtual void stopMonitoringSignificantLocationChanges() = 0;
     virtual void startMonitoring(const CircularRegion& region) = 0;
     virtual void stopMonitoring(const CircularRegion& region) = 0;
+
+    // iBeacon regions and ranging. A location source without Bluetooth keeps these defaults: it
+    // monitors no beacon region and ranges nothing, and says so through isRangingAvailable.
+    virtual bool isRangingAvailable() const { return false; }
+    virtual std::vector<BeaconRegion> monitoredBeaconRegions() const { return {}; }
+    // A region with the identifier of one already monitored replaces it.
+    virtual void startMonitoringBeaconRegion(const BeaconRegion& /*region*/) {}
+    virtual void stopMonitoringBeaconRegion(const BeaconRegion& /*region*/) {}
+    virtual std::vector<BeaconIdentityConstraint> rangedBeaconConstraints() const { return {}; }
+    // Reports a round about every second to the delegate until stopped.
+    virtual void startRangingBeacons(const BeaconIdentityConstraint& /*constraint*/) {}
+    virtual void stopRangingBeacons(const BeaconIdentityConstraint& /*constraint*/) {}
 
     virtual AuthorizationStatus authorizationStatus() const = 0;
     virtual AccuracyAuthorization accuracyAuthorization() const = 0;

@@ -3,6 +3,7 @@
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/GpsdLocationService.h"
 #include "platform/linux/LinuxBackgroundTasks.h"
+#include "platform/linux/LinuxBluetooth.h"
 #include "platform/linux/LinuxDeviceInfo.h"
 #include "platform/linux/LinuxMotion.h"
 #include "platform/linux/LinuxNetworkMonitor.h"
@@ -39,6 +40,7 @@ Platform makeLinuxPlatform(const DataRoot& root, std::shared_ptr<RVLDateSource> 
     platform.makeLocationManager = makeGpsdLocationManagerFactory(platform.mainRunLoop, platform.dateSource);
     platform.makeMotionManager = [] { return std::make_shared<LinuxMotionManager>(); };
     platform.makeMotionActivityManager = [] { return std::make_shared<LinuxMotionActivityManager>(); };
+    platform.makeBluetoothScanner = [] { return std::make_shared<LinuxBluetoothScanner>(); };
     platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(LinuxDeviceInfo::defaultPowerSupplyRoot,
                                                             platform.mainRunLoop, platform.notificationCenter);
     platform.systemState = std::make_shared<LinuxSystemState>();
