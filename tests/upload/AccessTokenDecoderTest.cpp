@@ -4,7 +4,7 @@
 
 #include <cctype>
 
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 namespace {

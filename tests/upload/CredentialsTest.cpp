@@ -8,7 +8,7 @@
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "support/TestSupport.h"
-#include "util/Uuid.h"
+#include "rovalis/Uuid.h"
 
 namespace rovalis {
 namespace {
