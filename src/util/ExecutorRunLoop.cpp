@@ -75,17 +75,7 @@ void ExecutorRunLoop::sync(const std::function<void()>& task) {
         task();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
-    state_->queue->post([&] {
-        task();
-        std::lock_guard lock(doneMutex);
-        done = true;
-        doneSignal.notify_one();
-    });
-    std::unique_lock lock(doneMutex);
-    doneSignal.wait(lock, [&] { return done; });
+    state_->queue->postAndWait(task);
 }
 
 bool ExecutorRunLoop::isCurrent() const { return state_->queue->isCurrent() || state_->hostQueue->isCurrent(); }

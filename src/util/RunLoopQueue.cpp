@@ -74,6 +74,20 @@ private:
 
 RunLoopQueue::RunLoopQueue(std::shared_ptr<const RVLDateSource> dateSource) : dateSource_(std::move(dateSource)) {}
 
+void RunLoopQueue::postAndWait(const std::function<void()>& task) {
+    std::mutex doneMutex;
+    std::condition_variable doneSignal;
+    bool done = false;
+    post([&] {
+        task();
+        std::lock_guard lock(doneMutex);
+        done = true;
+        doneSignal.notify_one();
+    });
+    std::unique_lock lock(doneMutex);
+    doneSignal.wait(lock, [&] { return done; });
+}
+
 void RunLoopQueue::post(std::function<void()> task) {
     {
         std::lock_guard lock(mutex_);

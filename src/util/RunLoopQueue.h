@@ -28,6 +28,9 @@ public:
     Date now() const { return dateSource_->now(); }
 
     void post(std::function<void()> task);
+    // Posts the task and blocks the caller until the loop's runner has run it. Not for the
+    // runner itself.
+    void postAndWait(const std::function<void()>& task);
     std::shared_ptr<RunLoopTimer> scheduleTimer(double intervalSeconds, bool repeats, std::function<void()> callback);
 
     // Runs the oldest posted task, or else the earliest timer that is due at now(). Returns

@@ -3,8 +3,6 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 #include "util/RunLoopQueue.h"
 
@@ -55,17 +53,7 @@ void ThreadRunLoop::sync(const std::function<void()>& task) {
         task();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneSignal;
-    bool done = false;
-    queue_->post([&] {
-        task();
-        std::lock_guard lock(doneMutex);
-        done = true;
-        doneSignal.notify_one();
-    });
-    std::unique_lock lock(doneMutex);
-    doneSignal.wait(lock, [&] { return done; });
+    queue_->postAndWait(task);
 }
 
 bool ThreadRunLoop::isCurrent() const { return std::this_thread::get_id() == thread_.get_id(); }
