@@ -171,6 +171,7 @@ void RVLGeneralLocationManager::createTrackers() {
     locationManagers_ = repository.createTrackers();
     reachabilityTracker_ = repository.reachabilityTracker();
     updateDetector_ = std::make_unique<RVLUpdateDetector>(userDefaultsManager_, repository.commons()->appInfo());
+    clearDataQueue_ = platform_.makeSerialExecutor("rovalis.clearData");
 }
 
 void RVLGeneralLocationManager::observeUIApplicationNotifications() {
@@ -250,10 +251,6 @@ void RVLGeneralLocationManager::handleEventsForBackgroundURLSession(const std::s
 
 void RVLGeneralLocationManager::clearDataWithCompletionHandler(std::function<void()> completionHandler) {
     throwErrorIfNotInitialized();
-    {
-        std::lock_guard lock(initialization_);
-        if (!clearDataQueue_) clearDataQueue_ = platform_.makeSerialExecutor("rovalis.clearData");
-    }
     std::weak_ptr<EventRepository> weakEvents = eventRepository_;
     std::shared_ptr<RunLoop> mainRunLoop = platform_.mainRunLoop;
     clearDataQueue_->async([weakEvents, mainRunLoop, completion = std::move(completionHandler)] {

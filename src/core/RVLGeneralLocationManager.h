@@ -130,7 +130,8 @@ private:
 
     RovalisConfiguration configuration_;
     Platform platform_;
-    std::mutex initialization_;
+    // Recursive: a host callback during initialisation may call back in.
+    std::recursive_mutex initialization_;
 
     // The fields of the tracking core.
     std::atomic<bool> isInitialized_{false};
