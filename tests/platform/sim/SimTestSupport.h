@@ -2,7 +2,6 @@
 
 // Synthetic paths and recording clients for the simulated device's tests.
 
-#include <cmath>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -13,7 +12,6 @@
 #include <GeographicLib/Geodesic.hpp>
 
 #include "platform/sim/SimulatedDevice.h"
-#include "platform/sim/TruePath.h"
 #include "rovalis/Executor.h"
 #include "rovalis/platform/LocationManager.h"
 #include "util/InMemoryKeyValueStore.h"
@@ -23,51 +21,39 @@ namespace rovalis::sim::test {
 inline constexpr double kStart = 1700000000.0;
 inline const LocationCoordinate2D kHome{52.52, 13.405};
 
-// `coordinate` moved `metres` along `bearing` (degrees) on the WGS84 ellipsoid.
-inline LocationCoordinate2D destination(LocationCoordinate2D coordinate, double bearing, double metres) {
+// `from` moved `metres` along `bearing` (degrees) on the WGS84 ellipsoid.
+inline LocationCoordinate2D destination(LocationCoordinate2D from, double bearing, double metres) {
     LocationCoordinate2D to;
-    GeographicLib::Geodesic::WGS84().Direct(coordinate.latitude, coordinate.longitude, bearing, metres, to.latitude,
-                                            to.longitude);
+    GeographicLib::Geodesic::WGS84().Direct(from.latitude, from.longitude, bearing, metres, to.latitude, to.longitude);
     return to;
 }
 
-// Builds a true path leg by leg from kHome at kStart.
+// A true path built leg by leg, from `from` at kStart.
 class PathBuilder {
 public:
-    explicit PathBuilder(LocationCoordinate2D from = kHome, double start = kStart) {
-        points_.push_back({Date{start}, from, std::nullopt});
-    }
+    explicit PathBuilder(LocationCoordinate2D from = kHome) { points_.push_back({Date{kStart}, from, std::nullopt}); }
 
-    PathBuilder& stay(double seconds) { return add(seconds, position()); }
-    PathBuilder& move(double bearing, double speed, double seconds) {
-        return add(seconds, destination(position(), bearing, speed * seconds));
-    }
     // Straight to a point, arriving after `seconds`.
-    PathBuilder& to(LocationCoordinate2D coordinate, double seconds) { return add(seconds, coordinate); }
-
-    Date now() const { return points_.back().time; }
-    LocationCoordinate2D position() const { return points_.back().coordinate; }
+    PathBuilder& to(LocationCoordinate2D coordinate, double seconds) {
+        points_.push_back({points_.back().time.addingSeconds(seconds), coordinate, std::nullopt});
+        return *this;
+    }
+    PathBuilder& stay(double seconds) { return to(points_.back().coordinate, seconds); }
+    PathBuilder& move(double bearing, double speed, double seconds) {
+        return to(destination(points_.back().coordinate, bearing, speed * seconds), seconds);
+    }
     std::shared_ptr<const TruePath> build() const { return std::make_shared<const TruePath>(points_); }
 
 private:
-    PathBuilder& add(double seconds, LocationCoordinate2D coordinate) {
-        points_.push_back({now().addingSeconds(seconds), coordinate, std::nullopt});
-        return *this;
-    }
     std::vector<TracePoint> points_;
 };
 
-// Keeps everything a location manager reports, with the virtual time it arrived.
+// Keeps what a location manager reports, with the virtual time each fix arrived.
 class RecordingDelegate final : public LocationManagerDelegate {
 public:
     struct Fix {
         Date received;
         Location location;
-    };
-    struct Crossing {
-        Date time;
-        std::string identifier;
-        bool entered = false;
     };
 
     explicit RecordingDelegate(std::shared_ptr<const RVLDateSource> clock) : clock_(std::move(clock)) {}
@@ -76,34 +62,24 @@ public:
         for (const auto& location : locations) fixes.push_back({clock_->now(), location});
     }
     void locationManagerDidEnterRegion(LocationManagerType&, const CircularRegion& region) override {
-        crossings.push_back({clock_->now(), region.identifier, true});
+        crossings.push_back("enter " + region.identifier);
     }
     void locationManagerDidExitRegion(LocationManagerType&, const CircularRegion& region) override {
-        crossings.push_back({clock_->now(), region.identifier, false});
+        crossings.push_back("exit " + region.identifier);
     }
     void locationManagerDidChangeAuthorization(LocationManagerType& manager) override {
         authorizations.push_back(manager.authorizationStatus());
     }
 
-    // Fixes received in [from, to).
-    std::vector<Fix> fixesBetween(Date from, Date to) const {
-        std::vector<Fix> result;
-        for (const auto& fix : fixes) {
-            if (fix.received >= from && fix.received < to) result.push_back(fix);
-        }
-        return result;
-    }
-
     std::vector<Fix> fixes;
-    std::vector<Crossing> crossings;
+    std::vector<std::string> crossings;  // "enter home", "exit home", ...
     std::vector<AuthorizationStatus> authorizations;
 
 private:
     const std::shared_ptr<const RVLDateSource> clock_;
 };
 
-// A queue whose tasks wait until the test runs them, so that a test sees how work was
-// handed over.
+// A queue whose tasks wait until the test runs them, so that a test sees how work was handed over.
 class ManualQueue final : public Executor {
 public:
     void async(std::function<void()> task) override { tasks.push_back(std::move(task)); }
@@ -112,21 +88,15 @@ public:
 
     // Runs every waiting task; returns how many there were.
     std::size_t drain() {
-        std::size_t count = 0;
-        while (!tasks.empty()) {
-            auto task = std::move(tasks.front());
-            tasks.pop_front();
-            task();
-            ++count;
-        }
-        return count;
+        const auto waiting = std::exchange(tasks, {});
+        for (const auto& task : waiting) task();
+        return waiting.size();
     }
 
     std::deque<std::function<void()>> tasks;
 };
 
-// A device over a path, one app process on it, and helpers to make managers with
-// recording delegates.
+// A device over a path, one app process on it, and location managers with recording delegates.
 struct DeviceFixture {
     explicit DeviceFixture(std::shared_ptr<const TruePath> path, SimulatedDeviceOptions options = {})
         : device(std::move(path), std::move(options)) {
@@ -134,9 +104,7 @@ struct DeviceFixture {
     }
 
     // A new process: a new bundle over the same device.
-    void relaunch() {
-        platform = device.makeProcessPlatform(std::make_shared<InMemoryKeyValueStore>(), nullptr);
-    }
+    void relaunch() { platform = device.makeProcessPlatform(std::make_shared<InMemoryKeyValueStore>(), nullptr); }
 
     struct Client {
         std::shared_ptr<LocationManagerType> manager;
