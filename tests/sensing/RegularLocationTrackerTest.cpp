@@ -90,7 +90,7 @@ TEST_F(RegularLocationTrackerTest, StopDetachesStopsUpdatesAndEndsTheCycleAndThe
     EXPECT_TRUE(receiver->updates.empty());
 }
 
-TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachReceiverAndStayDetectorInOrder) {
+TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachTheStayDetectorWhoseStayAsksForSleep) {
     speedUp();
     const Location limitAccuracy = fix(2600.0), limitAge = fix(5.0, 3.0), fresh = fix(6.0);
     locations->deliverLocations({fix(2600.1), limitAccuracy, fix(5.0, 3.5), limitAge, fix(-1.0), fresh});
@@ -105,16 +105,13 @@ TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachRec
     speedUp();
     EXPECT_EQ(stayDetector->cluster(), nullptr) << "regular tracking starts the stay detector afresh";
     EXPECT_FALSE(stayDetector->currentLocation());
-}
 
-TEST_F(RegularLocationTrackerTest, AStayAsksForSleepWithTheLimitInWholeMinutesTruncated) {
-    speedUp();
     for (int i = 0; i < 3; ++i) {
         locations->deliverLocations({fix(5.0)});
         loop->fastForwardBy(301.0);
     }
     EXPECT_EQ(sleeper->reasons, std::vector<std::string>{"no movement in 10 minutes"});
-    EXPECT_EQ(RegularLocationTracker::stayReason(119.9), "no movement in 1 minutes");
+    EXPECT_EQ(RegularLocationTracker::stayReason(119.9), "no movement in 1 minutes") << "whole minutes, truncated";
 }
 
 }  // namespace

@@ -24,17 +24,12 @@ protected:
         locations, std::make_shared<LocationManagerForwarder>(), waker, repository, clock);
 };
 
-TEST_F(SignificantLocationTrackerTest, OnlyStartAndStopSwitchSignificantChanges) {
+TEST_F(SignificantLocationTrackerTest, WhileStartedFixesUpTo10000MetresAndUpTo300SecondsOldAreRecordedAndWakeTheSdk) {
     tracker->start();
     tracker->speedUp();
     tracker->slowDown(std::nullopt);
     tracker->halt();
-    EXPECT_TRUE(locations->isMonitoringSignificantLocationChanges());
-    tracker->stop();
-    EXPECT_FALSE(locations->isMonitoringSignificantLocationChanges());
-}
-
-TEST_F(SignificantLocationTrackerTest, FixesUpTo10000MetresAndUpTo300SecondsOldAreRecordedAndWakeTheSdk) {
+    EXPECT_TRUE(locations->isMonitoringSignificantLocationChanges()) << "only a stop switches them off";
     const Location limitAccuracy = fix(10000.0, 0.0, 1.0), recent = fix(65.0, 299.25, 52.520049),
                    limitAge = fix(5.0, 300.0, 3.0);
     locations->deliverLocations({fix(10000.5, 0.0, 4.0), limitAccuracy, fix(5.0, 301.0, 5.0), recent,
@@ -52,6 +47,8 @@ TEST_F(SignificantLocationTrackerTest, FixesUpTo10000MetresAndUpTo300SecondsOldA
     EXPECT_EQ(stored[1], (nlohmann::json{{"type", "SignificantLocation"}, {"tracked_at_ms", 1699999700750},
                                          {"latitude", 52.520049}, {"longitude", -13.40496}, {"accuracy", 65.0}}));
     EXPECT_EQ(stored[2]["latitude"], 1.0);
+    tracker->stop();
+    EXPECT_FALSE(locations->isMonitoringSignificantLocationChanges());
 }
 
 }  // namespace
