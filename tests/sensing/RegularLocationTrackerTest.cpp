@@ -11,15 +11,6 @@ namespace {
 
 class RegularLocationTrackerTest : public ::testing::Test {
 protected:
-    RegularLocationTrackerTest() { makeTracker(600.0); }
-
-    void makeTracker(double timeLimit) {
-        tracker.reset();
-        auto detector = std::make_unique<StayDetector>(timeLimit);
-        stayDetector = detector.get();
-        tracker = RegularLocationTracker::create(locations, forwarder, sleeper, std::move(detector), receiver,
-                                                 nullptr, loop);
-    }
     void speedUp() {
         tracker->speedUp();
         loop->runUntilIdle();
@@ -40,38 +31,27 @@ protected:
     std::shared_ptr<test::RecordingSleepInitiator> sleeper = std::make_shared<test::RecordingSleepInitiator>();
     std::shared_ptr<test::RecordingLocationUpdateReceiver> receiver =
         std::make_shared<test::RecordingLocationUpdateReceiver>();
-    StayDetector* stayDetector = nullptr;
-    std::shared_ptr<RegularLocationTracker> tracker;
+    std::unique_ptr<StayDetector> ownedDetector = std::make_unique<StayDetector>(600.0);
+    StayDetector* stayDetector = ownedDetector.get();
+    std::shared_ptr<RegularLocationTracker> tracker = RegularLocationTracker::create(
+        locations, forwarder, sleeper, std::move(ownedDetector), receiver, nullptr, loop);
 };
 
 constexpr double ten = kCLLocationAccuracyNearestTenMeters, hundred = kCLLocationAccuracyHundredMeters;
 
 TEST_F(RegularLocationTrackerTest, TheDutyCycleAsksForTenMetresAtOnceForTenSecondsOfEverySeventy) {
-    EXPECT_TRUE(locations->allowsBackgroundLocationUpdates());
-    EXPECT_FALSE(locations->pausesLocationUpdatesAutomatically());
-    EXPECT_EQ(locations->desiredAccuracy(), hundred);
-    EXPECT_EQ(locations->delegate(), forwarder);
-    EXPECT_FALSE(locations->isUpdatingLocation());
-    EXPECT_EQ(forwarder->delegate(), nullptr);  // fixes flow once regular tracking begins
-
     speedUp();
-    EXPECT_EQ(forwarder->delegate(), tracker);
-    EXPECT_EQ(locations->desiredAccuracy(), ten);
-    // The service is restarted for each new accuracy.
+    EXPECT_EQ(locations->desiredAccuracy(), ten) << "the first fine period opens at once";
     const std::vector<std::string> restart{"stopUpdatingLocation", "setDesiredAccuracy", "startUpdatingLocation"};
-    EXPECT_EQ(std::vector<std::string>(locations->calls().end() - 3, locations->calls().end()), restart);
+    EXPECT_EQ(std::vector<std::string>(locations->calls().end() - 3, locations->calls().end()), restart)
+        << "the service is restarted for each new accuracy";
     EXPECT_EQ(accuracyAfter(9.9), ten);
-    EXPECT_EQ(accuracyAfter(0.2), hundred);
+    EXPECT_EQ(accuracyAfter(0.2), hundred);  // 10.1
     EXPECT_EQ(accuracyAfter(59.8), hundred);  // 69.9
     EXPECT_EQ(accuracyAfter(0.2), ten);
-    EXPECT_EQ(accuracyAfter(9.8), ten);  // 79.9
-    EXPECT_EQ(accuracyAfter(0.2), hundred);
-    EXPECT_EQ(accuracyAfter(60.0), ten);  // 140.1
-    EXPECT_EQ(std::vector<std::string>(locations->calls().end() - 3, locations->calls().end()), restart);
-    EXPECT_TRUE(locations->isUpdatingLocation());
 
     // A second speed-up neither restarts the cycle nor opens another period, also during one.
-    EXPECT_EQ(accuracyAfter(30.0), hundred);  // 170.1
+    EXPECT_EQ(accuracyAfter(100.0), hundred);  // 170.1
     speedUp();
     EXPECT_EQ(locations->desiredAccuracy(), hundred);
     EXPECT_EQ(accuracyAfter(39.8), hundred);  // 209.9
@@ -85,7 +65,6 @@ TEST_F(RegularLocationTrackerTest, HaltDuringAFinePeriodLeavesTenMetresAndFixesS
     loop->fastForwardBy(5.0);
     tracker->halt();
     EXPECT_EQ(accuracyAfter(300.0), ten);
-    EXPECT_TRUE(locations->isUpdatingLocation());
     EXPECT_EQ(loop->nextPendingDelay(), std::nullopt);
     locations->deliverLocations({fix(5.0)});
     EXPECT_EQ(receiver->updates.size(), 1u);
@@ -94,25 +73,27 @@ TEST_F(RegularLocationTrackerTest, HaltDuringAFinePeriodLeavesTenMetresAndFixesS
     EXPECT_EQ(accuracyAfter(10.1), hundred);
 }
 
-TEST_F(RegularLocationTrackerTest, StopAndSlowDownDetachStopUpdatesAndEndTheCycle) {
-    for (const bool slowDown : {false, true}) {
-        SCOPED_TRACE(slowDown ? "slowDown" : "stop");
-        speedUp();
-        loop->fastForwardBy(3.0);
-        slowDown ? tracker->slowDown(fix(5.0)) : tracker->stop();
-        EXPECT_EQ(forwarder->delegate(), nullptr);
-        EXPECT_FALSE(locations->isUpdatingLocation());
-        EXPECT_EQ(loop->nextPendingDelay(), std::nullopt);
-        locations->deliverLocations({fix(5.0)});
-        EXPECT_TRUE(receiver->updates.empty());
-    }
+TEST_F(RegularLocationTrackerTest, StopDetachesStopsUpdatesAndEndsTheCycleAndTheTrackerGoesWithItsTimers) {
+    speedUp();
+    tracker->stop();
+    EXPECT_FALSE(locations->isUpdatingLocation());
+    EXPECT_EQ(loop->nextPendingDelay(), std::nullopt);
+    locations->deliverLocations({fix(5.0)});
+    EXPECT_TRUE(receiver->updates.empty());
+
+    speedUp();
+    const std::weak_ptr<RegularLocationTracker> weak = tracker;
+    tracker.reset();
+    EXPECT_TRUE(weak.expired()) << "the timers and the forwarder hold the tracker weakly";
+    EXPECT_EQ(loop->nextPendingDelay(), std::nullopt);
+    locations->deliverLocations({fix(5.0)});
+    EXPECT_TRUE(receiver->updates.empty());
 }
 
-TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachReceiverAndStayDetectorInOrder) {
+TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachTheStayDetectorWhoseStayAsksForSleep) {
     speedUp();
     const Location limitAccuracy = fix(2600.0), limitAge = fix(5.0, 3.0), fresh = fix(6.0);
-    locations->deliverLocations(
-        {fix(2600.1), limitAccuracy, fix(5.0, 3.5), limitAge, fix(2600.1, 3.5), fix(-1.0), fresh});
+    locations->deliverLocations({fix(2600.1), limitAccuracy, fix(5.0, 3.5), limitAge, fix(-1.0), fresh});
     const std::vector<Location> accepted{limitAccuracy, limitAge, fresh};
     ASSERT_EQ(receiver->updates.size(), 3u);
     for (std::size_t i = 0; i < accepted.size(); ++i) {
@@ -121,31 +102,16 @@ TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachRec
     ASSERT_NE(stayDetector->cluster(), nullptr);
     EXPECT_EQ(stayDetector->cluster()->locations(), accepted);
 
-    speedUp();  // starts the stay detector afresh
-    EXPECT_EQ(stayDetector->cluster(), nullptr);
+    speedUp();
+    EXPECT_EQ(stayDetector->cluster(), nullptr) << "regular tracking starts the stay detector afresh";
     EXPECT_FALSE(stayDetector->currentLocation());
-}
 
-TEST_F(RegularLocationTrackerTest, AStayAsksForSleepWithTheLimitInWholeMinutesTruncated) {
-    makeTracker(15.0);
-    speedUp();
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 3; ++i) {
         locations->deliverLocations({fix(5.0)});
-        loop->fastForwardBy(5.5);
+        loop->fastForwardBy(301.0);
     }
-    EXPECT_EQ(sleeper->reasons, std::vector<std::string>{"no movement in 0 minutes"});
-    EXPECT_EQ(RegularLocationTracker::stayReason(600.0), "no movement in 10 minutes");
-    EXPECT_EQ(RegularLocationTracker::stayReason(119.9), "no movement in 1 minutes");
-}
-
-TEST_F(RegularLocationTrackerTest, TheTimersHoldTheTrackerWeaklyAndGoWithIt) {
-    speedUp();
-    const std::weak_ptr<RegularLocationTracker> weak = tracker;
-    tracker.reset();
-    EXPECT_TRUE(weak.expired());
-    EXPECT_EQ(loop->nextPendingDelay(), std::nullopt);
-    locations->deliverLocations({fix(5.0)});  // the forwarder drops them
-    EXPECT_TRUE(receiver->updates.empty());
+    EXPECT_EQ(sleeper->reasons, std::vector<std::string>{"no movement in 10 minutes"});
+    EXPECT_EQ(RegularLocationTracker::stayReason(119.9), "no movement in 1 minutes") << "whole minutes, truncated";
 }
 
 }  // namespace

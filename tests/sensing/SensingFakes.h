@@ -7,9 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include <GeographicLib/Geodesic.hpp>
+#include <nlohmann/json.hpp>
 
 #include "core/TrackingInterfaces.h"
+#include "events/EventRepository.h"
 
 namespace rovalis::test {
 
@@ -21,22 +22,16 @@ public:
 
 class RecordingWakeUpInitiator final : public RVLInitiateWakeUpType {
 public:
-    struct Request {
-        std::string reason;
-        std::optional<Location> lastKnownLocation;
-    };
-    void initiateWakeUpWithReason(const std::string& reason,
-                                  const std::optional<Location>& lastKnownLocation) override {
-        requests.push_back({reason, lastKnownLocation});
+    void initiateWakeUpWithReason(const std::string& reason, const std::optional<Location>& last) override {
+        requests.emplace_back(reason, last);
     }
-    std::vector<Request> requests;
+    std::vector<std::pair<std::string, std::optional<Location>>> requests;
 };
 
 class RecordingLocationUpdateReceiver final : public RVLLocationUpdateReceiver {
 public:
     void didUpdateLocation(const Location& location, const std::string& provider) override {
         updates.emplace_back(location, provider);
-        last = location;
     }
     std::optional<Location> lastLocation() const override { return last; }
 
@@ -48,12 +43,13 @@ inline Location fixAt(double latitude, double longitude, double accuracy, Date t
     return Location{{latitude, longitude}, 41.5, accuracy, 8.0, 1.25, 270.0, timestamp};
 }
 
-// The fix `metres` from `from` along `bearing` on the WGS84 ellipsoid, at the given time.
-inline Location moved(const Location& from, double metres, double bearing, Date timestamp) {
-    double latitude = 0.0, longitude = 0.0;
-    GeographicLib::Geodesic::WGS84().Direct(from.coordinate.latitude, from.coordinate.longitude, bearing, metres,
-                                            latitude, longitude);
-    return fixAt(latitude, longitude, from.horizontalAccuracy, timestamp);
+// The stored events, oldest first.
+inline std::vector<nlohmann::json> storedEvents(EventRepository& repository) {
+    std::vector<nlohmann::json> events;
+    for (const auto& row : repository.fetchEventsPayloadTo(std::nullopt, 0)) {
+        events.push_back(nlohmann::json::parse(row.payload));
+    }
+    return events;
 }
 
 }  // namespace rovalis::test
