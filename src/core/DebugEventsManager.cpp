@@ -14,6 +14,10 @@ void DebugEventsManager::insertLocationAuthorizationDebugEvent(const std::string
     record(Debug::Topic::locationAuthorization, text);
 }
 
+void DebugEventsManager::insertBeaconRangingDebugEvent(const std::string& text) {
+    record(Debug::Topic::beaconRanging, text);
+}
+
 void DebugEventsManager::insertLogDebugEvent(const std::string& text) { record(Debug::Topic::log, text); }
 
 void DebugEventsManager::record(Debug::Topic topic, const std::string& text) {

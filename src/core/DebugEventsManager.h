@@ -17,6 +17,7 @@ public:
     virtual ~RVLDebugEventsInsertable() = default;
     virtual void insertApplicationNotificationDebugEvent(const std::string& text) = 0;
     virtual void insertLocationAuthorizationDebugEvent(const std::string& text) = 0;
+    virtual void insertBeaconRangingDebugEvent(const std::string& text) = 0;
     virtual void insertLogDebugEvent(const std::string& text) = 0;
 };
 
@@ -29,6 +30,7 @@ public:
 
     void insertApplicationNotificationDebugEvent(const std::string& text) override;
     void insertLocationAuthorizationDebugEvent(const std::string& text) override;
+    void insertBeaconRangingDebugEvent(const std::string& text) override;
     void insertLogDebugEvent(const std::string& text) override;
 
     void setup() override {}

@@ -3,7 +3,14 @@
 #include <curl/curl.h>
 
 #include "core/PauseManager.h"
+#include "rovalis/Console.h"
+#include "rovalis/platform/Beacons.h"
 #include "sensing/BatteryMonitoringManager.h"
+#include "sensing/BeaconRanger.h"
+#include "sensing/BeaconRangerForwarder.h"
+#include "sensing/BeaconRegionsContainer.h"
+#include "sensing/BeaconTracker.h"
+#include "sensing/EddystoneScanner.h"
 #include "sensing/GeofenceTracker.h"
 #include "sensing/LocationManagerForwarder.h"
 #include "sensing/RVLMotionAccelManager.h"
@@ -60,6 +67,12 @@ void TrackerRepository::registerSendDataQueue(Factory<RVLSendDataQueue> factory)
 
 std::string TrackerRepository::baseURL() const {
     return serviceBaseURL(environment_.buildConfiguration, environment_.productionBaseURL);
+}
+
+bool TrackerRepository::isBeaconTrackingEnabled() const { return environment_.host.isSwitchOn(beaconTrackingSwitch); }
+
+bool TrackerRepository::isEddystoneTrackingEnabled() const {
+    return environment_.host.isSwitchOn(eddystoneTrackingSwitch);
 }
 
 std::shared_ptr<LocationManagerType> TrackerRepository::freshLocationManager() {
@@ -228,11 +241,48 @@ std::shared_ptr<BatteryMonitoringManager> TrackerRepository::batteryMonitoringMa
     return batteryMonitoringManager_;
 }
 
+std::shared_ptr<BeaconRegionsContainer> TrackerRepository::beaconRegionsContainer() {
+    if (!beaconRegionsContainer_) beaconRegionsContainer_ = std::make_shared<BeaconRegionsContainer>(environment_.host.info);
+    return beaconRegionsContainer_;
+}
+
+std::shared_ptr<EddystoneScannerType> TrackerRepository::eddystoneScanner() {
+    if (!eddystoneScanner_ && isEddystoneTrackingEnabled()) {
+        const Platform& platform = environment_.platform;
+        std::shared_ptr<BluetoothScannerType> bluetooth;
+        if (platform.makeBluetoothScanner) bluetooth = platform.makeBluetoothScanner();
+        if (!bluetooth) {
+            Console::log("the platform has no Bluetooth LE scanner: no Eddystone scanning");
+            return nullptr;
+        }
+        eddystoneScanner_ = EddystoneScanner::create(
+            std::move(bluetooth), platform.mainRunLoop,
+            // The repository is gone long before the scanner's last queue is made.
+            [platform](const std::string& label) {
+                return std::shared_ptr<Executor>(platform.makeSerialExecutor(label));
+            });
+    }
+    return eddystoneScanner_;
+}
+
+std::shared_ptr<BeaconRanger> TrackerRepository::beaconRanger() {
+    if (!beaconRanger_) {
+        beaconRanger_ = BeaconRanger::create(freshLocationManager(), std::make_shared<BeaconRangerForwarder>(),
+                                             beaconRegionsContainer(), debugEventsManager(), eddystoneScanner(),
+                                             eventInserter(), dependencies_.awakeInitiationProvider,
+                                             dependencies_.locationUpdateReceiver, environment_.platform.mainRunLoop);
+    }
+    return beaconRanger_;
+}
+
 std::shared_ptr<RegionMonitoringReceiver> TrackerRepository::regionMonitoringReceiver() {
     if (!regionMonitoringReceiver_) {
+        // Without beacon tracking no beacon region is watched, and a report of one (a region
+        // left from an earlier process) finds no ranger.
         regionMonitoringReceiver_ = std::make_shared<RegionMonitoringReceiver>(
             environment_.platform.dateSource, dependencies_.awakeInitiationProvider, eventInserter(),
-            dependencies_.locationUpdateReceiver, environment_.sleepRegions.identifierPrefix);
+            dependencies_.locationUpdateReceiver, environment_.sleepRegions.identifierPrefix,
+            isBeaconTrackingEnabled() ? beaconRanger() : nullptr);
     }
     return regionMonitoringReceiver_;
 }
@@ -255,6 +305,13 @@ std::shared_ptr<GeofenceTracker> TrackerRepository::geofenceLocationTracker() {
             environment_.sleepRegions);
     }
     return geofenceLocationTracker_;
+}
+
+std::shared_ptr<BeaconTracker> TrackerRepository::beaconTracker() {
+    if (!beaconTracker_) {
+        beaconTracker_ = BeaconTracker::create(beaconRegionsContainer(), geofenceAndBeaconLocationManager());
+    }
+    return beaconTracker_;
 }
 
 std::shared_ptr<SDKSettingsTracker> TrackerRepository::sdkSettingsTracker() {
@@ -289,6 +346,7 @@ std::vector<std::shared_ptr<RVLTracker>> TrackerRepository::createTrackers() {
     trackers.push_back(significantLocationTracker());
     trackers.push_back(batteryMonitoringManager());
     trackers.push_back(geofenceLocationTracker());
+    if (isBeaconTrackingEnabled()) trackers.push_back(beaconTracker());
     trackers.push_back(sdkSettingsTracker());
     trackers.push_back(debugEventsManager());
     trackers.push_back(motionActivityTracker());

@@ -31,6 +31,10 @@
 
 namespace rovalis {
 
+class BeaconRanger;
+class BeaconRegionsContainer;
+class BeaconTracker;
+class EddystoneScannerType;
 class GeofenceManagerForwarder;
 class GeofenceTracker;
 class RegionMonitoringReceiver;
@@ -93,6 +97,11 @@ struct TrackerEnvironment {
 
 class TrackerRepository {
 public:
+    // The host's Info settings that switch beacon tracking (region monitoring and ranging of
+    // iBeacon regions) and Eddystone scanning during ranging on; each only with a boolean true.
+    static constexpr const char* beaconTrackingSwitch = "RV_SDK_BEACON_TRACKING_ENABLED";
+    static constexpr const char* eddystoneTrackingSwitch = "RV_SDK_EDDYSTONE_TRACKING_ENABLED";
+
     template <typename T>
     using Factory = std::function<std::shared_ptr<T>(TrackerRepository&)>;
 
@@ -145,13 +154,20 @@ private:
     std::shared_ptr<RegularLocationTracker> regularLocationTracker();
     std::shared_ptr<SignificantLocationTracker> significantLocationTracker();
     std::shared_ptr<BatteryMonitoringManager> batteryMonitoringManager();
+    std::shared_ptr<BeaconRegionsContainer> beaconRegionsContainer();
+    // None while Eddystone tracking is off.
+    std::shared_ptr<EddystoneScannerType> eddystoneScanner();
+    std::shared_ptr<BeaconRanger> beaconRanger();
     std::shared_ptr<RegionMonitoringReceiver> regionMonitoringReceiver();
     std::shared_ptr<LocationManagerType> geofenceAndBeaconLocationManager();
     std::shared_ptr<GeofenceManagerForwarder> geofenceAndBeaconForwarder();
     std::shared_ptr<GeofenceTracker> geofenceLocationTracker();
+    std::shared_ptr<BeaconTracker> beaconTracker();
     std::shared_ptr<SDKSettingsTracker> sdkSettingsTracker();
     std::shared_ptr<RVLTracker> motionActivityTracker();
 
+    bool isBeaconTrackingEnabled() const;
+    bool isEddystoneTrackingEnabled() const;
     // A fresh location manager, as every tracker but the geofence and beacon ones gets.
     std::shared_ptr<LocationManagerType> freshLocationManager();
     // A new serial queue with a thread of its own, counted by the platform's work tracker.
@@ -175,10 +191,14 @@ private:
     std::shared_ptr<RegularLocationTracker> regularLocationTracker_;
     std::shared_ptr<SignificantLocationTracker> significantLocationTracker_;
     std::shared_ptr<BatteryMonitoringManager> batteryMonitoringManager_;
+    std::shared_ptr<BeaconRegionsContainer> beaconRegionsContainer_;
+    std::shared_ptr<EddystoneScannerType> eddystoneScanner_;
+    std::shared_ptr<BeaconRanger> beaconRanger_;
     std::shared_ptr<RegionMonitoringReceiver> regionMonitoringReceiver_;
     std::shared_ptr<LocationManagerType> geofenceAndBeaconLocationManager_;
     std::shared_ptr<GeofenceManagerForwarder> geofenceAndBeaconForwarder_;
     std::shared_ptr<GeofenceTracker> geofenceLocationTracker_;
+    std::shared_ptr<BeaconTracker> beaconTracker_;
     std::shared_ptr<SDKSettingsTracker> sdkSettingsTracker_;
     std::shared_ptr<ReachabilityTracker> reachabilityTracker_;
     std::shared_ptr<DebugEventsManager> debugEventsManager_;

@@ -12,4 +12,14 @@ void GeofenceManagerForwarder::locationManagerDidExitRegion(LocationManagerType&
     if (const auto target = delegate_.lock()) target->didExitRegion(region);
 }
 
+void GeofenceManagerForwarder::locationManagerDidEnterBeaconRegion(LocationManagerType& /*manager*/,
+                                                                   const BeaconRegion& region) {
+    if (const auto target = delegate_.lock()) target->didEnterBeaconRegion(region);
+}
+
+void GeofenceManagerForwarder::locationManagerDidExitBeaconRegion(LocationManagerType& /*manager*/,
+                                                                  const BeaconRegion& region) {
+    if (const auto target = delegate_.lock()) target->didExitBeaconRegion(region);
+}
+
 }  // namespace rovalis

@@ -6,12 +6,15 @@
 
 namespace rovalis {
 
-// What the receiver of region crossings offers the geofence forwarder.
+// What the receiver of region crossings offers the geofence forwarder. The location manager
+// it forwards for watches the sleep regions and the beacon regions.
 class GeofenceManagerDelegateType {
 public:
     virtual ~GeofenceManagerDelegateType() = default;
     virtual void didEnterRegion(const CircularRegion& region) = 0;
     virtual void didExitRegion(const CircularRegion& region) = 0;
+    virtual void didEnterBeaconRegion(const BeaconRegion& region) = 0;
+    virtual void didExitBeaconRegion(const BeaconRegion& region) = 0;
 };
 
 // The platform delegate of the location manager that monitors regions. Crossings reported
@@ -23,6 +26,8 @@ public:
 
     void locationManagerDidEnterRegion(LocationManagerType& manager, const CircularRegion& region) override;
     void locationManagerDidExitRegion(LocationManagerType& manager, const CircularRegion& region) override;
+    void locationManagerDidEnterBeaconRegion(LocationManagerType& manager, const BeaconRegion& region) override;
+    void locationManagerDidExitBeaconRegion(LocationManagerType& manager, const BeaconRegion& region) override;
 
 private:
     std::weak_ptr<GeofenceManagerDelegateType> delegate_;

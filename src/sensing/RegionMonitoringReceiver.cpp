@@ -13,12 +13,14 @@ RegionMonitoringReceiver::RegionMonitoringReceiver(std::shared_ptr<RVLDateSource
                                                    std::weak_ptr<RVLInitiateWakeUpType> initiateWakeUpProvider,
                                                    std::shared_ptr<EventRecordInsertable> eventInserter,
                                                    std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver,
-                                                   std::string sleepRegionPrefix)
+                                                   std::string sleepRegionPrefix,
+                                                   std::shared_ptr<BeaconRegionEventReceiving> beaconRanger)
     : dateSource_(std::move(dateSource)),
       initiateWakeUpProvider_(std::move(initiateWakeUpProvider)),
       eventInserter_(std::move(eventInserter)),
       locationUpdateReceiver_(std::move(locationUpdateReceiver)),
-      sleepRegionPrefix_(std::move(sleepRegionPrefix)) {
+      sleepRegionPrefix_(std::move(sleepRegionPrefix)),
+      beaconRanger_(std::move(beaconRanger)) {
     if (!dateSource_ || !eventInserter_) fatalError("RegionMonitoringReceiver needs a date source and an event store");
 }
 
@@ -28,6 +30,22 @@ void RegionMonitoringReceiver::didEnterRegion(const CircularRegion& region) {
 
 void RegionMonitoringReceiver::didExitRegion(const CircularRegion& region) {
     handleCrossing(region, RegionReason::exit);
+}
+
+void RegionMonitoringReceiver::didEnterBeaconRegion(const BeaconRegion& region) {
+    if (!beaconRanger_) {
+        Console::log("entered beacon region " + region.identifier + " with beacon tracking off");
+        return;
+    }
+    beaconRanger_->didEnterBeaconRegion(region);
+}
+
+void RegionMonitoringReceiver::didExitBeaconRegion(const BeaconRegion& region) {
+    if (!beaconRanger_) {
+        Console::log("exited beacon region " + region.identifier + " with beacon tracking off");
+        return;
+    }
+    beaconRanger_->didExitBeaconRegion(region);
 }
 
 void RegionMonitoringReceiver::handleCrossing(const CircularRegion& region, RegionReason reason) {

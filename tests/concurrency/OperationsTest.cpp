@@ -168,6 +168,7 @@ class RecordingDebugEvents final : public RVLDebugEventsInsertable {
 public:
     void insertApplicationNotificationDebugEvent(const std::string& text) override { add(text); }
     void insertLocationAuthorizationDebugEvent(const std::string& text) override { add(text); }
+    void insertBeaconRangingDebugEvent(const std::string& text) override { add(text); }
     void insertLogDebugEvent(const std::string& text) override { add(text); }
     std::vector<std::string> texts() const {
         std::lock_guard lock(mutex_);

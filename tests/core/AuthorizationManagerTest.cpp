@@ -36,6 +36,7 @@ class RecordingDebugEvents final : public RVLDebugEventsInsertable {
 public:
     void insertApplicationNotificationDebugEvent(const std::string&) override {}
     void insertLocationAuthorizationDebugEvent(const std::string& text) override { texts.push_back(text); }
+    void insertBeaconRangingDebugEvent(const std::string&) override {}
     void insertLogDebugEvent(const std::string&) override {}
 
     std::vector<std::string> texts;

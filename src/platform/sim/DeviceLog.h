@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "rovalis/Date.h"
+#include "rovalis/platform/Beacons.h"
 #include "rovalis/platform/Location.h"
 
 namespace rovalis::sim {
@@ -38,8 +39,9 @@ enum class RegionEventKind { enter, exit };
 const char* toString(RegionEventKind kind);
 
 // What the device did, for the map of a simulated day: every fix it handed out, the regions
-// it watched and their crossings, the significant changes, and how the receiver and the
-// activity classifier changed over time. Entries are in time order.
+// it watched and their crossings, the significant changes, how the receiver and the
+// activity classifier changed over time, the crossings of beacon regions and the ranging
+// rounds that heard a beacon. Entries are in time order.
 struct DeviceLog {
     struct Fix {
         Date time;  // when the fix was delivered (a cached fix keeps its older timestamp in `location`)
@@ -79,12 +81,24 @@ struct DeviceLog {
         friend bool operator==(const ActivityChange&, const ActivityChange&) = default;
     };
 
+    // The beacons of one constraint that one ranging round heard, as the app got them.
+    struct RangingRound {
+        Date time;
+        BeaconIdentityConstraint constraint;
+        std::vector<RangedBeacon> beacons;  // strongest first; never empty
+        // How many location managers' delegates got the round.
+        std::size_t recipients = 0;
+        friend bool operator==(const RangingRound&, const RangingRound&) = default;
+    };
+
     std::vector<Fix> fixes;
     std::vector<RegionSpan> regionSpans;
     std::vector<RegionEvent> regionEvents;
     std::vector<SignificantChange> significantChanges;
     std::vector<ModeChange> modeChanges;
     std::vector<ActivityChange> activityChanges;
+    std::vector<RegionEvent> beaconRegionEvents;
+    std::vector<RangingRound> rangingRounds;
 
     // Records a change of the receiver's mode. Changes at one instant collapse into the
     // last of them (a manager restarted with a new accuracy passes through off for no time),

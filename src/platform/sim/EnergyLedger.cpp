@@ -27,6 +27,8 @@ void EnergyMeter::book(EnergyLedger& ledger, const PowerState& state, double sec
     if (state.location == LocationMode::best) ledger.burstSeconds += seconds;
     if (state.accelerometer) ledger.accelerometerSeconds += seconds;
     if (state.activity) ledger.activitySeconds += seconds;
+    if (state.bluetoothScanning) ledger.bluetoothScanSeconds += seconds;
+    if (state.ranging) ledger.rangingSeconds += seconds;
 }
 
 void EnergyMeter::change(PowerState next) {
@@ -54,6 +56,18 @@ void EnergyMeter::setAccelerometerActive(bool active) {
 void EnergyMeter::setActivityActive(bool active) {
     PowerState next = state_;
     next.activity = active;
+    change(next);
+}
+
+void EnergyMeter::setBluetoothScanning(bool scanning) {
+    PowerState next = state_;
+    next.bluetoothScanning = scanning;
+    change(next);
+}
+
+void EnergyMeter::setRanging(bool ranging) {
+    PowerState next = state_;
+    next.ranging = ranging;
     change(next);
 }
 

@@ -13,7 +13,8 @@ namespace rovalis::sim {
 // What the device spent its energy on: seconds of location updates by the band the
 // receiver actually ran at, the part of them at best accuracy (the short bursts before a
 // transition), the wake-ups that region events and significant changes caused, and the
-// seconds the motion sensors ran.
+// seconds the motion sensors ran, the app scanned for Bluetooth LE advertisements and
+// ranged beacons.
 struct EnergyLedger {
     double tenMetreSeconds = 0.0;      // best and ten-metre
     double hundredMetreSeconds = 0.0;  // hundred-metre
@@ -23,9 +24,12 @@ struct EnergyLedger {
     std::uint64_t significantChangeFixes = 0;  // significant-change fixes delivered to the app
     double accelerometerSeconds = 0.0;
     double activitySeconds = 0.0;
+    double bluetoothScanSeconds = 0.0;
+    double rangingSeconds = 0.0;
+    std::uint64_t beaconRegionEvents = 0;  // beacon-region crossings delivered to the app
 
     double locationSeconds() const { return tenMetreSeconds + hundredMetreSeconds + kilometreSeconds; }
-    std::uint64_t wakeUps() const { return regionEvents + significantChangeFixes; }
+    std::uint64_t wakeUps() const { return regionEvents + significantChangeFixes + beaconRegionEvents; }
 
     // The seconds of satellite fixes that an app asking for ten-metre fixes all the time
     // would have spent between two moments: the baseline the ledger is compared with.
@@ -39,6 +43,8 @@ struct PowerState {
     LocationMode location = LocationMode::off;
     bool accelerometer = false;
     bool activity = false;
+    bool bluetoothScanning = false;
+    bool ranging = false;
 
     friend bool operator==(const PowerState&, const PowerState&) = default;
 };
@@ -55,7 +61,10 @@ public:
     void setLocationMode(LocationMode mode);
     void setAccelerometerActive(bool active);
     void setActivityActive(bool active);
+    void setBluetoothScanning(bool scanning);
+    void setRanging(bool ranging);
     void countRegionEvent() { ++ledger_.regionEvents; }
+    void countBeaconRegionEvent() { ++ledger_.beaconRegionEvents; }
     void countSignificantChangeFix() { ++ledger_.significantChangeFixes; }
 
     const PowerState& state() const { return state_; }

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <span>
 #include <type_traits>
 
 namespace rovalis::sim {
@@ -204,6 +206,208 @@ ScenarioChange settingIn(const ScenarioState& state, const ScenarioChange& like)
         like);
 }
 
+// ---- beacons ----
+
+constexpr int lowestBeaconPower = -100;
+constexpr int highestBeaconPower = 20;
+constexpr int shortestAdvertisingInterval = 20;     // ms
+constexpr int longestAdvertisingInterval = 10240;   // ms
+// What a URL frame can hold after its scheme byte.
+constexpr std::size_t longestEncodedUrl = 17;
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+template <std::size_t N>
+std::optional<std::array<std::uint8_t, N>> hexBytes(std::string_view text) {
+    if (text.size() != 2 * N) return std::nullopt;
+    std::array<std::uint8_t, N> bytes{};
+    for (std::size_t i = 0; i < N; ++i) {
+        const int high = hexDigit(text[2 * i]);
+        const int low = hexDigit(text[2 * i + 1]);
+        if (high < 0 || low < 0) return std::nullopt;
+        bytes[i] = static_cast<std::uint8_t>(high << 4 | low);
+    }
+    return bytes;
+}
+
+std::string hexText(std::span<const std::uint8_t> bytes) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const std::uint8_t byte : bytes) {
+        text.push_back(digits[byte >> 4]);
+        text.push_back(digits[byte & 0x0F]);
+    }
+    return text;
+}
+
+// A whole number with an optional sign, within [low, high].
+std::optional<int> integerIn(std::string_view text, int low, int high) {
+    if (text.starts_with('+')) {
+        text.remove_prefix(1);
+        if (text.starts_with('-')) return std::nullopt;
+    }
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    if (value < low || value > high) return std::nullopt;
+    return value;
+}
+
+// A plain decimal number: no exponent, no hex, no infinities.
+std::optional<double> decimal(std::string_view text) {
+    if (text.empty() || text.size() > 24 || text.find_first_not_of("+-0123456789.") != std::string_view::npos ||
+        text.find_first_of("0123456789") == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::string copy(text);
+    char* end = nullptr;
+    const double value = std::strtod(copy.c_str(), &end);
+    if (end != copy.c_str() + copy.size() || !std::isfinite(value)) return std::nullopt;
+    return value;
+}
+
+// "51.51485,-0.09920".
+std::optional<LocationCoordinate2D> coordinateOf(std::string_view text) {
+    const std::size_t comma = text.find(',');
+    if (comma == std::string_view::npos) return std::nullopt;
+    const auto latitude = decimal(text.substr(0, comma));
+    const auto longitude = decimal(text.substr(comma + 1));
+    if (!latitude || !longitude || std::abs(*latitude) > 90.0 || std::abs(*longitude) > 180.0) return std::nullopt;
+    return LocationCoordinate2D{*latitude, *longitude};
+}
+
+// Why a URL frame could not carry the URL, or nothing when it can. The frame writes the
+// scheme as one byte and each common domain ending as one byte; the rest byte for byte.
+std::optional<std::string> urlProblem(std::string_view url) {
+    static constexpr std::string_view schemes[] = {"https://www.", "http://www.", "https://", "http://"};
+    static constexpr std::string_view expansions[] = {".com/", ".org/", ".edu/", ".net/", ".info/", ".biz/", ".gov/",
+                                                      ".info", ".com",  ".org",  ".edu",  ".net",   ".biz",  ".gov"};
+    const auto scheme = std::find_if(std::begin(schemes), std::end(schemes),
+                                     [&](std::string_view prefix) { return url.starts_with(prefix); });
+    if (scheme == std::end(schemes)) return "must start with http:// or https://";
+    std::string_view rest = url.substr(scheme->size());
+    if (std::any_of(rest.begin(), rest.end(), [](char c) { return c < '!' || c > '~'; })) {
+        return "has a character a URL frame cannot carry";
+    }
+    std::size_t encoded = 0;
+    while (!rest.empty()) {
+        const auto expansion = std::find_if(std::begin(expansions), std::end(expansions),
+                                            [&](std::string_view ending) { return rest.starts_with(ending); });
+        rest.remove_prefix(expansion == std::end(expansions) ? 1 : expansion->size());
+        ++encoded;
+    }
+    if (encoded > longestEncodedUrl) return "is too long for a URL frame";
+    return std::nullopt;
+}
+
+const char* kindWord(ScenarioBeacon::Kind kind) {
+    switch (kind) {
+        case ScenarioBeacon::Kind::iBeacon:
+            return "ibeacon";
+        case ScenarioBeacon::Kind::eddystoneUid:
+            return "eddystone-uid";
+        case ScenarioBeacon::Kind::eddystoneEid:
+            return "eddystone-eid";
+    }
+    return "?";
+}
+
+ScenarioBeacon beaconOf(const std::vector<std::string_view>& tokens, int line) {
+    if (tokens.size() < 2) fail(line, "beacon needs a kind: ibeacon, eddystone-uid or eddystone-eid");
+    ScenarioBeacon beacon;
+    beacon.line = line;
+    const std::string kind = lowered(tokens[1]);
+    std::size_t identifiers = 0;
+    if (kind == "ibeacon") {
+        beacon.kind = ScenarioBeacon::Kind::iBeacon;
+        identifiers = 3;
+    } else if (kind == "eddystone-uid") {
+        beacon.kind = ScenarioBeacon::Kind::eddystoneUid;
+        identifiers = 2;
+    } else if (kind == "eddystone-eid") {
+        beacon.kind = ScenarioBeacon::Kind::eddystoneEid;
+        identifiers = 1;
+    } else {
+        fail(line, "beacon kind is ibeacon, eddystone-uid or eddystone-eid, not '" + std::string(tokens[1]) + "'");
+    }
+    const std::string usage = beacon.kind == ScenarioBeacon::Kind::iBeacon ? "beacon ibeacon UUID MAJOR MINOR at LAT,LON"
+                              : beacon.kind == ScenarioBeacon::Kind::eddystoneUid
+                                  ? "beacon eddystone-uid NAMESPACE INSTANCE at LAT,LON"
+                                  : "beacon eddystone-eid EID at LAT,LON";
+    const std::size_t at = 2 + identifiers;
+    if (tokens.size() < at + 2 || lowered(tokens[at]) != "at") fail(line, "expected '" + usage + "'");
+
+    const auto word = [&](std::size_t index) { return std::string(tokens[index]); };
+    switch (beacon.kind) {
+        case ScenarioBeacon::Kind::iBeacon: {
+            const auto uuid = Uuid::parse(tokens[2]);
+            if (!uuid) fail(line, "bad beacon UUID '" + word(2) + "'");
+            beacon.uuid = *uuid;
+            const auto major = integerIn(tokens[3], 0, 65535);
+            if (!major) fail(line, "beacon major is 0 - 65535, not '" + word(3) + "'");
+            const auto minor = integerIn(tokens[4], 0, 65535);
+            if (!minor) fail(line, "beacon minor is 0 - 65535, not '" + word(4) + "'");
+            beacon.major = static_cast<std::uint16_t>(*major);
+            beacon.minor = static_cast<std::uint16_t>(*minor);
+            break;
+        }
+        case ScenarioBeacon::Kind::eddystoneUid: {
+            const auto space = hexBytes<10>(tokens[2]);
+            if (!space) fail(line, "a beacon namespace is 20 hex digits, not '" + word(2) + "'");
+            const auto instance = hexBytes<6>(tokens[3]);
+            if (!instance) fail(line, "a beacon instance is 12 hex digits, not '" + word(3) + "'");
+            beacon.namespaceId = *space;
+            beacon.instanceId = *instance;
+            break;
+        }
+        case ScenarioBeacon::Kind::eddystoneEid: {
+            const auto eid = hexBytes<8>(tokens[2]);
+            if (!eid) fail(line, "an ephemeral identifier is 16 hex digits, not '" + word(2) + "'");
+            beacon.ephemeralId = *eid;
+            break;
+        }
+    }
+    const auto position = coordinateOf(tokens[at + 1]);
+    if (!position) fail(line, "bad beacon position '" + word(at + 1) + "' (LAT,LON in degrees)");
+    beacon.position = *position;
+    beacon.power =
+        beacon.isEddystone() ? ScenarioBeacon::defaultEddystonePower : ScenarioBeacon::defaultIBeaconPower;
+    beacon.interval =
+        beacon.isEddystone() ? ScenarioBeacon::defaultEddystoneInterval : ScenarioBeacon::defaultIBeaconInterval;
+
+    bool power = false, interval = false;
+    for (std::size_t i = at + 2; i < tokens.size(); i += 2) {
+        const std::string key = lowered(tokens[i]);
+        if (key != "power" && key != "interval" && key != "url") {
+            fail(line, "unexpected '" + word(i) + "' in a beacon line (power, interval or url)");
+        }
+        if (i + 1 >= tokens.size()) fail(line, "beacon " + key + " needs a value");
+        const std::string value = word(i + 1);
+        if (key == "power") {
+            const auto dbm = integerIn(value, lowestBeaconPower, highestBeaconPower);
+            if (power || !dbm) fail(line, "beacon power is one whole number of dBm, -100 to 20, not '" + value + "'");
+            beacon.power = *dbm;
+            power = true;
+        } else if (key == "interval") {
+            const auto ms = integerIn(value, shortestAdvertisingInterval, longestAdvertisingInterval);
+            if (interval || !ms) fail(line, "beacon interval is one whole number of ms, 20 - 10240, not '" + value + "'");
+            beacon.interval = *ms / 1000.0;
+            interval = true;
+        } else {
+            if (!beacon.isEddystone()) fail(line, "only an Eddystone beacon has a URL");
+            if (beacon.url) fail(line, "a beacon has one URL");
+            if (const auto problem = urlProblem(value)) fail(line, "beacon URL '" + value + "' " + *problem);
+            beacon.url = value;
+        }
+    }
+    return beacon;
+}
+
 struct Entry {
     Date start;
     std::optional<Date> end;  // for a span
@@ -253,8 +457,50 @@ std::string describe(const ScenarioChange& change) {
     return std::string(setting.name);
 }
 
+bool ScenarioBeacon::hasSameIdentity(const ScenarioBeacon& other) const {
+    if (kind != other.kind) return false;
+    switch (kind) {
+        case Kind::iBeacon:
+            return uuid == other.uuid && major == other.major && minor == other.minor;
+        case Kind::eddystoneUid:
+            return namespaceId == other.namespaceId && instanceId == other.instanceId;
+        case Kind::eddystoneEid:
+            return ephemeralId == other.ephemeralId;
+    }
+    return false;
+}
+
+std::string describe(const ScenarioBeacon& beacon) {
+    // The shortest digits that read back as the same number, without an exponent.
+    const auto number = [](double value) {
+        char text[400];
+        const auto result = std::to_chars(text, text + sizeof text, value, std::chars_format::fixed);
+        return std::string(text, result.ptr);
+    };
+    std::string line = std::string("beacon ") + kindWord(beacon.kind) + " ";
+    switch (beacon.kind) {
+        case ScenarioBeacon::Kind::iBeacon:
+            line += beacon.uuid.uuidString() + " " + std::to_string(beacon.major) + " " + std::to_string(beacon.minor);
+            break;
+        case ScenarioBeacon::Kind::eddystoneUid:
+            line += hexText(beacon.namespaceId) + " " + hexText(beacon.instanceId);
+            break;
+        case ScenarioBeacon::Kind::eddystoneEid:
+            line += hexText(beacon.ephemeralId);
+            break;
+    }
+    line += " at " + number(beacon.position.latitude) + "," + number(beacon.position.longitude);
+    line += " power " + std::to_string(beacon.power);
+    const double usual =
+        beacon.isEddystone() ? ScenarioBeacon::defaultEddystoneInterval : ScenarioBeacon::defaultIBeaconInterval;
+    if (beacon.interval != usual) line += " interval " + number(std::round(beacon.interval * 1000.0));
+    if (beacon.url) line += " url " + *beacon.url;
+    return line;
+}
+
 Scenario parseScenario(std::string_view text, Date traceStart) {
     std::vector<Entry> entries;
+    std::vector<ScenarioBeacon> beacons;
     int lineNumber = 0;
     std::size_t position = 0;
     while (position <= text.size()) {
@@ -278,6 +524,16 @@ Scenario parseScenario(std::string_view text, Date traceStart) {
             }
             return *time;
         };
+        if (keyword == "beacon") {
+            ScenarioBeacon beacon = beaconOf(tokens, lineNumber);
+            for (const ScenarioBeacon& earlier : beacons) {
+                if (earlier.hasSameIdentity(beacon)) {
+                    fail(lineNumber, "the beacon has the identity of the one on line " + std::to_string(earlier.line));
+                }
+            }
+            beacons.push_back(std::move(beacon));
+            continue;
+        }
         Entry entry{};
         entry.line = lineNumber;
         std::size_t changeStart = 0;
@@ -339,6 +595,7 @@ Scenario parseScenario(std::string_view text, Date traceStart) {
     });
 
     Scenario scenario;
+    scenario.beacons = std::move(beacons);
     ScenarioState state;
     std::vector<std::optional<ScenarioChange>> restore(entries.size());
     for (const Moment& moment : moments) {

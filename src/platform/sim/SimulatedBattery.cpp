@@ -67,6 +67,8 @@ double SimulatedBattery::drainPerHour(const PowerState& power) const {
     }
     if (power.accelerometer) drain += 0.01;
     if (power.activity) drain += 0.001;
+    if (power.bluetoothScanning) drain += 0.02;
+    if (power.ranging) drain += 0.015;
     return drain;
 }
 

@@ -18,7 +18,8 @@ class SimulatedDeviceInfo;
 // Drain, in percent of a full battery per hour: 0.8 at rest (0.5 in low-power mode), 10
 // more with the app in the foreground (the screen is on), 9 more while satellite fixes run
 // (best and ten-metre), 3 at hundred metres, 0.6 at kilometre and coarser, 1 for the
-// accelerometer and 0.1 for the activity classifier. A charger adds 40 % an hour until the
+// accelerometer, 0.1 for the activity classifier, 2 for a Bluetooth LE scan and 1.5 for
+// ranging beacons. A charger adds 40 % an hour until the
 // battery is full, after which it holds the level; the state is then full.
 //
 // Every change of the reported level, and of the state, is posted on the notification

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "platform/sim/SimulatedBattery.h"
+#include "platform/sim/SimulatedBluetooth.h"
 #include "platform/sim/SimulatedLocationService.h"
 #include "platform/sim/SimulatedMotion.h"
 #include "platform/sim/SimulationRandom.h"
@@ -51,12 +52,15 @@ SimulatedDevice::SimulatedDevice(std::shared_ptr<const TruePath> path, Simulated
     location_ = SimulatedLocationService::create(
         context, {options_.authorization, options_.accuracy, options_.locationServicesEnabled, options_.appInForeground});
     motion_ = SimulatedMotionService::create(context, options_.motionAuthorization, bootDate_);
+    radio_ = SimulatedBluetoothRadio::create(context);
+    location_->setBluetoothRadio(radio_);
 }
 
 SimulatedDevice::~SimulatedDevice() {
     // The services go first, invalidating their timers, while the loop still exists.
     motion_.reset();
     location_.reset();
+    radio_.reset();
     systemState_.reset();
     battery_.reset();
 }
@@ -89,6 +93,13 @@ Platform SimulatedDevice::makeProcessPlatform(std::shared_ptr<KeyValueStore> key
         const auto service = motion.lock();
         if (!service) fatalError("a motion activity manager was asked of a simulated device that is gone");
         return service->makeActivityManager();
+    };
+
+    const std::weak_ptr<SimulatedBluetoothRadio> radio = radio_;
+    platform.makeBluetoothScanner = [radio]() -> std::shared_ptr<BluetoothScannerType> {
+        const auto live = radio.lock();
+        if (!live) fatalError("a Bluetooth scanner was asked of a simulated device that is gone");
+        return live->makeScanner();
     };
 
     auto deviceInfo = std::make_shared<SimulatedDeviceInfo>(battery_, platform.notificationCenter);
@@ -142,6 +153,14 @@ const EnergyLedger& SimulatedDevice::energy() const {
 LocationMode SimulatedDevice::locationMode() const { return location_->mode(); }
 
 std::vector<CircularRegion> SimulatedDevice::monitoredRegions() const { return location_->monitoredRegions(); }
+
+std::vector<BeaconRegion> SimulatedDevice::monitoredBeaconRegions() const {
+    return location_->monitoredBeaconRegions();
+}
+
+void SimulatedDevice::placeBeacons(std::vector<ScenarioBeacon> beacons) { radio_->placeBeacons(std::move(beacons)); }
+
+const std::vector<ScenarioBeacon>& SimulatedDevice::beacons() const { return radio_->beacons(); }
 
 float SimulatedDevice::batteryLevel() const { return battery_->level(); }
 

@@ -7,6 +7,7 @@
 
 #include "platform/sim/DeviceLog.h"
 #include "platform/sim/EnergyLedger.h"
+#include "platform/sim/Scenario.h"
 #include "platform/sim/SimulatedNetwork.h"
 #include "platform/sim/TruePath.h"
 #include "rovalis/Platform.h"
@@ -19,6 +20,7 @@
 namespace rovalis::sim {
 
 class SimulatedBattery;
+class SimulatedBluetoothRadio;
 class SimulatedDeviceInfo;
 class SimulatedLocationService;
 class SimulatedMotionService;
@@ -39,8 +41,9 @@ struct SimulatedDeviceOptions {
 };
 
 // A phone that moves along a true path on virtual time, with the platform services the SDK
-// runs on: location (fixes, regions, significant changes, authorization), motion, battery,
-// system state and network. The SDK runs on it unchanged through the bundle that
+// runs on: location (fixes, regions, significant changes, authorization, beacon regions and
+// ranging), motion, battery, system state, network and a Bluetooth LE radio that hears the
+// beacons placed around it. The SDK runs on it unchanged through the bundle that
 // makeProcessPlatform() hands out.
 //
 // Everything the device does happens on timers of its one virtual run loop, and the clock
@@ -96,6 +99,11 @@ public:
     void setLowPowerMode(bool enabled);
     void setAppInForeground(bool foreground);
 
+    // Places beacons around the device, in place of any placed before; they advertise from
+    // then on (see SimulatedBluetoothRadio). A scenario's beacons are placed before its run.
+    void placeBeacons(std::vector<ScenarioBeacon> beacons);
+    const std::vector<ScenarioBeacon>& beacons() const;
+
     // What the device has spent, booked up to now.
     const EnergyLedger& energy() const;
     const DeviceLog& log() const { return *log_; }
@@ -103,6 +111,7 @@ public:
     // What the device's services are doing, for the program that drives it.
     LocationMode locationMode() const;
     std::vector<CircularRegion> monitoredRegions() const;
+    std::vector<BeaconRegion> monitoredBeaconRegions() const;
     float batteryLevel() const;
     BatteryState batteryState() const;
 
@@ -120,6 +129,7 @@ private:
     std::shared_ptr<SimulatedSystemState> systemState_;
     std::shared_ptr<SimulatedLocationService> location_;
     std::shared_ptr<SimulatedMotionService> motion_;
+    std::shared_ptr<SimulatedBluetoothRadio> radio_;
     mutable EnergyLedger energy_;
 };
 

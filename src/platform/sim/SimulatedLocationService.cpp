@@ -53,6 +53,7 @@ SimulatedLocationService::~SimulatedLocationService() {
     for (const auto* timer : {&fixTimer_, &regionTimer_, &significantTimer_}) {
         if (*timer) (*timer)->invalidate();
     }
+    invalidateBeaconTimers();
 }
 
 std::shared_ptr<SimulatedLocationManager> SimulatedLocationService::makeManager() {
@@ -403,6 +404,7 @@ void SimulatedLocationService::settingsChanged(bool reportAuthorization) {
     reconfigure();
     updateRegionWatch();
     updateSignificantWatch();
+    updateBeaconWatch();
     if (reportAuthorization) reportAuthorizationChange();
 }
 
@@ -433,6 +435,7 @@ void SimulatedLocationService::askForAuthorizationReport(const std::shared_ptr<S
 void SimulatedLocationService::managerGone(std::uint64_t id) {
     std::erase_if(managers_, [id](const auto& entry) { return entry.first == id || entry.second.expired(); });
     reconfigure();
+    updateBeaconWatch();  // its ranging ends with it
     // The app's significant-change monitoring and its regions outlive the manager.
 }
 

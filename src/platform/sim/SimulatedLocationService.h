@@ -15,6 +15,7 @@
 
 namespace rovalis::sim {
 
+class SimulatedBluetoothRadio;
 class SimulatedLocationManager;
 
 // The simulated device's one location service, shared by every location manager the app's
@@ -47,6 +48,20 @@ class SimulatedLocationManager;
 // has moved 450 - 600 m (drawn anew after each report) from where it was at the last report,
 // and at least 5 minutes after it. A manager that starts monitoring gets a fix of its own
 // 0.5 - 3 s later.
+//
+// Beacons, through the device's Bluetooth radio. Beacon regions are the app's, like circular
+// ones, and are watched under the same conditions. Each starts outside; it is inside while
+// an iBeacon it matches has been heard at -90 dBm or better within the last 30 s. The entry
+// is reported 1 - 5 s (drawn for each entry) after the first such advertisement, the exit
+// once 30 s have passed since the last one (at the radio's next second). While the regions
+// are not watched their states stay as they were and nothing is reported; when watching
+// resumes, a region inside has 30 s to be heard again. Ranging is a manager's own and needs
+// "when in use" or "always" and services on: every second the radio listens, each ranging
+// manager gets a round for each of its constraints, with the matching iBeacons heard in that
+// second (since ranging started), strongest first. A beacon's RSSI is the mean of the
+// second's readings and its accuracy the distance the path-loss model gives for that mean and
+// the beacon's measured power. The advertisements are read with the SDK's own parser, so a
+// malformed one is ignored as the SDK would ignore it.
 class SimulatedLocationService : public std::enable_shared_from_this<SimulatedLocationService> {
 public:
     struct Settings {
@@ -60,6 +75,10 @@ public:
     static constexpr double significantCheckInterval = 30.0;
     static constexpr double significantMinimumInterval = 300.0;
     static constexpr double regionMinimumMargin = 20.0;
+    static constexpr double beaconRegionRssi = -90.0;
+    static constexpr double beaconRegionExitDelay = 30.0;
+    static constexpr double beaconRegionEntryDelayLow = 1.0;
+    static constexpr double beaconRegionEntryDelayHigh = 5.0;
 
     static std::shared_ptr<SimulatedLocationService> create(DeviceContext context, Settings settings);
     ~SimulatedLocationService();
@@ -89,11 +108,25 @@ public:
     // The device's last known fix, from updates or significant changes.
     const std::optional<Location>& lastFix() const { return lastFix_; }
 
+    // The radio that beacon regions and ranging listen through; without one nothing is heard.
+    void setBluetoothRadio(std::shared_ptr<SimulatedBluetoothRadio> radio);
+    // Sorted by identifier.
+    std::vector<BeaconRegion> monitoredBeaconRegions() const;
+    // True while the beacon region is inside.
+    bool isInsideBeaconRegion(const std::string& identifier) const;
+
     // The margin by which the true position must be beyond a region's boundary to cross it.
     static double regionMargin(double radius);
 
 private:
     friend class SimulatedLocationManager;
+
+    struct BeaconRegionEntry {
+        BeaconRegion region;
+        bool inside = false;
+        std::optional<Date> lastHeard;
+        std::shared_ptr<RunLoopTimer> entryTimer;
+    };
 
     struct Region {
         CircularRegion region;
@@ -143,6 +176,18 @@ private:
     void settingsChanged(bool reportAuthorization);
     void reportAuthorizationChange();
 
+    // Beacons.
+    bool beaconRegionsUsable() const { return regionsUsable(); }
+    bool rangingUsable() const;
+    void startMonitoringBeaconRegion(const BeaconRegion& region);
+    void stopMonitoringBeaconRegion(const std::string& identifier);
+    // Listens while beacon regions are watched or a manager ranges, and meters the ranging.
+    void updateBeaconWatch();
+    void heardAdvertisements(const std::vector<BleAdvertisement>& heard);
+    void enterBeaconRegion(const std::string& identifier);
+    void reportBeaconRegionEvent(const BeaconRegion& region, RegionEventKind kind);
+    void invalidateBeaconTimers();
+
     const DeviceContext context_;
     // Written on the loop under the mutex; the loop reads it without.
     mutable std::mutex settingsMutex_;
@@ -168,6 +213,11 @@ private:
     std::optional<LocationCoordinate2D> significantReference_;
     std::optional<Date> lastSignificantReport_;
     double significantThreshold_ = 500.0;
+
+    std::shared_ptr<SimulatedBluetoothRadio> radio_;
+    std::map<std::string, BeaconRegionEntry> beaconRegions_;
+    bool beaconRegionsWatched_ = false;
+    SimulationRandom beaconRegionRandom_{context_.seed, RandomStream::beaconRegions};
 };
 
 // One location manager of the simulated device: its own settings and delegate over the
@@ -205,6 +255,14 @@ public:
     void startMonitoring(const CircularRegion& region) override;
     void stopMonitoring(const CircularRegion& region) override;
 
+    bool isRangingAvailable() const override { return true; }
+    std::vector<BeaconRegion> monitoredBeaconRegions() const override;
+    void startMonitoringBeaconRegion(const BeaconRegion& region) override;
+    void stopMonitoringBeaconRegion(const BeaconRegion& region) override;
+    std::vector<BeaconIdentityConstraint> rangedBeaconConstraints() const override;
+    void startRangingBeacons(const BeaconIdentityConstraint& constraint) override;
+    void stopRangingBeacons(const BeaconIdentityConstraint& constraint) override;
+
     AuthorizationStatus authorizationStatus() const override;
     AccuracyAuthorization accuracyAuthorization() const override;
     bool locationServicesEnabled() const override;
@@ -235,6 +293,11 @@ private:
     std::optional<Location> lastDelivered_;
     std::shared_ptr<RunLoopTimer> cachedFixTimer_;
     std::shared_ptr<RunLoopTimer> significantTimer_;
+    struct Ranging {
+        BeaconIdentityConstraint constraint;
+        Date since;
+    };
+    std::vector<Ranging> ranging_;  // in the order started
 };
 
 }  // namespace rovalis::sim

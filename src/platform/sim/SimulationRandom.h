@@ -20,6 +20,10 @@ enum class RandomStream : std::uint64_t {
     accelerometer = 5,
     activity = 6,
     device = 7,
+    beaconSignals = 8,
+    beaconRegions = 9,
+    // Seeded by a beacon's identity rather than the device's seed.
+    beaconHardware = 10,
 };
 
 // A seeded random stream. The engine's output is fixed by the standard; the conversions to

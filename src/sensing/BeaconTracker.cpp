@@ -1,0 +1,35 @@
+#include "sensing/BeaconTracker.h"
+
+#include "rovalis/Console.h"
+#include "util/Fatal.h"
+
+namespace rovalis {
+
+std::shared_ptr<BeaconTracker> BeaconTracker::create(std::shared_ptr<BeaconRegionsContainer> regions,
+                                                     std::shared_ptr<LocationManagerType> sharedLocationManager) {
+    if (!regions || !sharedLocationManager) fatalError("BeaconTracker needs beacon regions and a location manager");
+    return std::shared_ptr<BeaconTracker>(new BeaconTracker(std::move(regions), std::move(sharedLocationManager)));
+}
+
+BeaconTracker::BeaconTracker(std::shared_ptr<BeaconRegionsContainer> regions,
+                             std::shared_ptr<LocationManagerType> sharedLocationManager)
+    : regions_(std::move(regions)), locationManager_(std::move(sharedLocationManager)) {}
+
+void BeaconTracker::start() {
+    // A region the platform still watches from an earlier process is replaced by its
+    // identifier, so starting again is harmless.
+    for (const BeaconRegion& region : regions_->beaconRegions()) {
+        locationManager_->startMonitoringBeaconRegion(region);
+        Console::log("monitoring started on beacon region " + region.identifier);
+    }
+}
+
+void BeaconTracker::stopMonitoring() {
+    for (const BeaconRegion& region : locationManager_->monitoredBeaconRegions()) {
+        if (!regions_->contains(region.identifier)) continue;
+        locationManager_->stopMonitoringBeaconRegion(region);
+        Console::log("monitoring stopped on beacon region " + region.identifier);
+    }
+}
+
+}  // namespace rovalis

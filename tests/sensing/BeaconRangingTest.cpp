@@ -1,0 +1,423 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "events/EventRepository.h"
+#include "sensing/BeaconRanger.h"
+#include "sensing/BeaconTracker.h"
+#include "sensing/GeofenceTracker.h"
+#include "support/TestSupport.h"
+#include "upload/StateOperations.h"
+#include "util/VirtualRunLoop.h"
+
+namespace rovalis {
+namespace {
+
+using json = nlohmann::json;
+using Texts = std::vector<std::string>;
+
+constexpr double start = 1700000000.0;
+const Uuid kitchenUuid = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+const Uuid shopUuid = *Uuid::parse("F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
+const BeaconRegion kitchen{"Kitchen", {kitchenUuid, 1, std::nullopt}};
+const BeaconRegion shop{"Shop", {shopUuid, std::nullopt, std::nullopt}};
+const BeaconRegion neighbour{"Neighbour", {shopUuid, 7, 7}};  // watched, but not the SDK's
+const std::string sleepPrefix = RegionCalculator::sleepRegions().identifierPrefix;
+const CircularRegion sleepRegion{sleepPrefix + "_00", {52.0, 13.0}, 100.0, false, true};
+
+// The container of the given regions, made the way the SDK makes it: from the host's Info.
+std::shared_ptr<BeaconRegionsContainer> containerOf(const std::vector<BeaconRegion>& regions) {
+    nlohmann::json entries = nlohmann::json::array();
+    for (const BeaconRegion& region : regions) {
+        nlohmann::json entry{{"uuid", region.constraint.uuid.uuidString()}, {"identifier", region.identifier}};
+        if (region.constraint.major) entry["major"] = *region.constraint.major;
+        if (region.constraint.minor) entry["minor"] = *region.constraint.minor;
+        entries.push_back(entry);
+    }
+    const InfoDictionary info{{BeaconRegionsContainer::infoKey, entries.dump()}};
+    return std::make_shared<BeaconRegionsContainer>(info);
+}
+
+// Watches regions and ranges beacons in memory, logs the region and beacon calls in order
+// ("startRangingBeacons:Kitchen" names the constraint by its region), and delivers reports.
+class BeaconLocationManager final : public LocationManagerType {
+public:
+    std::shared_ptr<LocationManagerDelegate> delegate() const override { return delegate_.lock(); }
+    void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) override { delegate_ = std::move(delegate); }
+    bool allowsBackgroundLocationUpdates() const override { return false; }
+    void setAllowsBackgroundLocationUpdates(bool) override {}
+    bool pausesLocationUpdatesAutomatically() const override { return true; }
+    void setPausesLocationUpdatesAutomatically(bool) override {}
+    double distanceFilter() const override { return kCLDistanceFilterNone; }
+    void setDistanceFilter(double) override {}
+    double desiredAccuracy() const override { return kCLLocationAccuracyBest; }
+    void setDesiredAccuracy(double) override {}
+    void startUpdatingLocation() override {}
+    void stopUpdatingLocation() override {}
+    void startMonitoringSignificantLocationChanges() override {}
+    void stopMonitoringSignificantLocationChanges() override {}
+    AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorizedAlways; }
+    AccuracyAuthorization accuracyAuthorization() const override { return AccuracyAuthorization::fullAccuracy; }
+    bool locationServicesEnabled() const override { return true; }
+
+    std::vector<CircularRegion> monitoredRegions() const override { return regions; }
+    void startMonitoring(const CircularRegion& region) override { replace(regions, region, "startMonitoring:"); }
+    void stopMonitoring(const CircularRegion& region) override { remove(regions, region, "stopMonitoring:"); }
+    bool isRangingAvailable() const override { return rangingAvailable; }
+    std::vector<BeaconRegion> monitoredBeaconRegions() const override { return beaconRegions; }
+    void startMonitoringBeaconRegion(const BeaconRegion& region) override {
+        replace(beaconRegions, region, "startMonitoringBeaconRegion:");
+    }
+    void stopMonitoringBeaconRegion(const BeaconRegion& region) override {
+        remove(beaconRegions, region, "stopMonitoringBeaconRegion:");
+    }
+    std::vector<BeaconIdentityConstraint> rangedBeaconConstraints() const override { return ranged; }
+    void startRangingBeacons(const BeaconIdentityConstraint& constraint) override {
+        ranged.push_back(constraint);
+        calls.push_back("startRangingBeacons:" + nameOf(constraint));
+    }
+    void stopRangingBeacons(const BeaconIdentityConstraint& constraint) override {
+        std::erase(ranged, constraint);
+        calls.push_back("stopRangingBeacons:" + nameOf(constraint));
+    }
+
+    template <typename... Args, typename... Given>
+    void deliver(void (LocationManagerDelegate::*report)(LocationManagerType&, Args...), Given&&... given) {
+        if (const auto target = delegate_.lock()) ((*target).*report)(*this, std::forward<Given>(given)...);
+    }
+    void deliverRound(const std::vector<RangedBeacon>& beacons, const BeaconRegion& region) {
+        deliver(&LocationManagerDelegate::locationManagerDidRangeBeacons, beacons, region.constraint);
+    }
+
+    bool rangingAvailable = true;
+    std::vector<CircularRegion> regions;
+    std::vector<BeaconRegion> beaconRegions;
+    std::vector<BeaconIdentityConstraint> ranged;
+    Texts calls;
+
+private:
+    static std::string nameOf(const BeaconIdentityConstraint& constraint) {
+        return constraint == kitchen.constraint ? "Kitchen" : constraint == shop.constraint ? "Shop" : "?";
+    }
+    template <typename Region>
+    void remove(std::vector<Region>& list, const Region& region, const std::string& call) {
+        std::erase_if(list, [&](const Region& each) { return each.identifier == region.identifier; });
+        calls.push_back(call + region.identifier);
+    }
+    template <typename Region>
+    void replace(std::vector<Region>& list, const Region& region, const std::string& call) {
+        remove(list, region, call);
+        list.push_back(region);
+    }
+
+    std::weak_ptr<LocationManagerDelegate> delegate_;
+};
+
+class FakeEddystoneScanner final : public EddystoneScannerType {
+public:
+    bool isAvailable() const override { return available; }
+    void startScanning(SightingHandler handler) override {
+        handler_ = std::move(handler);
+        ++starts;
+    }
+    void stopScanning() override {
+        handler_ = nullptr;
+        ++stops;
+    }
+    void hear(const std::string& eid, long rssi, Date time) {
+        if (handler_) handler_(EddystoneSighting{eid, rssi, time, "C0:FF:EE:00:00:01"});
+    }
+    bool isScanning() const { return handler_ != nullptr; }
+
+    bool available = true;
+    int starts = 0, stops = 0;
+
+private:
+    SightingHandler handler_;
+};
+
+class RecordingWakeUp final : public RVLInitiateWakeUpType, public RVLLocationUpdateReceiver {
+public:
+    void initiateWakeUpWithReason(const std::string& reason, const std::optional<Location>& location) override {
+        reasons.push_back(reason);
+        EXPECT_EQ(location, lastLocation());
+    }
+    void didUpdateLocation(const Location&, const std::string&) override {}
+    std::optional<Location> lastLocation() const override {
+        return Location{{52.52, 13.405}, 40.0, 12.0, 5.0, 0.0, -1.0, Date{start - 30}};
+    }
+    Texts reasons;
+};
+
+RangedBeacon beacon(const BeaconRegion& region, std::uint16_t minor, long rssi) {
+    return RangedBeacon{region.constraint.uuid, region.constraint.major.value_or(3), minor, rssi, 2.5, Date{start}};
+}
+
+class BeaconRangerTest : public ::testing::Test {
+protected:
+    BeaconRangerTest() {
+        debug->start();
+        makeRanger(scanner);
+    }
+
+    void makeRanger(std::shared_ptr<EddystoneScannerType> eddystone) {
+        ranger = BeaconRanger::create(locations, std::make_shared<BeaconRangerForwarder>(), regions, debug,
+                                      std::move(eddystone), store, wakeUp, wakeUp, loop);
+    }
+
+    // Moves the clock to `seconds` after the start, running what falls due on the way.
+    void at(double seconds) { loop->fastForwardBy(start + seconds - loop->now().secondsSince1970); }
+
+    std::vector<json> stored(const std::string& type) {
+        std::vector<json> found;
+        for (const auto& event : store->fetchEventsPayloadTo(std::nullopt, 0)) {
+            if (event.type == type) found.push_back(json::parse(event.payload));
+        }
+        return found;
+    }
+    // Each scan as "<time>: IBeacon <major>.<minor> <rssi> @<time>, Eddystone <eid> <rssi> @<time>", times
+    // in seconds after the start.
+    Texts scans() {
+        const auto seconds = [](const json& ms) { return std::to_string(ms.get<long long>() / 1000 - 1700000000); };
+        Texts texts;
+        for (const auto& scan : stored("BeaconScan")) {
+            std::string text = seconds(scan["tracked_at_ms"]) + ":";
+            for (const auto& b : scan["beacons"]) {
+                text += " " + b["protocol"].get<std::string>() + " ";
+                text += b["protocol"] == "IBeacon" ? b["uuid"].get<std::string>().substr(0, 4) + " " +
+                                                         b["major"].dump() + "." + b["minor"].dump()
+                                                   : b["eid"].get<std::string>();
+                text += " " + b["rssi"].dump() + " @" + seconds(b["tracked_at_ms"]);
+            }
+            texts.push_back(text);
+        }
+        return texts;
+    }
+    // The Debug comments, each with its topic where that is not "Beacon Ranging".
+    Texts debugTexts() {
+        Texts texts;
+        for (const auto& event : stored("Debug")) {
+            const auto topic = event["topic"].get<std::string>();
+            texts.push_back((topic == "Beacon Ranging" ? "" : topic + ": ") + event["comment"].get<std::string>());
+        }
+        return texts;
+    }
+
+    test::ConsoleCapture console;
+    test::TempDir dir;
+    std::shared_ptr<SettableDateSource> clock = std::make_shared<SettableDateSource>(Date{start});
+    std::shared_ptr<VirtualRunLoop> loop = std::make_shared<VirtualRunLoop>(clock);
+    std::shared_ptr<EventRepository> store = std::make_shared<EventRepository>(dir / "events.sqlite");
+    std::shared_ptr<DebugEventsManager> debug = std::make_shared<DebugEventsManager>(store, clock);
+    std::shared_ptr<BeaconRegionsContainer> regions = containerOf({kitchen, shop});
+    std::shared_ptr<BeaconLocationManager> locations = std::make_shared<BeaconLocationManager>();
+    std::shared_ptr<FakeEddystoneScanner> scanner = std::make_shared<FakeEddystoneScanner>();
+    std::shared_ptr<RecordingWakeUp> wakeUp = std::make_shared<RecordingWakeUp>();
+    std::shared_ptr<BeaconRanger> ranger;
+};
+
+TEST_F(BeaconRangerTest, AWindowRecordsEveryBeaconHeardInArrivalOrderAsOneScanAtItsEnd) {
+    // The report may carry another constraint: the SDK's own definition of the region counts.
+    ranger->didEnterBeaconRegion(BeaconRegion{"Kitchen", {shopUuid, 9, 9}});
+    EXPECT_EQ(locations->calls, Texts{"startRangingBeacons:Kitchen"});
+    EXPECT_TRUE(scanner->isScanning());
+    at(1);
+    locations->deliverRound({beacon(kitchen, 7, -71), beacon(kitchen, 8, 0)}, kitchen);  // 0: not heard now
+    scanner->hear("00112233445566778899aabbccddeeff", -80, Date{start + 1.5});
+    at(2);
+    locations->deliverRound({beacon(kitchen, 8, -64), beacon(kitchen, 7, -69)}, kitchen);
+    locations->deliverRound({beacon(shop, 4, -50)}, shop);  // not ranged by this window
+    at(9.99);
+    EXPECT_TRUE(scans().empty());
+    EXPECT_TRUE(wakeUp->reasons.empty());
+
+    at(10);
+    EXPECT_EQ(scans(), Texts{"10: IBeacon E2C5 1.7 -71 @1 Eddystone 00112233445566778899aabbccddeeff -80 @1 "
+                             "IBeacon E2C5 1.8 -64 @2 IBeacon E2C5 1.7 -69 @2"});
+    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Kitchen", "stopRangingBeacons:Kitchen"}));
+    EXPECT_EQ(scanner->stops, 1);
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon " + kitchenUuid.uuidString() + " 1.8 ranged in region Kitchen"});
+
+    // Reports under way when the window closed change nothing.
+    locations->deliverRound({beacon(kitchen, 7, -60)}, kitchen);
+    scanner->hear("ff", -60, loop->now());
+    at(30);
+    EXPECT_EQ(scans().size(), 1u);
+    EXPECT_EQ(wakeUp->reasons.size(), 1u);
+}
+
+TEST_F(BeaconRangerTest, AnEntryDuringTheWindowExtendsItAndRangesThatRegionToo) {
+    ranger->didEnterBeaconRegion(kitchen);
+    at(4);
+    locations->deliverRound({beacon(kitchen, 7, -75)}, kitchen);
+    at(6);
+    ranger->didEnterBeaconRegion(shop);
+    at(8);
+    ranger->didEnterBeaconRegion(kitchen);  // already ranged: only the end moves
+    at(12);
+    locations->deliverRound({beacon(shop, 4, -58)}, shop);
+    at(17.99);
+    EXPECT_TRUE(scans().empty());
+    at(18);
+    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Kitchen", "startRangingBeacons:Shop",
+                                       "stopRangingBeacons:Kitchen", "stopRangingBeacons:Shop"}));
+    EXPECT_EQ(scanner->starts, 1);
+    EXPECT_EQ(scanner->stops, 1);
+    EXPECT_EQ(scans(), Texts{"18: IBeacon E2C5 1.7 -75 @4 IBeacon F782 3.4 -58 @12"});
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon " + shopUuid.uuidString() + " 3.4 ranged in region Shop"});
+    EXPECT_EQ(debugTexts(), (Texts{"forced ranging opened for beacon region Kitchen",
+                                   "forced ranging extended for beacon region Shop",
+                                   "forced ranging extended for beacon region Kitchen",
+                                   "forced ranging closed with 2 iBeacon and 0 Eddystone sightings"}));
+}
+
+TEST_F(BeaconRangerTest, TheWakeUpReasonNamesTheStrongestBeaconAndWakesAtOnce) {
+    struct Case {
+        std::vector<RangedBeacon> round;
+        std::vector<std::pair<std::string, long>> eddystones;
+        std::string reason;
+    };
+    const std::vector<Case> cases = {
+        // An iBeacon wins over a stronger Eddystone.
+        {{beacon(kitchen, 2, -90), beacon(kitchen, 3, -61), beacon(kitchen, 4, -75)},
+         {{"aa01", -40}},
+         "beacon " + kitchenUuid.uuidString() + " 1.3 ranged in region Kitchen"},
+        {{}, {{"aa01", -88}, {"bb02", -66}, {"cc03", -70}}, "beacon bb02 seen during ranging of region Kitchen"},
+        {{beacon(kitchen, 2, 0)}, {}, "beacon region Kitchen entered"},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        ranger->didEnterBeaconRegion(kitchen);
+        at(20.0 * i + 1);
+        locations->deliverRound(cases[i].round, kitchen);
+        for (const auto& [eid, rssi] : cases[i].eddystones) scanner->hear(eid, rssi, loop->now());
+        at(20.0 * i + 20);
+        EXPECT_EQ(wakeUp->reasons.at(i), cases[i].reason);
+    }
+    EXPECT_EQ(scans().size(), 2u);  // nothing heard, nothing recorded
+    EXPECT_EQ(debugTexts().back(), "forced ranging closed with 0 iBeacon and 0 Eddystone sightings");
+
+    // Each reason wakes the SDK straight away: the speed-up never starts a location burst.
+    class Woken final : public RVLWakeupable {
+    public:
+        void wakeUpWithReason(const std::string& reason, bool) override { reasons.push_back(reason); }
+        Texts reasons;
+    };
+    const auto woken = std::make_shared<Woken>();
+    for (const std::string& reason : wakeUp->reasons) {
+        std::make_shared<RVLSpeedUpOperation>(woken, std::weak_ptr<RVLEventInsertable>{},
+                                              std::weak_ptr<RVLUserDefaultsModifier>{}, reason, std::nullopt, loop,
+                                              [](auto, auto) -> std::shared_ptr<PauseManagerType> {
+                                                  ADD_FAILURE() << "a location burst";
+                                                  return nullptr;
+                                              })
+            ->start();
+        loop->runUntilIdle();
+    }
+    EXPECT_EQ(woken->reasons, wakeUp->reasons);
+}
+
+TEST_F(BeaconRangerTest, ExitsAreOnlyLoggedAndOtherRegionsAreIgnored) {
+    ranger->didExitBeaconRegion(kitchen);
+    ranger->didEnterBeaconRegion(neighbour);
+    EXPECT_FALSE(ranger->isWindowOpen());
+    EXPECT_TRUE(console.contains("entered a beacon region that is not the SDK's: Neighbour"));
+
+    ranger->didEnterBeaconRegion(shop);
+    at(5);
+    ranger->didEnterBeaconRegion(neighbour);  // extends nothing
+    ranger->didExitBeaconRegion(shop);
+    EXPECT_EQ(ranger->windowEnd(), Date{start + 10});
+    at(60);
+    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Shop", "stopRangingBeacons:Shop"}));
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon region Shop entered"});
+    debug->insertLogDebugEvent("another topic");
+    EXPECT_EQ(debugTexts(), (Texts{"exited beacon region Kitchen", "forced ranging opened for beacon region Shop",
+                                   "exited beacon region Shop",
+                                   "forced ranging closed with 0 iBeacon and 0 Eddystone sightings",
+                                   "Log: another topic"}));
+}
+
+TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThatGoesStopsBoth) {
+    makeRanger(nullptr);  // Eddystone tracking off
+    ranger->didEnterBeaconRegion(kitchen);
+    at(1);
+    locations->deliverRound({beacon(kitchen, 7, -71)}, kitchen);
+    at(10);
+    EXPECT_EQ(scans().size(), 1u);
+
+    scanner->available = false;
+    locations->rangingAvailable = false;
+    locations->calls.clear();
+    makeRanger(scanner);
+    ranger->didEnterBeaconRegion(kitchen);
+    at(20);
+    EXPECT_EQ(scanner->starts + scanner->stops, 0);
+    EXPECT_TRUE(locations->calls.empty());
+    EXPECT_EQ(wakeUp->reasons.back(), "beacon region Kitchen entered");
+
+    scanner->available = locations->rangingAvailable = true;
+    ranger->didEnterBeaconRegion(kitchen);
+    at(21);
+    locations->deliverRound({beacon(kitchen, 7, -71)}, kitchen);
+    ranger.reset();
+    EXPECT_TRUE(locations->ranged.empty());
+    EXPECT_FALSE(scanner->isScanning());
+    at(60);
+    EXPECT_EQ(scans().size(), 1u);
+    EXPECT_EQ(wakeUp->reasons.size(), 2u);
+}
+
+// ---- Watching the regions, and the hand-off from region monitoring
+
+TEST_F(BeaconRangerTest, TheBeaconAndGeofenceTrackersShareALocationManagerAndTouchOnlyTheirOwnRegions) {
+    locations->beaconRegions = {neighbour};
+    locations->regions = {sleepRegion};
+    const auto tracker = BeaconTracker::create(regions, locations);
+    tracker->start();
+    EXPECT_EQ(locations->calls, (Texts{"startMonitoringBeaconRegion:Kitchen", "startMonitoringBeaconRegion:Shop"}));
+    tracker->slowDown(std::nullopt);  // asleep and awake alike
+    tracker->speedUp();
+    tracker->stop();
+    tracker->start();
+    tracker->halt();
+    EXPECT_EQ(locations->beaconRegions, std::vector<BeaconRegion>{neighbour});
+    EXPECT_EQ(locations->regions, std::vector<CircularRegion>{sleepRegion});
+    EXPECT_EQ(locations->calls.size(), 8u);
+
+    tracker->start();
+    locations->calls.clear();
+    const auto receiver = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp);
+    const auto geofences = GeofenceTracker::create(clock, receiver, store, locations,
+                                                   std::make_shared<GeofenceManagerForwarder>(), wakeUp,
+                                                   RegionCalculator::sleepRegions());
+    geofences->slowDown(Location{{52.52, 13.405}, 40.0, 12.0, 5.0, 0.0, -1.0, Date{start}});
+    geofences->speedUp();
+    EXPECT_EQ(locations->beaconRegions.size(), 3u);
+    for (const auto& call : locations->calls) EXPECT_EQ(call.find("Beacon"), call.npos) << call;
+}
+
+TEST_F(BeaconRangerTest, RegionMonitoringHandsBeaconRegionsToRangingAndRecordsNoGeofenceCrossing) {
+    const auto forwarder = std::make_shared<GeofenceManagerForwarder>();
+    const auto shared = std::make_shared<BeaconLocationManager>();
+    shared->setDelegate(forwarder);
+    const auto receiver = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp, sleepPrefix, ranger);
+    forwarder->setDelegate(receiver);
+    shared->deliver(&LocationManagerDelegate::locationManagerDidEnterBeaconRegion, kitchen);
+    EXPECT_TRUE(ranger->isWindowOpen());
+    shared->deliver(&LocationManagerDelegate::locationManagerDidExitBeaconRegion, kitchen);
+    EXPECT_EQ(debugTexts().back(), "exited beacon region Kitchen");
+    EXPECT_TRUE(stored("GeofenceTrigger").empty());
+    EXPECT_TRUE(wakeUp->reasons.empty());
+
+    // Beacon tracking off: no ranger to hand them to.
+    const auto alone = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp, sleepPrefix);
+    forwarder->setDelegate(alone);
+    shared->deliver(&LocationManagerDelegate::locationManagerDidEnterBeaconRegion, shop);
+    EXPECT_TRUE(console.contains("entered beacon region Shop with beacon tracking off"));
+    shared->deliver(&LocationManagerDelegate::locationManagerDidExitRegion, sleepRegion);
+    EXPECT_EQ(stored("GeofenceTrigger").size(), 1u);
+    EXPECT_EQ(wakeUp->reasons, Texts{"exited geofence " + sleepRegion.identifier});
+}
+
+}  // namespace
+}  // namespace rovalis
