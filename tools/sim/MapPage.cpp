@@ -45,6 +45,7 @@ constexpr const char* kOffGrey = "#cbd2d9";
 constexpr const char* kAwakeSky = "#7dd3fc";
 constexpr const char* kWakeOrange = "#ea580c";
 constexpr const char* kSignificantPink = "#db2777";
+constexpr const char* kBeaconTeal = "#0d9488";
 constexpr const char* kStayShade = "#10b981";
 constexpr const char* kRowGrey = "#eceff3";
 constexpr const char* kUploadGreen = "#16a34a";
@@ -212,6 +213,7 @@ private:
         }
         for (const auto& region : report.geofences) result.push_back({region.centre, region.radius});
         for (const auto& fix : report.significantFixes) result.push_back({fix.coordinate, 0.0});
+        for (const auto& beacon : report.beacons.placed) result.push_back({beacon.position, 0.0});
         return result;
     }
 
@@ -315,6 +317,7 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
         fixes();
         crossings();
         transitions();
+        beacons();
         out_ += "</g>\n";
         if (drawnNothing()) {
             out_ += "<text x=\"" + num(width / 2) + "\" y=\"" + num(height / 2) +
@@ -456,6 +459,17 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
         out_ += "</g>\n";
     }
 
+    void beacons() {
+        if (report_.beacons.placed.empty()) return;
+        out_ += "<g class=\"layer-beacons\">\n";
+        for (const auto& beacon : report_.beacons.placed) {
+            const std::string text = beacon.label + ": " + groupedNumber(beacon.sightings) + " sightings";
+            const MapPoint p = projection_.project(beacon.position);
+            out_ += diamondMark(p.x, p.y, 12, kBeaconTeal, kInk) + title(text) + "</polygon>\n";
+        }
+        out_ += "</g>\n";
+    }
+
     // Crossings carry no position: each is drawn on the crossed region's edge, towards the
     // recorded fix nearest in time.
     void crossings() {
@@ -588,6 +602,10 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
                    "geofence crossing (" + std::to_string(report_.crossings.size()) + ")", "layer-crossings");
         legendItem(diamondMark(12, 8, 10, kSignificantPink, "#fff") + title("significant-location fix") + "</polygon>",
                    "significant-location fix and its accuracy", "layer-significant");
+        if (!report_.beacons.placed.empty()) {
+            legendItem(diamondMark(12, 8, 12, kBeaconTeal, kInk) + title("beacon") + "</polygon>",
+                       "beacon placed by the scenario", "layer-beacons");
+        }
         out_ += "</ul>\n";
         out_ += "<p class=\"note\">Fixes fade as their accuracy grows. ";
         if (const std::size_t step = fixStep(); step > 1) {

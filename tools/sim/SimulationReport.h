@@ -116,6 +116,29 @@ struct DeliveryFigures {
     std::map<std::string, std::int64_t> eventsByType;  // as accepted by the service
 };
 
+// A beacon the scenario placed, and how often the SDK's beacon scans name it.
+struct PlacedBeacon {
+    std::string label;     // "iBeacon E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 1.1", "Eddystone 0011..."
+    std::string identity;  // how a scan names it: "UUID MAJOR.MINOR", or the Eddystone identifier
+    LocationCoordinate2D position;
+    std::int64_t sightings = 0;
+};
+
+// A BeaconScan event the service accepted.
+struct BeaconScanOutcome {
+    Date time;
+    std::int64_t iBeacons = 0;
+    std::int64_t eddystones = 0;
+};
+
+struct BeaconFigures {
+    std::vector<PlacedBeacon> placed;  // in scenario order
+    std::vector<BeaconScanOutcome> scans;
+    std::int64_t regionEvents = 0;  // beacon-region entries and exits the device reported
+    double scanningSeconds = 0.0;   // Bluetooth LE scanning
+    double rangingSeconds = 0.0;
+};
+
 struct SimulationReport {
     std::string traceName;
     std::uint64_t seed = 0;
@@ -136,6 +159,7 @@ struct SimulationReport {
     std::vector<ScenarioMark> scenario;
     EnergyFigures energy;
     DeliveryFigures delivery;
+    BeaconFigures beacons;
 
     // Nothing lost and nothing twice: every recorded event is either held by the service
     // exactly once or still on the device.

@@ -23,7 +23,10 @@
 #include "rovalis/Console.h"
 #include "rovalis/NotificationCenter.h"
 #include "rovalis/Rovalis.h"
+#include "sensing/BeaconFrames.h"
+#include "sensing/BeaconRegionsContainer.h"
 #include "upload/CredentialsManager.h"
+#include "core/TrackerRepository.h"
 #include "util/DataRoot.h"
 
 namespace rovalis::sim {
@@ -103,7 +106,45 @@ private:
     const std::shared_ptr<SettableDateSource> clock_;
 };
 
+// How a BeaconScan names the beacon: "UUID MAJOR.MINOR" for an iBeacon, the identifier in
+// lower-case hex for Eddystone.
+std::string beaconIdentity(const ScenarioBeacon& beacon) {
+    switch (beacon.kind) {
+    case ScenarioBeacon::Kind::iBeacon:
+        return beacon.uuid.uuidString() + " " + std::to_string(beacon.major) + "." + std::to_string(beacon.minor);
+    case ScenarioBeacon::Kind::eddystoneUid:
+        return EddystoneUid{0, beacon.namespaceId, beacon.instanceId}.identifierHex();
+    case ScenarioBeacon::Kind::eddystoneEid:
+        return EddystoneEid{0, beacon.ephemeralId}.identifierHex();
+    }
+    return {};
+}
+
+std::string beaconLabel(const ScenarioBeacon& beacon) {
+    return (beacon.isEddystone() ? "Eddystone " : "iBeacon ") + beaconIdentity(beacon);
+}
+
 }  // namespace
+
+HostInfo hostTrackingBeacons(HostInfo host, const std::vector<ScenarioBeacon>& beacons) {
+    if (beacons.empty()) return host;
+    json regions = json::array();
+    bool eddystone = false;
+    for (const ScenarioBeacon& beacon : beacons) {
+        if (beacon.isEddystone()) {
+            eddystone = true;
+            continue;
+        }
+        regions.push_back({{"uuid", beacon.uuid.uuidString()},
+                           {"major", beacon.major},
+                           {"minor", beacon.minor},
+                           {"identifier", "beacon-line-" + std::to_string(beacon.line)}});
+    }
+    host.info.try_emplace(TrackerRepository::beaconTrackingSwitch, true);
+    host.info.try_emplace(TrackerRepository::eddystoneTrackingSwitch, eddystone);
+    host.info.try_emplace(BeaconRegionsContainer::infoKey, regions.dump());
+    return host;
+}
 
 HostInfo SimulationOptions::defaultHost() {
     HostInfo host;
@@ -150,7 +191,8 @@ struct SimulationRunner::Run {
         keyValueStore = std::make_shared<SqliteKeyValueStore>(dataRoot->root() / "Preferences.sqlite");
         keychain = std::make_shared<FileKeychain>(dataRoot->privateDirectory("Keychain"));
         host = std::make_shared<SimulatedHost>(device.clock());
-        hostInfo = options.host;
+        hostInfo = hostTrackingBeacons(options.host, input.scenario.beacons);
+        device.placeBeacons(input.scenario.beacons);
     }
 
     static SimulatedDeviceOptions deviceOptions(const SimulationOptions& options) {
@@ -272,6 +314,26 @@ std::pair<std::int64_t, std::int64_t> storeFigures(const std::filesystem::path& 
     return {recorded, left};
 }
 
+// Counts a scan's sightings, and each against the placed beacon it names.
+void addBeaconScan(BeaconFigures& beacons, Date time, const json& body) {
+    BeaconScanOutcome scan{time};
+    for (const json& sighting : body.at("beacons")) {
+        std::string identity;
+        if (sighting.at("protocol") == "IBeacon") {
+            ++scan.iBeacons;
+            identity = sighting.at("uuid").get<std::string>() + " " + std::to_string(sighting.at("major").get<int>()) +
+                       "." + std::to_string(sighting.at("minor").get<int>());
+        } else {
+            ++scan.eddystones;
+            identity = sighting.at("eid").get<std::string>();
+        }
+        for (PlacedBeacon& placed : beacons.placed) {
+            if (placed.identity == identity) ++placed.sightings;
+        }
+    }
+    beacons.scans.push_back(scan);
+}
+
 void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::DeliveredEvent> events) {
     std::stable_sort(events.begin(), events.end(),
                      [](const auto& a, const auto& b) { return a.trackedAtMs < b.trackedAtMs; });
@@ -288,9 +350,11 @@ void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::Deli
         const Date time = dateOfMs(event.trackedAtMs);
         if (event.type == "Waypoint" || event.type == "SignificantLocation" || event.type == "PreSleep" ||
             event.type == "PreWakeUp" || event.type == "GeofenceCreate" || event.type == "GeofenceTrigger" ||
-            event.type == "ToggleStandby" || event.type == "ToggleTracking") {
+            event.type == "ToggleStandby" || event.type == "ToggleTracking" || event.type == "BeaconScan") {
             const json body = json::parse(event.payload);
-            if (event.type == "Waypoint") {
+            if (event.type == "BeaconScan") {
+                addBeaconScan(report.beacons, time, body);
+            } else if (event.type == "Waypoint") {
                 report.fixes.push_back({time, coordinateOf(body), body.at("accuracy").get<double>(),
                                         body.at("provider").get<std::string>()});
             } else if (event.type == "SignificantLocation") {
@@ -415,6 +479,9 @@ SimulationReport SimulationRunner::run() {
         stats.bodyBytes = figures.value("body_bytes", std::int64_t{0});
         stats.documentBytes = figures.value("document_bytes", std::int64_t{0});
     }
+    for (const ScenarioBeacon& beacon : input_.scenario.beacons) {
+        report.beacons.placed.push_back({beaconLabel(beacon), beaconIdentity(beacon), beacon.position});
+    }
     fillFromEvents(report, delivered_);
     const auto [recorded, left] = storeFigures(run.dataRoot->privateDirectory("Store") / "RovalisSDK.sqlite");
     report.delivery.recorded = recorded;
@@ -434,6 +501,9 @@ SimulationReport SimulationRunner::run() {
     report.energy.burstSeconds = energy.burstSeconds;
     report.energy.wakeUps = static_cast<std::int64_t>(energy.wakeUps());
     report.energy.accelerometerSeconds = energy.accelerometerSeconds;
+    report.beacons.regionEvents = static_cast<std::int64_t>(energy.beaconRegionEvents);
+    report.beacons.scanningSeconds = energy.bluetoothScanSeconds;
+    report.beacons.rangingSeconds = energy.rangingSeconds;
     report.energy.alwaysOnBaselineSeconds = EnergyLedger::baselineGpsSeconds(path.start(), path.end());
     const auto& modes = run.device.log().modeChanges;
     for (std::size_t i = 0; i < modes.size(); ++i) {

@@ -75,6 +75,11 @@ private:
     std::vector<DeliveredEvent> delivered_;
 };
 
+// The app of a scenario with beacons tracks them, unless its Info says otherwise: beacon
+// tracking on, a region for each iBeacon ("beacon-line-N" after its scenario line), and
+// Eddystone scanning when an Eddystone beacon is placed.
+HostInfo hostTrackingBeacons(HostInfo host, const std::vector<ScenarioBeacon>& beacons);
+
 // A token of three dot-separated parts whose payload names a user, as a host would set.
 std::string sampleUserToken();
 

@@ -101,6 +101,26 @@ std::string renderSummaryJson(const SimulationReport& report) {
                       {"wake_ups", energy.wakeUps},
                       {"accelerometer_seconds", energy.accelerometerSeconds}};
 
+    json placed = json::array();
+    for (const auto& beacon : report.beacons.placed) {
+        placed.push_back({{"label", beacon.label},
+                          {"identity", beacon.identity},
+                          {"latitude", beacon.position.latitude},
+                          {"longitude", beacon.position.longitude},
+                          {"sightings", beacon.sightings}});
+    }
+    json scans = json::array();
+    for (const auto& scan : report.beacons.scans) {
+        json object = {{"ibeacons", scan.iBeacons}, {"eddystones", scan.eddystones}};
+        putTime(object, "time", scan.time);
+        scans.push_back(std::move(object));
+    }
+    root["beacons"] = {{"placed", std::move(placed)},
+                       {"scans", std::move(scans)},
+                       {"region_events", report.beacons.regionEvents},
+                       {"ranging_seconds", report.beacons.rangingSeconds},
+                       {"scanning_seconds", report.beacons.scanningSeconds}};
+
     const auto& delivery = report.delivery;
     json failures = json::array();
     for (const auto& upload : report.uploads) {

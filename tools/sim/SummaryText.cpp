@@ -150,6 +150,7 @@ public:
         tracking();
         transitions();
         energy();
+        beacons();
         uploads();
         delivery();
         std::string text;
@@ -283,6 +284,26 @@ private:
         other.add({{"bursts"}, {durationText(energy.burstSeconds)}});
         other.add({{"wake-ups"}, {groupedNumber(energy.wakeUps)}});
         other.add({{"accelerometer"}, {durationText(energy.accelerometerSeconds)}});
+        other.render(lines_, paint_);
+    }
+
+    void beacons() {
+        const auto& beacons = report_.beacons;
+        if (beacons.placed.empty()) return;
+        std::int64_t sightings = 0;
+        for (const auto& beacon : beacons.placed) sightings += beacon.sightings;
+        heading("Beacons: " + plural(static_cast<std::int64_t>(beacons.scans.size()), "scan", "scans") + ", " +
+                plural(sightings, "sighting", "sightings"));
+        Table table({{"beacon"}, {"at"}, {"sightings", true}});
+        for (const auto& beacon : beacons.placed) {
+            table.add({{plain(beacon.label)}, {placeText(beacon.position)}, {groupedNumber(beacon.sightings)}});
+        }
+        table.render(lines_, paint_);
+        lines_.emplace_back();
+        Table other({{}, {}});
+        other.add({{"region crossings"}, {groupedNumber(beacons.regionEvents)}});
+        other.add({{"ranging"}, {durationText(beacons.rangingSeconds)}});
+        other.add({{"Bluetooth LE scanning"}, {durationText(beacons.scanningSeconds)}});
         other.render(lines_, paint_);
     }
 
