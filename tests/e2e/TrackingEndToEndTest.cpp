@@ -236,6 +236,50 @@ TEST_F(TrackingEndToEnd, TheSameTripAndSeedGiveTheSameEventsAndAnotherSeedOthers
     EXPECT_NE(canonical(replay(trip.input(), other).events), first);
 }
 
+// "LAT,LON" of the point `metres` east of home.
+std::string eastOfHome(double metres) {
+    double latitude = 0.0, longitude = 0.0;
+    GeographicLib::Geodesic::WGS84().Direct(home.latitude, home.longitude, 90.0, metres, latitude, longitude);
+    char text[64];
+    std::snprintf(text, sizeof text, "%.6f,%.6f", latitude, longitude);
+    return text;
+}
+
+TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServiceAndOneWakesTheSleepingSdk) {
+    // Asleep at home, the device walks east past a weak iBeacon 110 m away (out of its reach at
+    // home, inside the stay's centre region), on to a shop 400 m away with an iBeacon and an
+    // Eddystone beacon at the counter.
+    const std::string uuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
+    const std::string shopEddystone = "0102030405060708090a0b0c0d0e0f10";
+    SimulationOptions centreOnly;
+    centreOnly.sleepRegions.outerRegionCount = 0;
+    const Replay run = replay(Trip().stay(25).go(400, 90, walking).stay(20).input(
+                                  "beacon ibeacon " + uuid + " 1 1 at " + eastOfHome(110) + " power -65\n" +
+                                  "beacon ibeacon " + uuid + " 2 7 at " + eastOfHome(400) + "\n" +
+                                  "beacon eddystone-uid 0102030405060708090a 0b0c0d0e0f10 at " + eastOfHome(402) +
+                                  "\n"),
+                              centreOnly);
+
+    ASSERT_FALSE(run.wakeReasons().empty());
+    EXPECT_EQ(run.wakeReasons()[0], "beacon " + uuid + " 1.1 ranged in region beacon-line-1")
+        << "the beacon on the way wakes the SDK before any geofence does";
+    const auto scans = run.eventsOf("BeaconScan");
+    ASSERT_EQ(scans.size(), 2u) << "one scan per ranging window, one window per beacon region entered";
+    for (const auto& sighting : scans[0]["beacons"]) {
+        EXPECT_EQ(sighting["protocol"], "IBeacon");
+        EXPECT_EQ(sighting["minor"], 1);
+    }
+    bool shopIBeacon = false, shopEddystoneSeen = false;
+    for (const auto& sighting : scans[1]["beacons"]) {
+        if (sighting["protocol"] == "IBeacon") shopIBeacon = shopIBeacon || sighting["major"] == 2;
+        if (sighting["protocol"] == "Eddystone") shopEddystoneSeen = shopEddystoneSeen || sighting["eid"] == shopEddystone;
+    }
+    EXPECT_TRUE(shopIBeacon && shopEddystoneSeen) << scans[1].dump();
+    ASSERT_EQ(run.report.beacons.placed.size(), 3u);
+    for (const auto& beacon : run.report.beacons.placed) EXPECT_GT(beacon.sightings, 0) << beacon.label;
+    EXPECT_GE(run.report.beacons.regionEvents, 2);
+}
+
 TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredExactlyOnce) {
     const std::filesystem::path data = ROVALIS_SOURCE_DATA_DIR;
     const Replay run = replay(readSimulationInput(data / "traces/london-weekday.gpx",
@@ -244,6 +288,7 @@ TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredEx
     for (const auto& stay : run.report.stays) EXPECT_TRUE(stay.sleptAt.has_value());
     EXPECT_EQ(run.report.delivery.leftInStore, 0);
     EXPECT_EQ(run.toggles().size(), 6u);  // start, lunch-time permission off and on, app update, end
+    EXPECT_GE(run.eventsOf("BeaconScan").size(), 2u) << "the office lobby and the cafe";
 }
 
 }  // namespace
