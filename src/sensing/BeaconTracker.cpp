@@ -16,6 +16,11 @@ BeaconTracker::BeaconTracker(std::shared_ptr<BeaconRegionsContainer> regions,
     : regions_(std::move(regions)), locationManager_(std::move(sharedLocationManager)) {}
 
 void BeaconTracker::start() {
+    // A location source without Bluetooth (Linux) can neither watch nor range beacons.
+    if (!locationManager_->isRangingAvailable()) {
+        Console::log("beacon regions are not monitored: this device cannot detect beacons");
+        return;
+    }
     // A region the platform still watches from an earlier process is replaced by its
     // identifier, so starting again is harmless.
     for (const BeaconRegion& region : regions_->beaconRegions()) {

@@ -394,6 +394,14 @@ TEST_F(BeaconRangerTest, TheBeaconAndGeofenceTrackersShareALocationManagerAndTou
     geofences->speedUp();
     EXPECT_EQ(locations->beaconRegions.size(), 3u);
     for (const auto& call : locations->calls) EXPECT_EQ(call.find("Beacon"), call.npos) << call;
+
+    // A location source that cannot detect beacons (Linux) is not asked to watch any.
+    tracker->stop();
+    locations->calls.clear();
+    locations->rangingAvailable = false;
+    tracker->start();
+    EXPECT_TRUE(locations->calls.empty());
+    EXPECT_TRUE(console.contains("beacon regions are not monitored: this device cannot detect beacons"));
 }
 
 TEST_F(BeaconRangerTest, RegionMonitoringHandsBeaconRegionsToRangingAndRecordsNoGeofenceCrossing) {
