@@ -380,6 +380,46 @@ struct Refusal : std::runtime_error {
 // The deepest legitimate value is a sighting inside a scan inside the events list.
 constexpr int maxDepth = 8;
 
+// Builds the document as the plain parser does, refusing a duplicate key or nesting deeper
+// than maxDepth on the way. (The library's callback parser would do the same checks, but it
+// scans an array for discarded values each time one of its objects ends: quadratic in the
+// number of events.)
+class DocumentReader : public nlohmann::detail::json_sax_dom_parser<json> {
+public:
+    explicit DocumentReader(json& document) : json_sax_dom_parser(document, /*allow_exceptions_=*/true) {}
+
+    bool start_object(std::size_t elements) {
+        enter();
+        keys_.emplace_back();
+        return json_sax_dom_parser::start_object(elements);
+    }
+    bool key(std::string& key) {
+        if (!keys_.back().insert(key).second) throw Refusal("duplicate key " + showText(key));
+        return json_sax_dom_parser::key(key);
+    }
+    bool end_object() {
+        keys_.pop_back();
+        --depth_;
+        return json_sax_dom_parser::end_object();
+    }
+    bool start_array(std::size_t elements) {
+        enter();
+        return json_sax_dom_parser::start_array(elements);
+    }
+    bool end_array() {
+        --depth_;
+        return json_sax_dom_parser::end_array();
+    }
+
+private:
+    void enter() {
+        if (++depth_ > maxDepth) throw Refusal("the batch document is nested deeper than any event needs");
+    }
+
+    int depth_ = 0;
+    std::vector<std::set<std::string>> keys_;
+};
+
 // Positions inside a text already known to be valid JSON.
 std::size_t skipSpace(std::string_view s, std::size_t i) {
     while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r')) ++i;
@@ -563,19 +603,8 @@ std::optional<Rejection> parseBatchDocument(std::string_view text, BatchDocument
     out = BatchDocument{};
     json document;
     try {
-        std::vector<std::set<std::string>> keys;
-        document = json::parse(text, [&keys](int depth, json::parse_event_t event, json& parsed) {
-            if (depth > maxDepth) throw Refusal("the batch document is nested deeper than any event needs");
-            if (event == json::parse_event_t::object_start) {
-                keys.emplace_back();
-            } else if (event == json::parse_event_t::object_end) {
-                if (!keys.empty()) keys.pop_back();
-            } else if (event == json::parse_event_t::key && !keys.empty()) {
-                const auto& key = parsed.get_ref<const std::string&>();
-                if (!keys.back().insert(key).second) throw Refusal("duplicate key " + showText(key));
-            }
-            return true;
-        });
+        DocumentReader reader(document);
+        json::sax_parse(text, &reader);
     } catch (const Refusal& refusal) {
         return reject(422, refusal.what());
     } catch (const json::exception& error) {
