@@ -5,7 +5,8 @@
 #include "events/EventRepository.h"
 #include "sensing/BeaconRanger.h"
 #include "sensing/BeaconTracker.h"
-#include "sensing/GeofenceTracker.h"
+#include "sensing/RegionMonitoringReceiver.h"
+#include "support/RecordingLocationManager.h"
 #include "support/TestSupport.h"
 #include "upload/StateOperations.h"
 #include "util/VirtualRunLoop.h"
@@ -22,95 +23,43 @@ const Uuid shopUuid = *Uuid::parse("F7826DA6-4FA2-4E98-8024-BC5B71E0893E");
 const BeaconRegion kitchen{"Kitchen", {kitchenUuid, 1, std::nullopt}};
 const BeaconRegion shop{"Shop", {shopUuid, std::nullopt, std::nullopt}};
 const BeaconRegion neighbour{"Neighbour", {shopUuid, 7, 7}};  // watched, but not the SDK's
-const std::string sleepPrefix = RegionCalculator::sleepRegions().identifierPrefix;
-const CircularRegion sleepRegion{sleepPrefix + "_00", {52.0, 13.0}, 100.0, false, true};
 
-// The container of the given regions, made the way the SDK makes it: from the host's Info.
-std::shared_ptr<BeaconRegionsContainer> containerOf(const std::vector<BeaconRegion>& regions) {
-    nlohmann::json entries = nlohmann::json::array();
-    for (const BeaconRegion& region : regions) {
-        nlohmann::json entry{{"uuid", region.constraint.uuid.uuidString()}, {"identifier", region.identifier}};
-        if (region.constraint.major) entry["major"] = *region.constraint.major;
-        if (region.constraint.minor) entry["minor"] = *region.constraint.minor;
-        entries.push_back(entry);
-    }
-    const InfoDictionary info{{BeaconRegionsContainer::infoKey, entries.dump()}};
-    return std::make_shared<BeaconRegionsContainer>(info);
-}
-
-// Watches regions and ranges beacons in memory, logs the region and beacon calls in order
-// ("startRangingBeacons:Kitchen" names the constraint by its region), and delivers reports.
-class BeaconLocationManager final : public LocationManagerType {
+// The in-memory location manager, watching beacon regions and ranging too: it logs those calls
+// in order ("startRangingBeacons:Kitchen" names the constraint by its region) and delivers rounds.
+class BeaconLocationManager final : public test::RecordingLocationManager {
 public:
-    std::shared_ptr<LocationManagerDelegate> delegate() const override { return delegate_.lock(); }
-    void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) override { delegate_ = std::move(delegate); }
-    bool allowsBackgroundLocationUpdates() const override { return false; }
-    void setAllowsBackgroundLocationUpdates(bool) override {}
-    bool pausesLocationUpdatesAutomatically() const override { return true; }
-    void setPausesLocationUpdatesAutomatically(bool) override {}
-    double distanceFilter() const override { return kCLDistanceFilterNone; }
-    void setDistanceFilter(double) override {}
-    double desiredAccuracy() const override { return kCLLocationAccuracyBest; }
-    void setDesiredAccuracy(double) override {}
-    void startUpdatingLocation() override {}
-    void stopUpdatingLocation() override {}
-    void startMonitoringSignificantLocationChanges() override {}
-    void stopMonitoringSignificantLocationChanges() override {}
-    AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorizedAlways; }
-    AccuracyAuthorization accuracyAuthorization() const override { return AccuracyAuthorization::fullAccuracy; }
-    bool locationServicesEnabled() const override { return true; }
-
-    std::vector<CircularRegion> monitoredRegions() const override { return regions; }
-    void startMonitoring(const CircularRegion& region) override { replace(regions, region, "startMonitoring:"); }
-    void stopMonitoring(const CircularRegion& region) override { remove(regions, region, "stopMonitoring:"); }
     bool isRangingAvailable() const override { return rangingAvailable; }
     std::vector<BeaconRegion> monitoredBeaconRegions() const override { return beaconRegions; }
     void startMonitoringBeaconRegion(const BeaconRegion& region) override {
-        replace(beaconRegions, region, "startMonitoringBeaconRegion:");
+        beaconRegions.push_back(region);
+        beaconCalls.push_back("startMonitoringBeaconRegion:" + region.identifier);
     }
     void stopMonitoringBeaconRegion(const BeaconRegion& region) override {
-        remove(beaconRegions, region, "stopMonitoringBeaconRegion:");
+        std::erase_if(beaconRegions, [&](const BeaconRegion& each) { return each.identifier == region.identifier; });
+        beaconCalls.push_back("stopMonitoringBeaconRegion:" + region.identifier);
     }
-    std::vector<BeaconIdentityConstraint> rangedBeaconConstraints() const override { return ranged; }
     void startRangingBeacons(const BeaconIdentityConstraint& constraint) override {
         ranged.push_back(constraint);
-        calls.push_back("startRangingBeacons:" + nameOf(constraint));
+        beaconCalls.push_back("startRangingBeacons:" + nameOf(constraint));
     }
     void stopRangingBeacons(const BeaconIdentityConstraint& constraint) override {
         std::erase(ranged, constraint);
-        calls.push_back("stopRangingBeacons:" + nameOf(constraint));
+        beaconCalls.push_back("stopRangingBeacons:" + nameOf(constraint));
     }
 
-    template <typename... Args, typename... Given>
-    void deliver(void (LocationManagerDelegate::*report)(LocationManagerType&, Args...), Given&&... given) {
-        if (const auto target = delegate_.lock()) ((*target).*report)(*this, std::forward<Given>(given)...);
-    }
     void deliverRound(const std::vector<RangedBeacon>& beacons, const BeaconRegion& region) {
-        deliver(&LocationManagerDelegate::locationManagerDidRangeBeacons, beacons, region.constraint);
+        if (const auto target = delegate()) target->locationManagerDidRangeBeacons(*this, beacons, region.constraint);
     }
 
     bool rangingAvailable = true;
-    std::vector<CircularRegion> regions;
     std::vector<BeaconRegion> beaconRegions;
     std::vector<BeaconIdentityConstraint> ranged;
-    Texts calls;
+    Texts beaconCalls;
 
 private:
     static std::string nameOf(const BeaconIdentityConstraint& constraint) {
         return constraint == kitchen.constraint ? "Kitchen" : constraint == shop.constraint ? "Shop" : "?";
     }
-    template <typename Region>
-    void remove(std::vector<Region>& list, const Region& region, const std::string& call) {
-        std::erase_if(list, [&](const Region& each) { return each.identifier == region.identifier; });
-        calls.push_back(call + region.identifier);
-    }
-    template <typename Region>
-    void replace(std::vector<Region>& list, const Region& region, const std::string& call) {
-        remove(list, region, call);
-        list.push_back(region);
-    }
-
-    std::weak_ptr<LocationManagerDelegate> delegate_;
 };
 
 class FakeEddystoneScanner final : public EddystoneScannerType {
@@ -209,7 +158,11 @@ protected:
     std::shared_ptr<VirtualRunLoop> loop = std::make_shared<VirtualRunLoop>(clock);
     std::shared_ptr<EventRepository> store = std::make_shared<EventRepository>(dir / "events.sqlite");
     std::shared_ptr<DebugEventsManager> debug = std::make_shared<DebugEventsManager>(store, clock);
-    std::shared_ptr<BeaconRegionsContainer> regions = containerOf({kitchen, shop});
+    // The SDK's regions, Kitchen and Shop, from the host's Info.
+    std::shared_ptr<BeaconRegionsContainer> regions = std::make_shared<BeaconRegionsContainer>(
+        InfoDictionary{{BeaconRegionsContainer::infoKey,
+                        R"([{"uuid": "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0", "major": 1, "identifier": "Kitchen"},
+                            {"uuid": "F7826DA6-4FA2-4E98-8024-BC5B71E0893E", "identifier": "Shop"}])"}});
     std::shared_ptr<BeaconLocationManager> locations = std::make_shared<BeaconLocationManager>();
     std::shared_ptr<FakeEddystoneScanner> scanner = std::make_shared<FakeEddystoneScanner>();
     std::shared_ptr<RecordingWakeUp> wakeUp = std::make_shared<RecordingWakeUp>();
@@ -219,7 +172,7 @@ protected:
 TEST_F(BeaconRangerTest, AWindowRecordsEveryBeaconHeardInArrivalOrderAsOneScanAtItsEnd) {
     // The report may carry another constraint: the SDK's own definition of the region counts.
     ranger->didEnterBeaconRegion(BeaconRegion{"Kitchen", {shopUuid, 9, 9}});
-    EXPECT_EQ(locations->calls, Texts{"startRangingBeacons:Kitchen"});
+    EXPECT_EQ(locations->beaconCalls, Texts{"startRangingBeacons:Kitchen"});
     EXPECT_TRUE(scanner->isScanning());
     at(1);
     locations->deliverRound({beacon(kitchen, 7, -71), beacon(kitchen, 8, 0)}, kitchen);  // 0: not heard now
@@ -234,7 +187,7 @@ TEST_F(BeaconRangerTest, AWindowRecordsEveryBeaconHeardInArrivalOrderAsOneScanAt
     at(10);
     EXPECT_EQ(scans(), Texts{"10: IBeacon E2C5 1.7 -71 @1 Eddystone 00112233445566778899aabbccddeeff -80 @1 "
                              "IBeacon E2C5 1.8 -64 @2 IBeacon E2C5 1.7 -69 @2"});
-    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Kitchen", "stopRangingBeacons:Kitchen"}));
+    EXPECT_EQ(locations->beaconCalls, (Texts{"startRangingBeacons:Kitchen", "stopRangingBeacons:Kitchen"}));
     EXPECT_EQ(scanner->stops, 1);
     EXPECT_EQ(wakeUp->reasons, Texts{"beacon " + kitchenUuid.uuidString() + " 1.8 ranged in region Kitchen"});
 
@@ -259,8 +212,8 @@ TEST_F(BeaconRangerTest, AnEntryDuringTheWindowExtendsItAndRangesThatRegionToo) 
     at(17.99);
     EXPECT_TRUE(scans().empty());
     at(18);
-    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Kitchen", "startRangingBeacons:Shop",
-                                       "stopRangingBeacons:Kitchen", "stopRangingBeacons:Shop"}));
+    EXPECT_EQ(locations->beaconCalls, (Texts{"startRangingBeacons:Kitchen", "startRangingBeacons:Shop",
+                                             "stopRangingBeacons:Kitchen", "stopRangingBeacons:Shop"}));
     EXPECT_EQ(scanner->starts, 1);
     EXPECT_EQ(scanner->stops, 1);
     EXPECT_EQ(scans(), Texts{"18: IBeacon E2C5 1.7 -75 @4 IBeacon F782 3.4 -58 @12"});
@@ -296,45 +249,22 @@ TEST_F(BeaconRangerTest, TheWakeUpReasonNamesTheStrongestBeaconAndWakesAtOnce) {
     EXPECT_EQ(scans().size(), 2u);  // nothing heard, nothing recorded
     EXPECT_EQ(debugTexts().back(), "forced ranging closed with 0 iBeacon and 0 Eddystone sightings");
 
-    // Each reason wakes the SDK straight away: the speed-up never starts a location burst.
-    class Woken final : public RVLWakeupable {
-    public:
+    // A beacon reason wakes the SDK straight away: the speed-up never starts a location burst.
+    struct Woken final : RVLWakeupable {
         void wakeUpWithReason(const std::string& reason, bool) override { reasons.push_back(reason); }
         Texts reasons;
     };
     const auto woken = std::make_shared<Woken>();
-    for (const std::string& reason : wakeUp->reasons) {
-        std::make_shared<RVLSpeedUpOperation>(woken, std::weak_ptr<RVLEventInsertable>{},
-                                              std::weak_ptr<RVLUserDefaultsModifier>{}, reason, std::nullopt, loop,
-                                              [](auto, auto) -> std::shared_ptr<PauseManagerType> {
-                                                  ADD_FAILURE() << "a location burst";
-                                                  return nullptr;
-                                              })
-            ->start();
-        loop->runUntilIdle();
-    }
-    EXPECT_EQ(woken->reasons, wakeUp->reasons);
-}
-
-TEST_F(BeaconRangerTest, ExitsAreOnlyLoggedAndOtherRegionsAreIgnored) {
-    ranger->didExitBeaconRegion(kitchen);
-    ranger->didEnterBeaconRegion(neighbour);
-    EXPECT_FALSE(ranger->isWindowOpen());
-    EXPECT_TRUE(console.contains("entered a beacon region that is not the SDK's: Neighbour"));
-
-    ranger->didEnterBeaconRegion(shop);
-    at(5);
-    ranger->didEnterBeaconRegion(neighbour);  // extends nothing
-    ranger->didExitBeaconRegion(shop);
-    EXPECT_EQ(ranger->windowEnd(), Date{start + 10});
-    at(60);
-    EXPECT_EQ(locations->calls, (Texts{"startRangingBeacons:Shop", "stopRangingBeacons:Shop"}));
-    EXPECT_EQ(wakeUp->reasons, Texts{"beacon region Shop entered"});
-    debug->insertLogDebugEvent("another topic");
-    EXPECT_EQ(debugTexts(), (Texts{"exited beacon region Kitchen", "forced ranging opened for beacon region Shop",
-                                   "exited beacon region Shop",
-                                   "forced ranging closed with 0 iBeacon and 0 Eddystone sightings",
-                                   "Log: another topic"}));
+    const auto noBurst = [](auto, auto) -> std::shared_ptr<PauseManagerType> {
+        ADD_FAILURE() << "a location burst";
+        return nullptr;
+    };
+    std::make_shared<RVLSpeedUpOperation>(woken, std::weak_ptr<RVLEventInsertable>{},
+                                          std::weak_ptr<RVLUserDefaultsModifier>{}, wakeUp->reasons.back(),
+                                          std::nullopt, loop, noBurst)
+        ->start();
+    loop->runUntilIdle();
+    EXPECT_EQ(woken->reasons, Texts{"beacon region Kitchen entered"});
 }
 
 TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThatGoesStopsBoth) {
@@ -347,12 +277,12 @@ TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThat
 
     scanner->available = false;
     locations->rangingAvailable = false;
-    locations->calls.clear();
+    locations->beaconCalls.clear();
     makeRanger(scanner);
     ranger->didEnterBeaconRegion(kitchen);
     at(20);
     EXPECT_EQ(scanner->starts + scanner->stops, 0);
-    EXPECT_TRUE(locations->calls.empty());
+    EXPECT_TRUE(locations->beaconCalls.empty());
     EXPECT_EQ(wakeUp->reasons.back(), "beacon region Kitchen entered");
 
     scanner->available = locations->rangingAvailable = true;
@@ -369,62 +299,60 @@ TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThat
 
 // ---- Watching the regions, and the hand-off from region monitoring
 
-TEST_F(BeaconRangerTest, TheBeaconAndGeofenceTrackersShareALocationManagerAndTouchOnlyTheirOwnRegions) {
+TEST_F(BeaconRangerTest, TheBeaconTrackerWatchesTheSdksRegionsAsleepAndAwakeAndTouchesNoOther) {
     locations->beaconRegions = {neighbour};
-    locations->regions = {sleepRegion};
     const auto tracker = BeaconTracker::create(regions, locations);
     tracker->start();
-    EXPECT_EQ(locations->calls, (Texts{"startMonitoringBeaconRegion:Kitchen", "startMonitoringBeaconRegion:Shop"}));
+    EXPECT_EQ(locations->beaconCalls,
+              (Texts{"startMonitoringBeaconRegion:Kitchen", "startMonitoringBeaconRegion:Shop"}));
     tracker->slowDown(std::nullopt);  // asleep and awake alike
     tracker->speedUp();
     tracker->stop();
     tracker->start();
     tracker->halt();
     EXPECT_EQ(locations->beaconRegions, std::vector<BeaconRegion>{neighbour});
-    EXPECT_EQ(locations->regions, std::vector<CircularRegion>{sleepRegion});
-    EXPECT_EQ(locations->calls.size(), 8u);
-
-    tracker->start();
-    locations->calls.clear();
-    const auto receiver = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp);
-    const auto geofences = GeofenceTracker::create(clock, receiver, store, locations,
-                                                   std::make_shared<GeofenceManagerForwarder>(), wakeUp,
-                                                   RegionCalculator::sleepRegions());
-    geofences->slowDown(Location{{52.52, 13.405}, 40.0, 12.0, 5.0, 0.0, -1.0, Date{start}});
-    geofences->speedUp();
-    EXPECT_EQ(locations->beaconRegions.size(), 3u);
-    for (const auto& call : locations->calls) EXPECT_EQ(call.find("Beacon"), call.npos) << call;
+    EXPECT_EQ(locations->beaconCalls.size(), 8u);
 
     // A location source that cannot detect beacons (Linux) is not asked to watch any.
-    tracker->stop();
-    locations->calls.clear();
+    locations->beaconCalls.clear();
     locations->rangingAvailable = false;
     tracker->start();
-    EXPECT_TRUE(locations->calls.empty());
+    EXPECT_TRUE(locations->beaconCalls.empty());
     EXPECT_TRUE(console.contains("beacon regions are not monitored: this device cannot detect beacons"));
 }
 
-TEST_F(BeaconRangerTest, RegionMonitoringHandsBeaconRegionsToRangingAndRecordsNoGeofenceCrossing) {
+TEST_F(BeaconRangerTest, RegionMonitoringHandsBeaconCrossingsToRangingWhichOnlyLogsExitsAndIgnoresOtherRegions) {
     const auto forwarder = std::make_shared<GeofenceManagerForwarder>();
-    const auto shared = std::make_shared<BeaconLocationManager>();
-    shared->setDelegate(forwarder);
+    const std::string sleepPrefix = SleepRegionConfiguration{}.identifierPrefix;
     const auto receiver = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp, sleepPrefix, ranger);
     forwarder->setDelegate(receiver);
-    shared->deliver(&LocationManagerDelegate::locationManagerDidEnterBeaconRegion, kitchen);
-    EXPECT_TRUE(ranger->isWindowOpen());
-    shared->deliver(&LocationManagerDelegate::locationManagerDidExitBeaconRegion, kitchen);
-    EXPECT_EQ(debugTexts().back(), "exited beacon region Kitchen");
+    const auto enter = [&](const BeaconRegion& r) { forwarder->locationManagerDidEnterBeaconRegion(*locations, r); };
+    const auto exit = [&](const BeaconRegion& r) { forwarder->locationManagerDidExitBeaconRegion(*locations, r); };
+    exit(kitchen);
+    exit(neighbour);
+    enter(neighbour);
+    EXPECT_FALSE(ranger->isWindowOpen());
+    EXPECT_TRUE(console.contains("entered a beacon region that is not the SDK's: Neighbour"));
+    enter(shop);
+    at(5);
+    enter(neighbour);  // extends nothing
+    exit(shop);
+    EXPECT_EQ(ranger->windowEnd(), Date{start + 10});
+    at(60);
+    EXPECT_EQ(locations->beaconCalls, (Texts{"startRangingBeacons:Shop", "stopRangingBeacons:Shop"}));
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon region Shop entered"});
+    EXPECT_EQ(debugTexts(), (Texts{"exited beacon region Kitchen", "forced ranging opened for beacon region Shop",
+                                   "exited beacon region Shop",
+                                   "forced ranging closed with 0 iBeacon and 0 Eddystone sightings"}));
     EXPECT_TRUE(stored("GeofenceTrigger").empty());
-    EXPECT_TRUE(wakeUp->reasons.empty());
 
     // Beacon tracking off: no ranger to hand them to.
     const auto alone = std::make_shared<RegionMonitoringReceiver>(clock, wakeUp, store, wakeUp, sleepPrefix);
     forwarder->setDelegate(alone);
-    shared->deliver(&LocationManagerDelegate::locationManagerDidEnterBeaconRegion, shop);
-    EXPECT_TRUE(console.contains("entered beacon region Shop with beacon tracking off"));
-    shared->deliver(&LocationManagerDelegate::locationManagerDidExitRegion, sleepRegion);
-    EXPECT_EQ(stored("GeofenceTrigger").size(), 1u);
-    EXPECT_EQ(wakeUp->reasons, Texts{"exited geofence " + sleepRegion.identifier});
+    enter(kitchen);
+    exit(kitchen);
+    EXPECT_TRUE(console.contains("entered beacon region Kitchen with beacon tracking off"));
+    EXPECT_TRUE(console.contains("exited beacon region Kitchen with beacon tracking off"));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ namespace rovalis::test {
 // An in-memory location manager: it keeps its settings and monitored regions, logs every
 // call that changes something, and lets the test deliver reports to the delegate the way
 // the platform would (on the caller's thread, which the test makes the main run loop).
-class RecordingLocationManager final : public LocationManagerType {
+class RecordingLocationManager : public LocationManagerType {
 public:
     std::shared_ptr<LocationManagerDelegate> delegate() const override { return delegate_.lock(); }
     void setDelegate(std::weak_ptr<LocationManagerDelegate> delegate) override {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -20,57 +19,27 @@ using test::DeviceFixture;
 using test::kHome;
 using test::ManualQueue;
 using test::PathBuilder;
+using Kind = ScenarioBeacon::Kind;
+using Names = std::vector<std::string>;
 
 const Uuid kShopUuid = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
 const Uuid kOtherUuid = *Uuid::parse("0A1B2C3D-0000-4000-8000-00000000ABCD");
+const BeaconIdentityConstraint kShop{kShopUuid, std::nullopt, std::nullopt};
 
-ScenarioBeacon iBeacon(Uuid uuid, std::uint16_t major, std::uint16_t minor, LocationCoordinate2D position) {
-    ScenarioBeacon beacon;
-    beacon.kind = ScenarioBeacon::Kind::iBeacon;
-    beacon.uuid = uuid;
-    beacon.major = major;
-    beacon.minor = minor;
-    beacon.position = position;
-    return beacon;
+ScenarioBeacon iBeacon(std::uint16_t minor, LocationCoordinate2D position, Uuid uuid = kShopUuid) {
+    return {.kind = Kind::iBeacon, .uuid = uuid, .major = 1, .minor = minor, .position = position, .url = std::nullopt};
 }
 
-ScenarioBeacon eddystoneUid(LocationCoordinate2D position, std::optional<std::string> url) {
-    ScenarioBeacon beacon;
-    beacon.kind = ScenarioBeacon::Kind::eddystoneUid;
-    beacon.namespaceId = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-    beacon.instanceId = {11, 12, 13, 14, 15, 16};
-    beacon.position = position;
-    beacon.power = ScenarioBeacon::defaultEddystonePower;
-    beacon.interval = ScenarioBeacon::defaultEddystoneInterval;
-    beacon.url = std::move(url);
-    return beacon;
+ScenarioBeacon eddystone(Kind kind, LocationCoordinate2D position, std::optional<std::string> url = std::nullopt) {
+    return {.kind = kind, .uuid = {}, .namespaceId = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10},
+            .instanceId = {11, 12, 13, 14, 15, 16}, .ephemeralId = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88},
+            .position = position, .power = ScenarioBeacon::defaultEddystonePower, .url = std::move(url),
+            .interval = ScenarioBeacon::defaultEddystoneInterval};
 }
 
-ScenarioBeacon eddystoneEid(LocationCoordinate2D position) {
-    ScenarioBeacon beacon = eddystoneUid(position, std::nullopt);
-    beacon.kind = ScenarioBeacon::Kind::eddystoneEid;
-    beacon.ephemeralId = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
-    return beacon;
-}
-
-BeaconIdentityConstraint constraint(Uuid uuid, std::optional<std::uint16_t> major = std::nullopt,
-                                    std::optional<std::uint16_t> minor = std::nullopt) {
-    return {uuid, major, minor};
-}
-
-BeaconRegion beaconRegion(std::string identifier, BeaconIdentityConstraint constraint) {
-    return BeaconRegion{std::move(identifier), constraint, true, true};
-}
-
-// Keeps the beacon reports of a location manager, with the virtual time they arrived.
-class BeaconDelegate final : public LocationManagerDelegate {
+// An app's location manager, and the beacon reports its delegate got, with the virtual time of each.
+class BeaconClient final : public LocationManagerDelegate {
 public:
-    struct Crossing {
-        Date time;
-        std::string identifier;
-        bool entered = false;
-        friend bool operator==(const Crossing&, const Crossing&) = default;
-    };
     struct Round {
         Date time;
         BeaconIdentityConstraint constraint;
@@ -78,72 +47,53 @@ public:
         friend bool operator==(const Round&, const Round&) = default;
     };
 
-    explicit BeaconDelegate(std::shared_ptr<const RVLDateSource> clock) : clock_(std::move(clock)) {}
+    static std::shared_ptr<BeaconClient> of(DeviceFixture& f) {
+        auto client = std::make_shared<BeaconClient>();
+        client->clock = f.device.clock();
+        client->manager = f.platform.makeLocationManager();
+        client->manager->setDelegate(client);
+        return client;
+    }
 
     void locationManagerDidEnterBeaconRegion(LocationManagerType&, const BeaconRegion& region) override {
-        crossings.push_back({clock_->now(), region.identifier, true});
+        crossings.push_back("enter " + region.identifier);
+        crossingTimes.push_back(clock->now());
     }
     void locationManagerDidExitBeaconRegion(LocationManagerType&, const BeaconRegion& region) override {
-        crossings.push_back({clock_->now(), region.identifier, false});
+        crossings.push_back("exit " + region.identifier);
+        crossingTimes.push_back(clock->now());
     }
     void locationManagerDidRangeBeacons(LocationManagerType&, const std::vector<RangedBeacon>& beacons,
                                         const BeaconIdentityConstraint& constraint) override {
-        rounds.push_back({clock_->now(), constraint, beacons});
+        rounds.push_back({clock->now(), constraint, beacons});
     }
 
-    std::vector<std::string> crossingNames() const {
-        std::vector<std::string> names;
-        for (const auto& crossing : crossings) names.push_back((crossing.entered ? "enter " : "exit ") + crossing.identifier);
-        return names;
-    }
-
-    std::vector<Crossing> crossings;
-    std::vector<Round> rounds;
-
-private:
-    const std::shared_ptr<const RVLDateSource> clock_;
-};
-
-struct BeaconClient {
+    std::shared_ptr<const RVLDateSource> clock;
     std::shared_ptr<LocationManagerType> manager;
-    std::shared_ptr<BeaconDelegate> delegate;
+    Names crossings;  // "enter shop", "exit shop", ...
+    std::vector<Date> crossingTimes;
+    std::vector<Round> rounds;
 };
 
-BeaconClient beaconClient(DeviceFixture& f) {
-    BeaconClient client{f.platform.makeLocationManager(), std::make_shared<BeaconDelegate>(f.device.clock())};
-    client.manager->setDelegate(client.delegate);
-    return client;
-}
-
-// Everything a scanner handed over, and how many tasks it took.
+// Everything a scanner handed over.
 struct ScanRecord {
     explicit ScanRecord(std::shared_ptr<BluetoothScannerType> scanner) : scanner(std::move(scanner)) {}
-
-    std::shared_ptr<BluetoothScannerType> scanner;
-    std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
-    std::vector<BleAdvertisement> heard;
-    std::size_t tasks = 0;
 
     void start(std::vector<std::uint16_t> services) {
         scanner->startScanning(std::move(services), queue, [this](const BleAdvertisement& ad) { heard.push_back(ad); });
     }
-    void drain() { tasks += queue->drain(); }
+
+    std::shared_ptr<BluetoothScannerType> scanner;
+    std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
+    std::vector<BleAdvertisement> heard;
 };
 
-// The iBeacon advertisements heard, read back.
-struct HeardIBeacon {
-    Date time;
-    IBeaconAdvertisement advertisement;
-    long rssi;
-};
-std::vector<HeardIBeacon> iBeaconsIn(const std::vector<BleAdvertisement>& heard) {
-    std::vector<HeardIBeacon> result;
+// The iBeacon advertisements among those heard, each read back.
+std::vector<std::pair<BleAdvertisement, IBeaconAdvertisement>> iBeaconsIn(const std::vector<BleAdvertisement>& heard) {
+    std::vector<std::pair<BleAdvertisement, IBeaconAdvertisement>> result;
     for (const auto& ad : heard) {
         const auto payload = ad.manufacturerData.find(kIBeaconCompanyIdentifier);
-        if (payload == ad.manufacturerData.end()) continue;
-        const auto parsed = parseIBeacon(payload->second);
-        EXPECT_TRUE(parsed.has_value());
-        if (parsed) result.push_back({ad.timestamp, *parsed, ad.rssi});
+        if (payload != ad.manufacturerData.end()) result.emplace_back(ad, parseIBeacon(payload->second).value());
     }
     return result;
 }
@@ -161,254 +111,155 @@ std::shared_ptr<const TruePath> walkPastHome() {
         .build();
 }
 
-TEST(SimulatedBeacons, WalkingPastAnIBeaconEntersItsRegionAndLeavesThirtySecondsAfterTheLastGoodAdvertisement) {
-    DeviceFixture f(walkPastHome());
-    f.device.placeBeacons({iBeacon(kShopUuid, 1, 2, kHome), iBeacon(kOtherUuid, 1, 1, destination(kHome, 0, 900))});
-    ScanRecord scan{f.platform.makeBluetoothScanner()};
-    scan.start({});
-    auto client = beaconClient(f);
-    auto other = beaconClient(f);
-    client.manager->startMonitoringBeaconRegion(beaconRegion("shop", constraint(kShopUuid)));
-    client.manager->startMonitoringBeaconRegion(beaconRegion("shop-3", constraint(kShopUuid, 1, 3)));
-    client.manager->startMonitoringBeaconRegion(beaconRegion("far", constraint(kOtherUuid)));
-    f.runFor(kWalkSeconds + 300);
-    scan.drain();
-
-    // The scanner hears the same advertisements: the region's moments follow from them.
-    std::vector<Date> good;
-    for (const auto& beacon : iBeaconsIn(scan.heard)) {
-        EXPECT_EQ(beacon.advertisement.uuid, kShopUuid);  // the far one is never heard
-        if (beacon.rssi >= -90) good.push_back(beacon.time);
-    }
-    ASSERT_FALSE(good.empty());
-    ASSERT_EQ(client.delegate->crossingNames(), (std::vector<std::string>{"enter shop", "exit shop"}));
-    const double entryDelay = client.delegate->crossings[0].time.timeIntervalSince(good.front());
-    EXPECT_GE(entryDelay, 1.0);
-    EXPECT_LE(entryDelay, 5.0);
-    const double exitDelay = client.delegate->crossings[1].time.timeIntervalSince(good.back());
-    EXPECT_GE(exitDelay, 30.0);
-    EXPECT_LE(exitDelay, 31.0);
-    // Heard at -90 dBm around the closest approach, and not from afar.
-    EXPECT_LT(good.front(), f.at(kClosestApproach - 5));
-    EXPECT_GT(good.front(), f.at(kClosestApproach - 250));
-    EXPECT_GT(good.back(), f.at(kClosestApproach + 5));
-    EXPECT_LT(good.back(), f.at(kClosestApproach + 250));
-    // Every live manager's delegate hears the crossings.
-    EXPECT_EQ(other.delegate->crossings, client.delegate->crossings);
-
-    const auto& events = f.device.log().beaconRegionEvents;
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[0].identifier, "shop");
-    EXPECT_EQ(events[0].kind, RegionEventKind::enter);
-    EXPECT_EQ(events[1].kind, RegionEventKind::exit);
-    EXPECT_EQ(events[1].recipients, 2u);
-    EXPECT_EQ(f.device.energy().beaconRegionEvents, 2u);
-    EXPECT_NEAR(f.device.energy().bluetoothScanSeconds, kWalkSeconds + 300, 1e-6);
-    EXPECT_EQ(f.device.energy().rangingSeconds, 0.0);
+TEST(SimulatedBeacons, TheSignalFallsTwentyTwoDecibelsADecadeFromHalfAMetreOut) {
+    EXPECT_DOUBLE_EQ(BeaconSignalModel::meanRssi(-59.0, 10.0), -81.0);
+    EXPECT_DOUBLE_EQ(BeaconSignalModel::meanRssi(-59.0, 0.1), -59.0 + 22.0 * std::log10(2.0));
+    EXPECT_DOUBLE_EQ(BeaconSignalModel::distanceFor(-59.0, -81.0), 10.0);
+    // An Eddystone beacon's power is given at 0 m; out of reach the mean is 5 sigma under -95 dBm.
+    EXPECT_EQ(BeaconSignalModel::powerAtOneMetre(eddystone(Kind::eddystoneUid, kHome)), -61.0);
+    EXPECT_NEAR(BeaconSignalModel::reach(-59.0), 351.1, 0.1);
+    EXPECT_NEAR(BeaconSignalModel::reach(-61.0), 284.8, 0.1);
 }
 
-TEST(SimulatedBeacons, RangingReportsEverySecondTheBeaconsHeardStrongestFirst) {
+TEST(SimulatedBeacons, WalkingPastIBeaconsEntersAndLeavesTheirRegionAndRangesThemEverySecond) {
     DeviceFixture f(walkPastHome());
-    // Two shop beacons 30 m apart along the walk, and a beacon of another UUID at the first.
-    const auto second = destination(kHome, 90.0, 30.0);
-    f.device.placeBeacons(
-        {iBeacon(kShopUuid, 1, 1, kHome), iBeacon(kShopUuid, 1, 2, second), iBeacon(kOtherUuid, 1, 1, kHome)});
+    // Two shop beacons 30 m apart along the walk, the second sending four times a second, and a
+    // beacon of another UUID at the first.
+    auto fast = iBeacon(2, destination(kHome, 90.0, 30.0));
+    fast.interval = 0.25;
+    f.device.placeBeacons({iBeacon(1, kHome), fast, iBeacon(1, kHome, kOtherUuid)});
     ScanRecord scan{f.platform.makeBluetoothScanner()};
     scan.start({});
-    auto client = beaconClient(f);
-    client.manager->startRangingBeacons(constraint(kShopUuid));
-    client.manager->startRangingBeacons(constraint(kShopUuid, 1, 2));
-    EXPECT_EQ(client.manager->rangedBeaconConstraints(),
-              (std::vector{constraint(kShopUuid), constraint(kShopUuid, 1, 2)}));
+    const auto client = BeaconClient::of(f), other = BeaconClient::of(f);
+    const BeaconIdentityConstraint second{kShopUuid, 1, 2};
+    client->manager->startMonitoringBeaconRegion({"shop", kShop});
+    client->manager->startMonitoringBeaconRegion({"shop-3", {kShopUuid, 1, 3}});
+    client->manager->startRangingBeacons(kShop);
+    client->manager->startRangingBeacons(second);
     f.runFor(kWalkSeconds + 300);
-    scan.drain();
+    scan.queue->drain();
+    const auto heard = iBeaconsIn(scan.heard);
 
-    // A round a second for each constraint, heard or not.
-    std::vector<BeaconDelegate::Round> all, single;
-    for (const auto& round : client.delegate->rounds) {
-        (round.constraint == constraint(kShopUuid) ? all : single).push_back(round);
+    // The region is entered 1 - 5 s after the first advertisement of its beacons the scanner heard
+    // at -90 dBm or more, and left 30 s after the last; every live manager's delegate hears it.
+    std::vector<Date> good;
+    for (const auto& [ad, beacon] : heard) {
+        if (beacon.uuid == kShopUuid && ad.rssi >= -90) good.push_back(ad.timestamp);
     }
-    EXPECT_EQ(all.size(), static_cast<std::size_t>(kWalkSeconds + 300));
-    EXPECT_EQ(single.size(), all.size());
+    ASSERT_FALSE(good.empty());
+    ASSERT_GE(client->crossings.size(), 2u);  // and more where a far one was heard well more than 30 s on
+    for (std::size_t i = 0; i < client->crossings.size(); ++i) {
+        EXPECT_EQ(client->crossings[i], i % 2 == 0 ? "enter shop" : "exit shop");
+    }
+    const double entryDelay = client->crossingTimes.front().timeIntervalSince(good.front());
+    EXPECT_TRUE(entryDelay >= 1.0 && entryDelay <= 5.0) << entryDelay;
+    const double exitDelay = client->crossingTimes.back().timeIntervalSince(good.back());
+    EXPECT_TRUE(exitDelay >= 30.0 && exitDelay <= 31.0) << exitDelay;
+    EXPECT_GT(good.front(), f.at(kClosestApproach - 250)) << "heard well only near the beacons";
+    EXPECT_LT(good.back(), f.at(kClosestApproach + 250));
+    EXPECT_EQ(other->crossingTimes, client->crossingTimes);
+    EXPECT_TRUE(other->rounds.empty()) << "only the manager that ranges gets rounds";
+    ASSERT_EQ(f.device.log().beaconRegionEvents.size(), client->crossings.size());
+    EXPECT_EQ(f.device.log().beaconRegionEvents.back().recipients, 2u);
+    EXPECT_EQ(f.device.energy().beaconRegionEvents, client->crossings.size());
 
-    // Each round is the second's readings of the scanner, averaged.
-    std::map<std::uint16_t, long> strongest;
-    std::size_t both = 0;
-    for (const auto& round : all) {
-        for (std::size_t i = 1; i < round.beacons.size(); ++i) {
-            EXPECT_GE(round.beacons[i - 1].rssi, round.beacons[i].rssi);
-        }
-        if (round.beacons.size() == 2) ++both;
-        for (const auto& beacon : round.beacons) {
-            EXPECT_EQ(beacon.uuid, kShopUuid);
+    // Each round holds the mean of the second's readings of each beacon of its constraint, strongest first.
+    std::size_t both = 0, withBeacons = 0;
+    for (const auto& round : client->rounds) {
+        both += round.beacons.size() == 2;
+        withBeacons += !round.beacons.empty();
+        for (std::size_t i = 0; i < round.beacons.size(); ++i) {
+            const RangedBeacon& beacon = round.beacons[i];
+            EXPECT_TRUE(round.constraint.matches(beacon.uuid, beacon.major, beacon.minor));
+            EXPECT_TRUE(i == 0 || round.beacons[i - 1].rssi >= beacon.rssi) << "strongest first";
             EXPECT_EQ(beacon.timestamp, round.time);
             double sum = 0.0;
             int count = 0;
-            for (const auto& heard : iBeaconsIn(scan.heard)) {
-                if (heard.time > round.time.addingSeconds(-1.0) && heard.time <= round.time &&
-                    heard.advertisement.minor == beacon.minor && heard.advertisement.uuid == kShopUuid) {
-                    sum += static_cast<double>(heard.rssi);
+            for (const auto& [ad, advertisement] : heard) {
+                if (ad.timestamp > round.time.addingSeconds(-1.0) && ad.timestamp <= round.time &&
+                    advertisement.uuid == beacon.uuid && advertisement.minor == beacon.minor) {
+                    sum += static_cast<double>(ad.rssi);
                     ++count;
                 }
             }
             ASSERT_GT(count, 0);
             EXPECT_EQ(beacon.rssi, std::lround(sum / count));
             EXPECT_NEAR(beacon.accuracy, BeaconSignalModel::distanceFor(-59.0, sum / count), 1e-9);
-            strongest[beacon.minor] = std::max(strongest[beacon.minor], beacon.rssi);
         }
     }
+    // A round a second for each constraint, heard or not: the first ones 400 m off are empty.
+    EXPECT_EQ(client->rounds.size(), 2 * static_cast<std::size_t>(kWalkSeconds + 300));
+    EXPECT_TRUE(client->rounds.front().beacons.empty());
     EXPECT_GT(both, 30u);
-    // Near a beacon it is loud: the path passes 5 m from the first and 5 m from the second.
-    EXPECT_GT(strongest[1], -85);
-    EXPECT_GT(strongest[2], -85);
-
-    // The first beacon's RSSI rises towards the closest approach and falls after it.
-    const auto meanRssi = [&](double from, double to) {
-        double sum = 0.0;
-        int count = 0;
-        for (const auto& round : all) {
-            const double t = round.time.timeIntervalSince(f.at(0));
-            if (t < from || t >= to) continue;
-            for (const auto& beacon : round.beacons) {
-                if (beacon.minor == 1) {
-                    sum += static_cast<double>(beacon.rssi);
-                    ++count;
-                }
-            }
-        }
-        return count > 0 ? sum / count : -200.0;
-    };
-    const double approaching = meanRssi(kClosestApproach - 30, kClosestApproach - 15);
-    const double close = meanRssi(kClosestApproach - 5, kClosestApproach + 5);
-    const double leaving = meanRssi(kClosestApproach + 15, kClosestApproach + 30);
-    EXPECT_GT(close, approaching + 6.0);
-    EXPECT_GT(close, leaving + 6.0);
-
-    // Out of range, nothing is heard: at the start, 400 m off, and of the first beacon once
-    // standing 400 m on.
-    for (const auto& round : all) {
-        const double t = round.time.timeIntervalSince(f.at(0));
-        if (t < 30) {
-            EXPECT_TRUE(round.beacons.empty()) << t;
-        }
-        for (const auto& beacon : round.beacons) EXPECT_FALSE(t > kWalkSeconds && beacon.minor == 1) << t;
-    }
-    // The single-beacon constraint hears only its beacon.
-    for (const auto& round : single) {
-        for (const auto& beacon : round.beacons) EXPECT_EQ(beacon.minor, 2);
-    }
-
-    // The log keeps the rounds that heard something, for the map; the ledger the ranging time.
-    const auto& logged = f.device.log().rangingRounds;
-    const auto heardRounds = std::count_if(client.delegate->rounds.begin(), client.delegate->rounds.end(),
-                                           [](const auto& round) { return !round.beacons.empty(); });
-    EXPECT_EQ(static_cast<std::ptrdiff_t>(logged.size()), heardRounds);
-    ASSERT_FALSE(logged.empty());
-    EXPECT_FALSE(logged.front().beacons.empty());
-    EXPECT_EQ(logged.front().recipients, 1u);
+    // The log keeps the rounds that heard something, for the map; the ledger the radio and ranging time.
+    EXPECT_EQ(f.device.log().rangingRounds.size(), withBeacons);
+    EXPECT_EQ(f.device.log().rangingRounds.front().recipients, 1u);
+    EXPECT_NEAR(f.device.energy().bluetoothScanSeconds, kWalkSeconds + 300, 1e-6);
     EXPECT_NEAR(f.device.energy().rangingSeconds, kWalkSeconds + 300, 1e-6);
 
-    client.manager->stopRangingBeacons(constraint(kShopUuid));
-    client.manager->stopRangingBeacons(constraint(kShopUuid, 1, 2));
-    const auto rounds = client.delegate->rounds.size();
+    client->manager->stopRangingBeacons(kShop);
+    client->manager->stopRangingBeacons(second);
+    const auto rounds = client->rounds.size();
     f.runFor(10);
-    EXPECT_EQ(client.delegate->rounds.size(), rounds);
+    EXPECT_EQ(client->rounds.size(), rounds);
     EXPECT_NEAR(f.device.energy().rangingSeconds, kWalkSeconds + 300, 1e-6);
 }
 
-TEST(SimulatedBeacons, TheScannerHandsOverParseableEddystoneFramesOnceASecond) {
-    // Standing 10 m from an Eddystone UID beacon with a URL, 15 m from an EID beacon and an
-    // iBeacon, and far from another UID beacon.
+TEST(SimulatedBeacons, TheScannerHandsOverTheFramesOfTheServicesAskedForOnceASecond) {
+    // Standing 10 m from an Eddystone UID beacon with a URL and an iBeacon, 15 m from an EID beacon.
     DeviceFixture f(PathBuilder(destination(kHome, 0.0, 10.0)).stay(3600).build());
-    auto far = eddystoneUid(destination(kHome, 90.0, 2000.0), std::nullopt);
-    far.instanceId[5] = 0x99;
-    f.device.placeBeacons({eddystoneUid(kHome, "https://example.com/cafe"),
-                           eddystoneEid(destination(kHome, 180.0, 5.0)), iBeacon(kShopUuid, 1, 2, kHome), far});
-
-    ScanRecord eddystone{f.platform.makeBluetoothScanner()};
+    f.device.placeBeacons({eddystone(Kind::eddystoneUid, kHome, "https://example.com/cafe"), iBeacon(2, kHome),
+                           eddystone(Kind::eddystoneEid, destination(kHome, 180.0, 5.0))});
+    ScanRecord eddystones{f.platform.makeBluetoothScanner()};
     ScanRecord everything{f.platform.makeBluetoothScanner()};
-    EXPECT_TRUE(eddystone.scanner->isScanningAvailable());
-    eddystone.start({kEddystoneServiceUUID});
+    eddystones.start({kEddystoneServiceUUID});
     everything.start({});
-    EXPECT_TRUE(eddystone.scanner->isScanning());
     f.runFor(60);
-    EXPECT_EQ(eddystone.queue->tasks.size(), 60u);
-    eddystone.drain();
-    everything.drain();
+    EXPECT_EQ(eddystones.queue->drain(), 60u);
 
+    // What the beacons were placed as.
+    const EddystoneFrame uid = EddystoneUid{-20, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, {11, 12, 13, 14, 15, 16}};
+    const EddystoneFrame eid = EddystoneEid{-20, {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88}};
+    const EddystoneFrame url = EddystoneUrl{-20, "https://example.com/cafe"};
     std::set<std::string> addresses;
-    std::vector<EddystoneTlm> telemetry;
-    std::vector<std::pair<Date, std::string>> telemetrySources;
-    std::size_t uids = 0, eids = 0, urls = 0;
-    for (std::size_t i = 0; i < eddystone.heard.size(); ++i) {
-        const auto& ad = eddystone.heard[i];
-        if (i > 0) {
-            EXPECT_GE(ad.timestamp, eddystone.heard[i - 1].timestamp);
-        }
+    std::map<std::size_t, std::size_t> frames;  // by their index in EddystoneFrame: UID, EID, URL, TLM
+    for (std::size_t i = 0; i < eddystones.heard.size(); ++i) {
+        const auto& ad = eddystones.heard[i];
+        EXPECT_TRUE(i == 0 || ad.timestamp >= eddystones.heard[i - 1].timestamp);
         EXPECT_GE(ad.rssi, -95);
-        EXPECT_TRUE(ad.manufacturerData.empty());
         addresses.insert(ad.address);
-        const auto frame = parseEddystoneFrame(ad.serviceData.at(kEddystoneServiceUUID));
-        ASSERT_TRUE(frame.has_value());
-        if (const auto* uid = std::get_if<EddystoneUid>(&*frame)) {
-            ++uids;
-            EXPECT_EQ(uid->txPower, -20);
-            EXPECT_EQ(uid->identifierHex(), "0102030405060708090a0b0c0d0e0f10");
-        } else if (const auto* eid = std::get_if<EddystoneEid>(&*frame)) {
-            ++eids;
-            EXPECT_EQ(eid->identifierHex(), "1122334455667788");
-        } else if (const auto* url = std::get_if<EddystoneUrl>(&*frame)) {
-            ++urls;
-            EXPECT_EQ(url->url, "https://example.com/cafe");
-        } else {
-            telemetry.push_back(std::get<EddystoneTlm>(*frame));
-            telemetrySources.emplace_back(ad.timestamp, ad.address);
+        const auto frame = parseEddystoneFrame(ad.serviceData.at(kEddystoneServiceUUID)).value();
+        ++frames[frame.index()];
+        const auto* tlm = std::get_if<EddystoneTlm>(&frame);
+        if (!tlm) {
+            EXPECT_TRUE(frame == uid || frame == eid || frame == url) << "frame kind " << frame.index();
+            continue;
         }
+        // On for a day or more, sending every 0.5 s since, frames of all kinds counted.
+        EXPECT_GT(tlm->secondsSincePowerOn, 86400.0);
+        EXPECT_NEAR(tlm->advertisementCount, tlm->secondsSincePowerOn / 0.5, 2.0);
+        EXPECT_TRUE(tlm->batteryMillivolts >= 2000 && tlm->batteryMillivolts <= 3150);
+        EXPECT_TRUE(tlm->temperatureCelsius >= 15.0 && tlm->temperatureCelsius <= 27.0);
     }
-    // Two beacons at two advertisements a second; the far one never.
+    // Two beacons at two advertisements a second, not the iBeacon. The identity most often;
+    // telemetry from both, the URL from the one that has it.
     EXPECT_EQ(addresses.size(), 2u);
-    EXPECT_GT(eddystone.heard.size(), 220u);
-    EXPECT_LE(eddystone.heard.size(), 240u);
-    // The identity most often; telemetry from both, the URL from the one that has it.
-    EXPECT_GT(uids, 4 * urls);
-    EXPECT_GT(eids, 3 * telemetry.size() / 2);
-    EXPECT_GE(urls, 4u);
-    EXPECT_GE(telemetry.size(), 16u);
-    for (std::size_t i = 0; i < telemetry.size(); ++i) {
-        const auto& tlm = telemetry[i];
-        EXPECT_EQ(tlm.version, 0);
-        ASSERT_TRUE(tlm.batteryMillivolts && tlm.temperatureCelsius);
-        EXPECT_GE(*tlm.batteryMillivolts, 2000);
-        EXPECT_LE(*tlm.batteryMillivolts, 3150);
-        EXPECT_GE(*tlm.temperatureCelsius, 15.0);
-        EXPECT_LE(*tlm.temperatureCelsius, 27.0);
-        EXPECT_GT(tlm.secondsSincePowerOn, 86400.0);
-        // The beacon has sent every interval since power-on, frames of all kinds counted.
-        EXPECT_NEAR(tlm.advertisementCount, tlm.secondsSincePowerOn / 0.5, 2.0);
-        for (std::size_t j = 0; j < i; ++j) {
-            if (telemetrySources[j].second != telemetrySources[i].second) continue;
-            // The same beacon: its uptime moves with the clock, and its count with it.
-            EXPECT_NEAR(tlm.secondsSincePowerOn - telemetry[j].secondsSincePowerOn,
-                        telemetrySources[i].first.timeIntervalSince(telemetrySources[j].first), 0.11);
-            EXPECT_GT(tlm.advertisementCount, telemetry[j].advertisementCount);
-        }
-    }
+    EXPECT_TRUE(eddystones.heard.size() > 220u && eddystones.heard.size() <= 240u) << eddystones.heard.size();
+    EXPECT_GT(frames[0], 4 * frames[2]);
+    EXPECT_GT(frames[1], 3 * frames[3] / 2);
+    EXPECT_GE(frames[2], 4u);
+    EXPECT_GE(frames[3], 16u);
 
-    // The unfiltered scan hears the iBeacon too, with the same Eddystone advertisements.
-    const auto iBeacons = iBeaconsIn(everything.heard);
-    EXPECT_GT(iBeacons.size(), 55u);
-    EXPECT_EQ(everything.heard.size(), eddystone.heard.size() + iBeacons.size());
-
-    // Stopping drops what is still queued, and nothing more comes.
+    // Stopping drops what is still queued, and nothing more comes; another scanner goes on.
     f.runFor(1);
-    ASSERT_EQ(eddystone.queue->tasks.size(), 1u);
-    eddystone.scanner->stopScanning();
-    EXPECT_FALSE(eddystone.scanner->isScanning());
-    const auto before = eddystone.heard.size();
+    ASSERT_EQ(eddystones.queue->tasks.size(), 1u);
+    eddystones.scanner->stopScanning();
+    EXPECT_FALSE(eddystones.scanner->isScanning());
+    const auto before = eddystones.heard.size();
     f.runFor(5);
-    eddystone.drain();
-    EXPECT_EQ(eddystone.heard.size(), before);
-    EXPECT_EQ(everything.queue->tasks.size(), 6u);
+    eddystones.queue->drain();
+    EXPECT_EQ(eddystones.heard.size(), before);
+    EXPECT_EQ(everything.queue->tasks.size(), 66u);
 }
 
 TEST(SimulatedBeacons, TheRadioListensOnlyWhileSomeoneScansRangesOrMonitors) {
@@ -416,9 +267,8 @@ TEST(SimulatedBeacons, TheRadioListensOnlyWhileSomeoneScansRangesOrMonitors) {
     auto clock = std::make_shared<SettableDateSource>(path->start());
     auto loop = std::make_shared<VirtualRunLoop>(clock);
     auto meter = std::make_shared<EnergyMeter>(clock);
-    const DeviceContext context{path, loop, meter, std::make_shared<DeviceLog>(), 3};
-    auto radio = SimulatedBluetoothRadio::create(context);
-    radio->placeBeacons({iBeacon(kShopUuid, 1, 2, kHome)});
+    auto radio = SimulatedBluetoothRadio::create({path, loop, meter, std::make_shared<DeviceLog>(), 3});
+    radio->placeBeacons({iBeacon(2, kHome)});
     EXPECT_FALSE(radio->isListening());
 
     auto scanner = radio->makeScanner();
@@ -447,9 +297,8 @@ TEST(SimulatedBeacons, TheRadioListensOnlyWhileSomeoneScansRangesOrMonitors) {
     EXPECT_NEAR(meter->ledger().bluetoothScanSeconds, 10.0, 1e-9);
 
     // A beacon's advertisements are fixed by its identity, whatever the device's seed.
-    const DeviceContext otherSeed{path, loop, meter, std::make_shared<DeviceLog>(), 4};
-    auto other = SimulatedBluetoothRadio::create(otherSeed);
-    other->placeBeacons({iBeacon(kOtherUuid, 1, 2, kHome), iBeacon(kShopUuid, 1, 2, kHome)});
+    auto other = SimulatedBluetoothRadio::create({path, loop, meter, std::make_shared<DeviceLog>(), 4});
+    other->placeBeacons({iBeacon(2, kHome, kOtherUuid), iBeacon(2, kHome)});
     EXPECT_EQ(other->address(1), radio->address(0));
     EXPECT_NE(other->address(0), radio->address(0));
     EXPECT_EQ(other->advertisement(1, 7).timestamp, radio->advertisement(0, 7).timestamp);
@@ -458,79 +307,66 @@ TEST(SimulatedBeacons, TheRadioListensOnlyWhileSomeoneScansRangesOrMonitors) {
 }
 
 TEST(SimulatedBeacons, BeaconRegionsBelongToTheAppAndOutliveItsProcesses) {
-    // Out of range for ten minutes, then past the beacon.
-    const auto line = destination(kHome, 0.0, 5.0);
-    DeviceFixture f(PathBuilder(destination(line, 270.0, 600.0))
-                        .stay(600)
-                        .to(destination(line, 90.0, 400.0), 1000.0 / kWalkSpeed)
-                        .stay(300)
-                        .build());
-    f.device.placeBeacons({iBeacon(kShopUuid, 1, 2, kHome)});
-    auto first = beaconClient(f);
-    first.manager->startMonitoringBeaconRegion(beaconRegion("shop", constraint(kShopUuid)));
-    first.manager->startRangingBeacons(constraint(kShopUuid));
+    DeviceFixture f(walkPastHome());  // out of range for the first 100 s
+    f.device.placeBeacons({iBeacon(2, kHome)});
+    const auto first = BeaconClient::of(f);
+    first->manager->startMonitoringBeaconRegion({"shop", kShop});
+    first->manager->startRangingBeacons(kShop);
     f.runFor(100);
 
     // A relaunch: the process's managers go, and their ranging with them.
-    const auto oldDelegate = first.delegate;
-    const auto roundsBefore = oldDelegate->rounds.size();
-    EXPECT_EQ(roundsBefore, 100u);
-    first = {};
+    EXPECT_EQ(first->rounds.size(), 100u);
+    first->manager.reset();
     f.relaunch();
-    auto relaunched = beaconClient(f);
-    EXPECT_TRUE(relaunched.manager->isRangingAvailable());
-    EXPECT_EQ(relaunched.manager->monitoredBeaconRegions(),
-              (std::vector{beaconRegion("shop", constraint(kShopUuid))}));
-    EXPECT_EQ(f.device.monitoredBeaconRegions(), relaunched.manager->monitoredBeaconRegions());
-    EXPECT_TRUE(relaunched.manager->rangedBeaconConstraints().empty());
-
-    f.runFor(600 + 1000.0 / kWalkSpeed + 300 - 100);
-    EXPECT_EQ(relaunched.delegate->crossingNames(), (std::vector<std::string>{"enter shop", "exit shop"}));
-    EXPECT_TRUE(relaunched.delegate->rounds.empty());
-    EXPECT_TRUE(oldDelegate->crossings.empty());
-    EXPECT_EQ(oldDelegate->rounds.size(), roundsBefore);
+    const auto relaunched = BeaconClient::of(f);
+    EXPECT_EQ(relaunched->manager->monitoredBeaconRegions(), (std::vector{BeaconRegion{"shop", kShop}}));
+    EXPECT_TRUE(relaunched->manager->rangedBeaconConstraints().empty());
+    f.runFor(kWalkSeconds + 300 - 100);
+    EXPECT_EQ(relaunched->crossings, (Names{"enter shop", "exit shop"}));
+    EXPECT_TRUE(relaunched->rounds.empty());
+    EXPECT_TRUE(first->crossings.empty());
+    EXPECT_EQ(first->rounds.size(), 100u);
     EXPECT_NEAR(f.device.energy().rangingSeconds, 100.0, 1e-6);
 
     // A region with the same identifier replaces it; stopping removes it.
-    auto replaced = beaconRegion("shop", constraint(kShopUuid, 7));
-    replaced.notifyOnEntry = false;
-    relaunched.manager->startMonitoringBeaconRegion(replaced);
-    EXPECT_EQ(relaunched.manager->monitoredBeaconRegions(), (std::vector{replaced}));
-    relaunched.manager->stopMonitoringBeaconRegion(replaced);
+    const BeaconRegion replaced{"shop", {kShopUuid, 7, std::nullopt}, false, true};
+    relaunched->manager->startMonitoringBeaconRegion(replaced);
+    EXPECT_EQ(f.device.monitoredBeaconRegions(), (std::vector{replaced}));
+    relaunched->manager->stopMonitoringBeaconRegion(replaced);
     EXPECT_TRUE(f.device.monitoredBeaconRegions().empty());
 }
 
 TEST(SimulatedBeacons, RegionsNeedAlwaysAndRangingNeedsSomePermission) {
     DeviceFixture f(walkPastHome());
-    f.device.placeBeacons({iBeacon(kShopUuid, 1, 2, kHome)});
+    f.device.placeBeacons({iBeacon(2, kHome)});
     f.device.setAuthorization(AuthorizationStatus::authorizedWhenInUse);
-    auto client = beaconClient(f);
-    client.manager->startMonitoringBeaconRegion(beaconRegion("shop", constraint(kShopUuid)));
-    client.manager->startRangingBeacons(constraint(kShopUuid));
+    const auto client = BeaconClient::of(f);
+    client->manager->startMonitoringBeaconRegion({"shop", kShop});
+    client->manager->startRangingBeacons(kShop);
     f.runFor(kClosestApproach);
     // "When in use" ranges but watches no region.
-    EXPECT_TRUE(client.delegate->crossings.empty());
-    EXPECT_FALSE(client.delegate->rounds.empty());
-    EXPECT_FALSE(client.delegate->rounds.back().beacons.empty());
+    EXPECT_TRUE(client->crossings.empty());
+    ASSERT_FALSE(client->rounds.empty());
+    EXPECT_FALSE(client->rounds.back().beacons.empty());
 
-    // Without location services nothing is ranged; back at "always" the region is entered
-    // as soon as the beacon is heard again.
+    // Without location services nothing is ranged; back at "always" the region is entered as
+    // soon as the beacon is heard again.
     f.device.setLocationServicesEnabled(false);
-    const auto rounds = client.delegate->rounds.size();
+    const auto rounds = client->rounds.size();
     f.runFor(10);
-    EXPECT_EQ(client.delegate->rounds.size(), rounds);
+    EXPECT_EQ(client->rounds.size(), rounds);
     f.device.setLocationServicesEnabled(true);
     f.device.setAuthorization(AuthorizationStatus::authorizedAlways);
     const Date back = f.device.now();
     f.runFor(10);
-    EXPECT_EQ(client.delegate->rounds.size(), rounds + 10);
-    ASSERT_EQ(client.delegate->crossingNames(), (std::vector<std::string>{"enter shop"}));
-    EXPECT_LE(client.delegate->crossings[0].time.timeIntervalSince(back), 6.0);
+    EXPECT_EQ(client->rounds.size(), rounds + 10);
+    ASSERT_EQ(client->crossings, Names{"enter shop"});
+    EXPECT_LE(client->crossingTimes[0].timeIntervalSince(back), 6.0);
 
     // Losing "always" while inside reports nothing, though the device walks away.
     f.device.setAuthorization(AuthorizationStatus::denied);
     f.runFor(kWalkSeconds + 300 - kClosestApproach - 20);
-    EXPECT_EQ(client.delegate->crossings.size(), 1u);
+    EXPECT_EQ(client->crossings.size(), 1u);
 }
 
 TEST(SimulatedBeacons, TheSameSeedGivesTheSameBeaconDay) {
@@ -538,25 +374,17 @@ TEST(SimulatedBeacons, TheSameSeedGivesTheSameBeaconDay) {
         SimulatedDeviceOptions options;
         options.seed = seed;
         DeviceFixture f(walkPastHome(), options);
-        f.device.placeBeacons({iBeacon(kShopUuid, 1, 2, kHome), eddystoneUid(kHome, "https://example.com/cafe")});
-        ScanRecord scan{f.platform.makeBluetoothScanner()};
-        scan.start({kEddystoneServiceUUID});
-        auto client = beaconClient(f);
-        client.manager->startMonitoringBeaconRegion(beaconRegion("shop", constraint(kShopUuid)));
-        client.manager->startRangingBeacons(constraint(kShopUuid));
+        f.device.placeBeacons({iBeacon(2, kHome)});
+        const auto client = BeaconClient::of(f);
+        client->manager->startMonitoringBeaconRegion({"shop", kShop});
+        client->manager->startRangingBeacons(kShop);
         f.runFor(kWalkSeconds + 300);
-        scan.drain();
-        std::vector<std::pair<double, long>> heard;
-        for (const auto& ad : scan.heard) heard.emplace_back(ad.timestamp.secondsSince1970, ad.rssi);
-        return std::make_tuple(f.device.log(), client.delegate->crossings, client.delegate->rounds, heard);
+        return std::make_tuple(f.device.log(), client->crossingTimes, client->rounds);
     };
     const auto first = run(7);
-    EXPECT_FALSE(std::get<0>(first).rangingRounds.empty());
-    EXPECT_FALSE(std::get<3>(first).empty());
+    EXPECT_EQ(std::get<1>(first).size(), 2u);
     EXPECT_TRUE(first == run(7));
-    const auto other = run(8);
-    EXPECT_NE(std::get<0>(other).rangingRounds, std::get<0>(first).rangingRounds);
-    EXPECT_NE(std::get<3>(other), std::get<3>(first));
+    EXPECT_NE(std::get<2>(run(8)), std::get<2>(first));
 }
 
 }  // namespace
