@@ -14,6 +14,7 @@
 
 #include "collector/CollectorServer.h"
 #include "core/RVLGeneralLocationManager.h"
+#include "core/TrackerRepository.h"
 #include "events/SqliteDatabase.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/SqliteKeyValueStore.h"
@@ -26,7 +27,6 @@
 #include "sensing/BeaconFrames.h"
 #include "sensing/BeaconRegionsContainer.h"
 #include "upload/CredentialsManager.h"
-#include "core/TrackerRepository.h"
 #include "util/DataRoot.h"
 
 namespace rovalis::sim {
