@@ -233,17 +233,13 @@ void SimulatedLocationService::enterBeaconRegion(const std::string& identifier) 
 }
 
 void SimulatedLocationService::reportBeaconRegionEvent(const BeaconRegion& region, RegionEventKind kind) {
-    std::size_t recipients = 0;
-    for (const auto& manager : liveManagers()) {
-        const auto delegate = manager->delegate();
-        if (!delegate) continue;
-        ++recipients;
+    const std::size_t recipients = tellDelegates([&](LocationManagerDelegate& delegate, LocationManagerType& manager) {
         if (kind == RegionEventKind::enter) {
-            delegate->locationManagerDidEnterBeaconRegion(*manager, region);
+            delegate.locationManagerDidEnterBeaconRegion(manager, region);
         } else {
-            delegate->locationManagerDidExitBeaconRegion(*manager, region);
+            delegate.locationManagerDidExitBeaconRegion(manager, region);
         }
-    }
+    });
     if (recipients > 0) context_.energy->countBeaconRegionEvent();
     context_.log->beaconRegionEvents.push_back({now(), region.identifier, kind, recipients});
 }

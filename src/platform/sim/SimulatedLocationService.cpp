@@ -73,6 +73,18 @@ std::vector<std::shared_ptr<SimulatedLocationManager>> SimulatedLocationService:
     return live;
 }
 
+std::size_t SimulatedLocationService::tellDelegates(
+    const std::function<void(LocationManagerDelegate&, LocationManagerType&)>& tell) {
+    std::size_t told = 0;
+    for (const auto& manager : liveManagers()) {
+        if (const auto delegate = manager->delegate()) {
+            tell(*delegate, *manager);
+            ++told;
+        }
+    }
+    return told;
+}
+
 bool SimulatedLocationService::updatesUsable() const {
     if (!settings_.servicesEnabled) return false;
     return settings_.authorization == AuthorizationStatus::authorizedAlways ||
@@ -266,17 +278,14 @@ void SimulatedLocationService::checkRegions() {
     }
     // Delivered after the check: a delegate may stop or start regions.
     for (const auto& [region, kind] : crossings) {
-        std::size_t recipients = 0;
-        for (const auto& manager : liveManagers()) {
-            const auto delegate = manager->delegate();
-            if (!delegate) continue;
-            ++recipients;
-            if (kind == RegionEventKind::enter) {
-                delegate->locationManagerDidEnterRegion(*manager, region);
-            } else {
-                delegate->locationManagerDidExitRegion(*manager, region);
-            }
-        }
+        const std::size_t recipients =
+            tellDelegates([&](LocationManagerDelegate& delegate, LocationManagerType& manager) {
+                if (kind == RegionEventKind::enter) {
+                    delegate.locationManagerDidEnterRegion(manager, region);
+                } else {
+                    delegate.locationManagerDidExitRegion(manager, region);
+                }
+            });
         if (recipients > 0) context_.energy->countRegionEvent();
         context_.log->regionEvents.push_back({current, region.identifier, kind, recipients});
     }

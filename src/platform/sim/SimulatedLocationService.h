@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -145,6 +146,9 @@ private:
     bool receivesUpdates(const SimulatedLocationManager& manager) const;
     // The live managers, oldest first.
     std::vector<std::shared_ptr<SimulatedLocationManager>> liveManagers();
+    // Tells the delegate of every live manager; how many there were.
+    std::size_t tellDelegates(
+        const std::function<void(LocationManagerDelegate&, LocationManagerType&)>& tell);
 
     // From the managers.
     void updatesChanged();
