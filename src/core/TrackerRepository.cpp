@@ -184,7 +184,7 @@ std::shared_ptr<RVLOperationsControllerType> TrackerRepository::operationsContro
                                                       platform.mainRunLoop, pauseBurstTimeout);
             };
             operationsController_ = std::make_shared<RVLOperationsController>(
-                dependencies_.sleepProvider, dependencies_.wakeupProvider, events, events, events, apiManager(),
+                dependencies_.sleepProvider, dependencies_.wakeupProvider, events, events, events, events, apiManager(),
                 userDefaultsManager(), reachabilityTracker(), credentialsManager(), debugEventsManager(),
                 OperationsEnvironment{
                     .eventsQueue = makeQueue("RVLOperationsController.eventsQueue"),

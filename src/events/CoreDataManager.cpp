@@ -20,7 +20,8 @@ namespace rovalis {
 
 namespace {
 
-constexpr int schemaVersion = 1;
+// 1: the events and the store's identity. 2: adds the pending batch.
+constexpr int schemaVersion = 2;
 
 // Rows named per delete statement. Unused places are bound to NULL, which matches no id,
 // so one prepared statement serves every chunk.
@@ -35,7 +36,18 @@ constexpr const char* schemaSql =
     "CREATE INDEX IF NOT EXISTS EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);"
     "CREATE TABLE IF NOT EXISTS StoreMetadata ("
     " singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
-    " store_uuid TEXT NOT NULL);";
+    " store_uuid TEXT NOT NULL);"
+    // The batch waiting for the service's acceptance: its identity, how many stored events it
+    // holds, and the closing event that travels with it without being stored.
+    "CREATE TABLE IF NOT EXISTS PendingBatch ("
+    " singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
+    " batch_id TEXT NOT NULL,"
+    " sequential_id INTEGER NOT NULL,"
+    " event_count INTEGER NOT NULL,"
+    " closing_type TEXT,"
+    " closing_tracked_at REAL,"
+    " closing_payload BLOB);"
+    "CREATE TABLE IF NOT EXISTS PendingBatchEvent (event_id INTEGER PRIMARY KEY);";
 
 std::string describe(const sqlite::Error& error) {
     return std::string(error.what()) + " (SQLite result code " + std::to_string(error.extendedCode()) + ")";
@@ -77,9 +89,28 @@ struct CoreDataManager::Statements {
           count(db, "SELECT COUNT(*) FROM EventEntity"),
           deleteUpTo(db, "DELETE FROM EventEntity WHERE tracked_at_ms <= ?1"),
           deleteUpToId(db, "DELETE FROM EventEntity WHERE id <= ?1"),
-          deleteChunk(db, deleteChunkSql()) {}
+          deleteChunk(db, deleteChunkSql()),
+          readPendingBatch(db,
+                           "SELECT batch_id, sequential_id, event_count, closing_type, closing_tracked_at,"
+                           " closing_payload FROM PendingBatch WHERE singleton = 1"),
+          fetchPendingEvents(db,
+                             "SELECT e.id, e.type, e.tracked_at_ms, e.payload FROM PendingBatchEvent b"
+                             " JOIN EventEntity e ON e.id = b.event_id ORDER BY e.tracked_at_ms ASC, e.id ASC"),
+          insertPendingBatch(db,
+                             "INSERT INTO PendingBatch (singleton, batch_id, sequential_id, event_count,"
+                             " closing_type, closing_tracked_at, closing_payload)"
+                             " VALUES (1, ?1, ?2, ?3, ?4, ?5, ?6)"),
+          insertPendingEvent(db, "INSERT INTO PendingBatchEvent (event_id) VALUES (?1)"),
+          countPendingEventsStored(db,
+                                   "SELECT COUNT(*) FROM PendingBatchEvent b JOIN EventEntity e ON e.id = b.event_id"),
+          pendingBatchId(db, "SELECT batch_id FROM PendingBatch WHERE singleton = 1"),
+          deletePendingEvents(db, "DELETE FROM EventEntity WHERE id IN (SELECT event_id FROM PendingBatchEvent)"),
+          forgetPendingEvents(db, "DELETE FROM PendingBatchEvent"),
+          forgetPendingBatch(db, "DELETE FROM PendingBatch") {}
 
     sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
+    sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
+        countPendingEventsStored, pendingBatchId, deletePendingEvents, forgetPendingEvents, forgetPendingBatch;
 };
 
 CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker)
@@ -402,6 +433,154 @@ long CoreDataManager::deleteObjects(const std::vector<std::int64_t>& ids) {
         }
         Console::log("Successfully deleted EventEntity objects");
         return deleted;
+    });
+}
+
+// ---- The pending batch ----
+
+CoreDataManager::BatchRecording CoreDataManager::recordPendingBatch(const std::string& batchId,
+                                                                  std::int64_t sequentialId,
+                                                                  const std::vector<std::int64_t>& eventIds,
+                                                                  const std::optional<EventPayload>& closingEvent) {
+    return performAndWait([&] {
+        saveContext();
+        if (!loaded_) return BatchRecording::notWritten;
+        auto& statements = *statements_;
+        try {
+            sqlite::Transaction transaction(*db_);
+            {
+                sqlite::StatementReset resetAfter(statements.pendingBatchId);
+                if (statements.pendingBatchId.step()) return BatchRecording::anotherPending;
+            }
+            {
+                auto& insert = statements.insertPendingBatch;
+                sqlite::StatementReset resetAfter(insert);
+                insert.bindText(1, batchId);
+                insert.bind(2, sequentialId);
+                insert.bind(3, static_cast<std::int64_t>(eventIds.size()));
+                if (closingEvent) {
+                    insert.bindText(4, closingEvent->type);
+                    insert.bind(5, closingEvent->trackedAtMs.secondsSince1970);
+                    insert.bindBlob(6, closingEvent->payload);
+                }
+                insert.run();
+            }
+            auto& member = statements.insertPendingEvent;
+            for (const std::int64_t id : eventIds) {
+                sqlite::StatementReset resetAfter(member);
+                member.bind(1, id);
+                member.run();
+            }
+            // Every event must still be stored, or the batch could not be sent again as it is.
+            std::int64_t stored = 0;
+            {
+                auto& count = statements.countPendingEventsStored;
+                sqlite::StatementReset resetAfter(count);
+                if (count.step()) stored = count.columnInt64(0);
+            }
+            if (stored != static_cast<std::int64_t>(eventIds.size())) return BatchRecording::eventsMissing;
+            transaction.commit();
+            return BatchRecording::recorded;
+        } catch (const sqlite::Error& error) {
+            // The same id twice in the list breaks the member table's key: a caller's mistake.
+            if (error.code() == SQLITE_CONSTRAINT) fatalError("Failed to record the pending batch: " + describe(error));
+            failed("Failed to record the pending batch: ", error);
+            return BatchRecording::notWritten;
+        }
+    });
+}
+
+std::optional<PendingBatch> CoreDataManager::pendingBatch() {
+    return performAndWait([&]() -> std::optional<PendingBatch> {
+        saveContext();
+        if (!loaded_) return std::nullopt;
+        auto& statements = *statements_;
+        PendingBatch batch;
+        try {
+            std::int64_t expected = 0;
+            std::optional<EventPayload> closing;
+            {
+                auto& read = statements.readPendingBatch;
+                sqlite::StatementReset resetAfter(read);
+                if (!read.step()) return std::nullopt;
+                batch.batchId = std::string(read.columnText(0));
+                batch.sequentialId = read.columnInt64(1);
+                expected = read.columnInt64(2);
+                if (!read.columnText(3).empty()) {
+                    closing = EventPayload{std::string(read.columnText(3)), Date{read.columnDouble(4)},
+                                           std::string(read.columnBlob(5)), ""};
+                }
+            }
+            auto& fetch = statements.fetchPendingEvents;
+            sqlite::StatementReset resetAfter(fetch);
+            batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(expected, 0, 20000)) + 1);
+            while (fetch.step()) {
+                batch.events.push_back(EventPayload{std::string(fetch.columnText(1)), Date{fetch.columnDouble(2)},
+                                                    std::string(fetch.columnBlob(3)),
+                                                    uriRepresentation(fetch.columnInt64(0))});
+            }
+            batch.complete = static_cast<std::int64_t>(batch.events.size()) == expected;
+            if (closing) batch.events.push_back(std::move(*closing));
+        } catch (const sqlite::Error& error) {
+            failed("Failed to fetch the pending batch: ", error);
+            return std::nullopt;
+        }
+        return batch;
+    });
+}
+
+std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batchId) {
+    return performAndWait([&]() -> std::optional<long> {
+        saveContext();
+        if (!loaded_) return std::nullopt;
+        auto& statements = *statements_;
+        long deleted = 0;
+        try {
+            sqlite::Transaction transaction(*db_);
+            {
+                sqlite::StatementReset resetAfter(statements.pendingBatchId);
+                if (!statements.pendingBatchId.step() || statements.pendingBatchId.columnText(0) != batchId) {
+                    return std::nullopt;
+                }
+            }
+            {
+                sqlite::StatementReset resetAfter(statements.deletePendingEvents);
+                statements.deletePendingEvents.run();
+                deleted = db_->changes();
+            }
+            for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {
+                sqlite::StatementReset resetAfter(*statement);
+                statement->run();
+            }
+            transaction.commit();
+        } catch (const sqlite::Error& error) {
+            failed("Failed to delete the accepted batch: ", error);
+            return std::nullopt;
+        }
+        Console::log("Successfully deleted EventEntity objects");
+        return deleted;
+    });
+}
+
+void CoreDataManager::abandonPendingBatch(const std::string& batchId) {
+    performAndWait([&] {
+        saveContext();
+        if (!loaded_) return;
+        auto& statements = *statements_;
+        try {
+            sqlite::Transaction transaction(*db_);
+            {
+                sqlite::StatementReset resetAfter(statements.pendingBatchId);
+                if (!statements.pendingBatchId.step() || statements.pendingBatchId.columnText(0) != batchId) return;
+            }
+            for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {
+                sqlite::StatementReset resetAfter(*statement);
+                statement->run();
+            }
+            transaction.commit();
+        } catch (const sqlite::Error& error) {
+            failed("Failed to forget the pending batch: ", error);
+        }
     });
 }
 

@@ -83,6 +83,16 @@ public:
     long deleteUpToId(std::int64_t id);
     long deleteObjects(const std::vector<std::int64_t>& ids);
 
+    // The batch waiting for the service's acceptance (see RVLPendingBatchStorable). Its
+    // stored events are named by row id; the closing event, if any, is kept in the record.
+    enum class BatchRecording { recorded, anotherPending, eventsMissing, notWritten };
+    BatchRecording recordPendingBatch(const std::string& batchId, std::int64_t sequentialId,
+                                      const std::vector<std::int64_t>& eventIds,
+                                      const std::optional<EventPayload>& closingEvent);
+    std::optional<PendingBatch> pendingBatch();
+    std::optional<long> deleteAcceptedBatch(const std::string& batchId);
+    void abandonPendingBatch(const std::string& batchId);
+
     // The permanent identifier of a row as URI text, and back. A URI of another store or
     // entity, or one that does not name a row id, gives none.
     std::string uriRepresentation(std::int64_t id) const;

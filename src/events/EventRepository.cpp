@@ -181,6 +181,54 @@ long EventRepository::deleteEventsStoredUpTo(const std::string& uri) {
     return id ? coreDataManager_.deleteUpToId(*id) : 0;
 }
 
+// ---- The pending batch ----
+
+std::optional<PendingBatch> EventRepository::pendingBatch() {
+    drainBuffer();
+    return coreDataManager_.pendingBatch();
+}
+
+bool EventRepository::recordPendingBatch(const PendingBatch& batch) {
+    std::vector<std::int64_t> ids;
+    ids.reserve(batch.events.size());
+    std::optional<EventPayload> closing;
+    for (std::size_t index = 0; index < batch.events.size(); ++index) {
+        const auto& event = batch.events[index];
+        if (event.uri.empty()) {
+            // Only the last event may travel unstored: it closes the batch.
+            if (index + 1 != batch.events.size()) fatalError("Only a batch's last event may be unstored");
+            closing = event;
+            continue;
+        }
+        const auto id = coreDataManager_.objectIDForURIRepresentation(event.uri);
+        if (!id) return false;  // not an event of this store
+        ids.push_back(*id);
+    }
+    drainBuffer();
+    const auto outcome = coreDataManager_.recordPendingBatch(batch.batchId, batch.sequentialId, ids, closing);
+    switch (outcome) {
+    case CoreDataManager::BatchRecording::recorded: return true;
+    case CoreDataManager::BatchRecording::anotherPending:
+        Console::log("The batch " + batch.batchId + " was not recorded: another batch is pending");
+        return false;
+    case CoreDataManager::BatchRecording::eventsMissing:
+        Console::log("The batch " + batch.batchId + " was not recorded: some of its events are no longer stored");
+        return false;
+    case CoreDataManager::BatchRecording::notWritten: return false;
+    }
+    return false;
+}
+
+std::optional<long> EventRepository::deleteAcceptedBatch(const std::string& batchId) {
+    drainBuffer();
+    return coreDataManager_.deleteAcceptedBatch(batchId);
+}
+
+void EventRepository::abandonPendingBatch(const std::string& batchId) {
+    drainBuffer();
+    coreDataManager_.abandonPendingBatch(batchId);
+}
+
 std::optional<std::string> EventRepository::lastStoredURIAmong(const std::vector<EventPayload>& payloads) {
     std::optional<std::int64_t> last;
     std::optional<std::string> uri;

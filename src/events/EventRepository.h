@@ -67,6 +67,12 @@ public:
     long deleteEventsWithPayload(const std::vector<EventPayload>& payloads) override;
     long deleteEventsWithUpTo(Date date) override;
     long deleteEventsStoredUpTo(const std::string& uri) override;
+    std::optional<long> deleteAcceptedBatch(const std::string& batchId) override;
+
+    // RVLPendingBatchStorable
+    std::optional<PendingBatch> pendingBatch() override;
+    bool recordPendingBatch(const PendingBatch& batch) override;
+    void abandonPendingBatch(const std::string& batchId) override;
 
     CoreDataManager& coreDataManager() { return coreDataManager_; }
 

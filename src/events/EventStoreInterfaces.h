@@ -23,6 +23,22 @@ struct EventPayload {
 };
 using RVLEventPayload = EventPayload;
 
+// A batch once built: its identity and exactly the events it holds. It is kept in the event
+// store from before its first attempt until the service has accepted it, so that every
+// attempt, in this process or a later one, sends the same content under the same id.
+struct PendingBatch {
+    std::string batchId;
+    std::int64_t sequentialId = 0;
+    // In the order they are sent: the stored events, oldest first, then the batch's own
+    // closing event, if any, which is never stored (its uri is empty).
+    std::vector<EventPayload> events;
+    // False when some of its stored events have gone since it was recorded (the store was
+    // cleared or damaged): the batch can no longer be sent again as it was.
+    bool complete = true;
+
+    friend bool operator==(const PendingBatch&, const PendingBatch&) = default;
+};
+
 class RVLEventInsertable {
 public:
     virtual ~RVLEventInsertable() = default;
@@ -81,8 +97,31 @@ public:
     // Deletes the row the URI names and every row stored before it (rows are numbered in the
     // order they were stored). A URI of another store deletes nothing.
     virtual long deleteEventsStoredUpTo(const std::string& uri) = 0;
+    // Once the service has accepted the pending batch with this id (see PendingBatch):
+    // deletes its events and its record in one transaction and answers how many events went.
+    // None when the pending batch has another id, when none is pending, or when the store
+    // cannot be written; everything is left as it was then.
+    virtual std::optional<long> deleteAcceptedBatch(const std::string& batchId) = 0;
 };
 
-class RVLEventStorable : public RVLEventInsertable, public RVLEventFetchable, public RVLEventDeletable {};
+// The batch waiting for the service's acceptance. At most one is pending at a time.
+class RVLPendingBatchStorable {
+public:
+    virtual ~RVLPendingBatchStorable() = default;
+    // The pending batch with its events, or none.
+    virtual std::optional<PendingBatch> pendingBatch() = 0;
+    // Records the batch durably before it is first sent. Its stored events are named by their
+    // URIs; an event with an empty URI (at most one, the last) travels with the batch without
+    // being stored. False, with nothing recorded, when another batch is pending, when one of
+    // its events is not in the store, or when the store cannot be written.
+    virtual bool recordPendingBatch(const PendingBatch& batch) = 0;
+    // Forgets the pending batch with this id and keeps its events, which a later batch takes.
+    virtual void abandonPendingBatch(const std::string& batchId) = 0;
+};
+
+class RVLEventStorable : public RVLEventInsertable,
+                         public RVLEventFetchable,
+                         public RVLEventDeletable,
+                         public RVLPendingBatchStorable {};
 
 }  // namespace rovalis

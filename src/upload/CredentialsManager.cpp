@@ -59,4 +59,9 @@ void CredentialsManager::bumpSequentialId() {
     setSequentialId(current + 1);
 }
 
+void renewBatchIdentityAfter(RVLBatchIdModifier& ids, const BatchIdentity& sent) {
+    if (ids.batchId() == sent.batchId) ids.createBatchId();
+    if (ids.sequentialId() == sent.sequentialId) ids.bumpSequentialId();
+}
+
 }  // namespace rovalis

@@ -39,6 +39,20 @@ public:
     virtual void bumpSequentialId() = 0;
 };
 
+// The pair a batch went out under.
+struct BatchIdentity {
+    std::string batchId;
+    std::int64_t sequentialId = 0;
+
+    friend bool operator==(const BatchIdentity&, const BatchIdentity&) = default;
+};
+
+// After the service accepted the batch sent under `sent`: a new batch id and the next
+// sequential id, each only while the stored one is still the batch's. So an acceptance
+// handled twice (a batch sent again after a restart, or by both sessions) renews once, and
+// a restart in the middle of renewing finishes it without skipping a number.
+void renewBatchIdentityAfter(RVLBatchIdModifier& ids, const BatchIdentity& sent);
+
 // The five small values kept in the keychain: the access token, the user id, the device
 // id, the batch id and the sequential id of batches. No lock is taken: every member makes
 // its keychain calls on the caller's thread, and the keychain serialises them. A keychain

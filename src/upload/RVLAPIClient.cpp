@@ -4,6 +4,7 @@
 #include <locale.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -16,8 +17,30 @@ namespace {
 
 constexpr const char* kTimestampFrom = "timestampFrom";
 constexpr const char* kTimestamp = "timestamp";
-// The last event the background batch holds, in the order the store kept them.
+// The identity the batch went out under, kept with the task (a background task's across a
+// relaunch) so that its acceptance renews and deletes exactly that batch.
+constexpr const char* kBatchId = "batchId";
+constexpr const char* kSequentialId = "sequentialId";
+// Set by background tasks journaled before batches carried their identity: the last event
+// of the batch, in the order the store kept them.
 constexpr const char* kLastStoredEventURI = "lastStoredEventURI";
+
+void attachBatchIdentity(UrlRequest& request, const BatchIdentity& batch) {
+    request.textProperties[kBatchId] = batch.batchId;
+    request.textProperties[kSequentialId] = std::to_string(batch.sequentialId);
+}
+
+std::optional<BatchIdentity> batchIdentityOf(const UrlRequest& request) {
+    const auto& texts = request.textProperties;
+    const auto id = texts.find(kBatchId);
+    const auto sequential = texts.find(kSequentialId);
+    if (id == texts.end() || sequential == texts.end()) return std::nullopt;
+    BatchIdentity batch{id->second, 0};
+    const auto& digits = sequential->second;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), batch.sequentialId);
+    if (ec != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+    return batch;
+}
 
 std::string orNull(const std::string& value) { return value.empty() ? std::string("(null)") : value; }
 
@@ -265,11 +288,12 @@ std::shared_ptr<UrlSession> RVLAPIClient::sessionFor(bool background) {
     return session;
 }
 
-void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, SuccessBlock success,
-                              FailureBlock failure) {
+void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
+                              SuccessBlock success, FailureBlock failure) {
     UrlRequest request = requestWithContentLength(zippedData.size());
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
+    attachBatchIdentity(request, batch);
     {
         std::lock_guard lock(mutex_);
         responseData_.clear();
@@ -286,13 +310,13 @@ void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date tra
 }
 
 void RVLAPIClient::sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
-                                              const std::optional<std::string>& lastStoredEventURI) {
+                                              const BatchIdentity& batch) {
     // At most one background upload is pending.
     cancelPendingBackgroundTasks();
     UrlRequest request = requestWithContentLength(RVLCommons::fileSizeFor(file));
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
-    if (lastStoredEventURI) request.textProperties[kLastStoredEventURI] = *lastStoredEventURI;
+    attachBatchIdentity(request, batch);
     {
         std::lock_guard lock(mutex_);
         responseData_.clear();
@@ -346,10 +370,7 @@ void RVLAPIClient::invalidateAndCancelSession(bool background, InvalidationBlock
     session->invalidateAndCancel();
 }
 
-void RVLAPIClient::updateBatchIdContents() {
-    batchIdManager_->createBatchId();
-    batchIdManager_->bumpSequentialId();
-}
+void RVLAPIClient::updateBatchIdContents(const BatchIdentity& sent) { renewBatchIdentityAfter(*batchIdManager_, sent); }
 
 void RVLAPIClient::setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate) {
     std::lock_guard lock(mutex_);
@@ -421,7 +442,9 @@ void RVLAPIClient::didCompleteWithError(UrlSession& session, UrlSessionTask& tas
     const auto message = processResponseDataFrom(body, task.statusCode(), error, processedError);
 
     if (!processedError) {
-        updateBatchIdContents();
+        // A task journaled before batches carried their identity went out under the stored one.
+        const auto sent = batchIdentityOf(task.originalRequest());
+        updateBatchIdContents(sent ? *sent : BatchIdentity{batchIdManager_->batchId(), batchIdManager_->sequentialId()});
         if (background) {
             handleBackgroundResponse(task, std::nullopt);
         } else {
@@ -465,9 +488,12 @@ void RVLAPIClient::handleBackgroundResponse(UrlSessionTask& task, const std::opt
         if (found == properties.end()) return;
         eventUploadDateManager_->setLastSuccessfulEventUploadDate(found->second);
         if (!eventDeletable_) return;
-        // Exactly the rows the batch held: deleting by time would also take events recorded
-        // after the batch was made with a time at or before its last one (its diagnostic
-        // event is stamped 100 ms ahead), which were never sent.
+        // Exactly the events the batch held, and only while it is still the pending batch: a
+        // foreground send may have had it accepted first.
+        if (const auto sent = batchIdentityOf(task.originalRequest())) {
+            eventDeletable_->deleteAcceptedBatch(sent->batchId);
+            return;
+        }
         const auto& texts = task.originalRequest().textProperties;
         if (const auto last = texts.find(kLastStoredEventURI); last != texts.end()) {
             eventDeletable_->deleteEventsStoredUpTo(last->second);

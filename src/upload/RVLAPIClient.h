@@ -101,10 +101,10 @@ public:
 
     // RVLAPIClientType
     bool canSendEvents() override;
-    void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, SuccessBlock success,
-                    FailureBlock failure) override;
+    void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
+                    SuccessBlock success, FailureBlock failure) override;
     void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
-                                    const std::optional<std::string>& lastStoredEventURI = std::nullopt) override;
+                                    const BatchIdentity& batch) override;
     void cancelPendingBackgroundTasks() override;
     void updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, Date trackedTo,
                                                    const std::optional<Error>& error) override;
@@ -124,7 +124,8 @@ public:
     void callCompletionHandlerForSession(UrlSession& session);
     void invalidateAndCancelBackgroundSession(InvalidationBlock block);
     void invalidateAndCancelForegroundSession(InvalidationBlock block);
-    void updateBatchIdContents();
+    // After the batch sent under `sent` was accepted: see renewBatchIdentityAfter.
+    void updateBatchIdContents(const BatchIdentity& sent);
 
     void setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate);
 

@@ -18,7 +18,8 @@ const std::optional<std::string> noLastEventURI;
 RVLOperationsController::RVLOperationsController(
     std::weak_ptr<RVLSleepable> sleepProvider, std::weak_ptr<RVLWakeupable> wakeupProvider,
     std::shared_ptr<RVLEventFetchable> eventsLoader, std::shared_ptr<RVLEventInsertable> eventsStorer,
-    std::shared_ptr<RVLEventDeletable> eventsDeleter, std::shared_ptr<RVLAPIClientType> apiManager,
+    std::shared_ptr<RVLEventDeletable> eventsDeleter, std::shared_ptr<RVLPendingBatchStorable> pendingBatches,
+    std::shared_ptr<RVLAPIClientType> apiManager,
     std::shared_ptr<RVLUserDefaultsModifier> userDefaultsManager,
     std::shared_ptr<RVLReachabilityType> reachabilityManager, std::shared_ptr<RVLBatchIdModifier> batchIdManager,
     std::shared_ptr<RVLDebugEventsInsertable> debugEventsManager, OperationsEnvironment environment)
@@ -27,6 +28,7 @@ RVLOperationsController::RVLOperationsController(
       eventsLoader_(std::move(eventsLoader)),
       eventsStorer_(std::move(eventsStorer)),
       eventsDeleter_(std::move(eventsDeleter)),
+      pendingBatches_(std::move(pendingBatches)),
       apiManager_(std::move(apiManager)),
       userDefaultsManager_(std::move(userDefaultsManager)),
       reachabilityManager_(std::move(reachabilityManager)),
@@ -180,7 +182,7 @@ std::shared_ptr<RVLOperationBase> RVLOperationsController::sendRegularEventsOper
 
 std::shared_ptr<RVLOperationBase> RVLOperationsController::sendDataOperationWithLastEventURI(
     const std::optional<std::string>& uri) {
-    auto operation = std::make_shared<RVLSendOperation>(apiManager_, eventsLoader_, eventsDeleter_,
+    auto operation = std::make_shared<RVLSendOperation>(apiManager_, eventsLoader_, eventsDeleter_, pendingBatches_,
                                                         userDefaultsManager_, eventBatchGenerator_,
                                                         reachabilityManager_, batchIdManager_, debugEventsManager_,
                                                         environment_.dateSource, uri);
@@ -203,7 +205,8 @@ std::shared_ptr<RVLOperationBase> RVLOperationsController::slowDownOperationWith
 }
 
 std::shared_ptr<RVLOperationBase> RVLOperationsController::sendInBackgroundOperation() {
-    return std::make_shared<RVLSendInBackgroundOperation>(eventsLoader_, apiManager_, userDefaultsManager_,
+    return std::make_shared<RVLSendInBackgroundOperation>(eventsLoader_, pendingBatches_, apiManager_,
+                                                          userDefaultsManager_,
                                                           eventBatchGenerator_, batchIdManager_, environment_.commons,
                                                           environment_.dateSource);
 }

@@ -26,7 +26,7 @@ namespace rovalis {
 
 class RVLSendOperation;
 
-// What the controller needs of the platform besides its ten collaborators.
+// What the controller needs of the platform besides its eleven collaborators.
 struct OperationsEnvironment {
     // The serial queue "RVLOperationsController.eventsQueue" the operations start on.
     std::shared_ptr<Executor> eventsQueue;
@@ -51,6 +51,7 @@ public:
                             std::shared_ptr<RVLEventFetchable> eventsLoader,
                             std::shared_ptr<RVLEventInsertable> eventsStorer,
                             std::shared_ptr<RVLEventDeletable> eventsDeleter,
+                            std::shared_ptr<RVLPendingBatchStorable> pendingBatches,
                             std::shared_ptr<RVLAPIClientType> apiManager,
                             std::shared_ptr<RVLUserDefaultsModifier> userDefaultsManager,
                             std::shared_ptr<RVLReachabilityType> reachabilityManager,
@@ -103,6 +104,7 @@ private:
     const std::shared_ptr<RVLEventFetchable> eventsLoader_;
     const std::shared_ptr<RVLEventInsertable> eventsStorer_;
     const std::shared_ptr<RVLEventDeletable> eventsDeleter_;
+    const std::shared_ptr<RVLPendingBatchStorable> pendingBatches_;
     const std::shared_ptr<RVLAPIClientType> apiManager_;
     const std::shared_ptr<RVLUserDefaultsModifier> userDefaultsManager_;
     const std::shared_ptr<RVLReachabilityType> reachabilityManager_;

@@ -1,5 +1,6 @@
 #include "upload/TransferOperations.h"
 
+#include <algorithm>
 #include <limits>
 #include <map>
 #include <semaphore>
@@ -7,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "events/EventEncoder.h"
+#include "rovalis/Console.h"
 #include "upload/Gzip.h"
 #include "upload/UrlSession.h"
 
@@ -14,6 +16,44 @@ namespace rovalis {
 
 Error userTokenIsNilError() {
     return Error{NSURLErrorDomain, 401, "Data transmission error: user token is nil"};
+}
+
+namespace {
+
+Error storeError(long code, std::string description) {
+    return Error{"com.rovalis.error.store", code, std::move(description)};
+}
+
+bool holdsEvent(const PendingBatch& batch, const std::optional<std::string>& uri) {
+    return uri && std::any_of(batch.events.begin(), batch.events.end(),
+                              [&](const EventPayload& event) { return event.uri == *uri; });
+}
+
+// Whether a failed upload certainly left nothing at the service: it was refused before a
+// connection was made (no network, no such host, nobody listening, an untrusted certificate).
+bool neverReachedTheService(const Error& error) {
+    if (error.domain != NSURLErrorDomain) return false;
+    switch (error.code) {
+    case URLError::badURL:
+    case URLError::unsupportedURL:
+    case URLError::cannotFindHost:
+    case URLError::cannotConnectToHost:
+    case URLError::notConnectedToInternet:
+    case URLError::serverCertificateUntrusted: return true;
+    default: return false;
+    }
+}
+
+}  // namespace
+
+std::optional<PendingBatch> resumablePendingBatch(RVLPendingBatchStorable& batches, RVLBatchIdModifier& batchIds) {
+    auto batch = batches.pendingBatch();
+    if (!batch || batch->complete) return batch;
+    Console::log("The pending batch " + batch->batchId +
+                 " lost some of its events in the store; the rest go out in a new batch");
+    batches.abandonPendingBatch(batch->batchId);
+    renewBatchIdentityAfter(batchIds, BatchIdentity{batch->batchId, batch->sequentialId});
+    return std::nullopt;
 }
 
 // ---- Persist data
@@ -45,6 +85,7 @@ void RVLCancelBackgroundSendOperation::execute() {
 RVLSendOperation::RVLSendOperation(std::weak_ptr<RVLAPIClientType> apiManager,
                                    std::weak_ptr<RVLEventFetchable> eventRepository,
                                    std::weak_ptr<RVLEventDeletable> eventsDeleter,
+                                   std::weak_ptr<RVLPendingBatchStorable> pendingBatches,
                                    std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
                                    std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator,
                                    std::weak_ptr<RVLReachabilityType> reachabilityManager,
@@ -54,6 +95,7 @@ RVLSendOperation::RVLSendOperation(std::weak_ptr<RVLAPIClientType> apiManager,
     : apiManager_(std::move(apiManager)),
       eventRepository_(std::move(eventRepository)),
       eventsDeleter_(std::move(eventsDeleter)),
+      pendingBatches_(std::move(pendingBatches)),
       userDefaultsManager_(std::move(userDefaultsManager)),
       eventBatchGenerator_(std::move(eventBatchGenerator)),
       reachabilityManager_(std::move(reachabilityManager)),
@@ -101,41 +143,62 @@ void RVLSendOperation::execute() {
 std::optional<Error> RVLSendOperation::prepareAndSendData() {
     const auto repository = eventRepository_.lock();
     const auto deleter = eventsDeleter_.lock();
+    const auto batches = pendingBatches_.lock();
     const auto generator = eventBatchGenerator_.lock();
     const auto batchIds = batchIdManager_.lock();
     const auto userDefaults = userDefaultsManager_.lock();
-    if (!repository || !deleter || !generator || !batchIds || !userDefaults) {
+    if (!repository || !deleter || !batches || !generator || !batchIds || !userDefaults) {
         return Error{NSURLErrorDomain, URLError::cancelled, "The SDK is shutting down."};
     }
     for (;;) {
-        const auto payloads = repository->fetchEventsPayloadTo(lastEventURI_, batchLimit);
-        // The last event URI may name an event that has gone (cleared meanwhile): then the
-        // store's end is the end of this send.
-        if (payloads.empty()) return std::nullopt;
-        const Date from = payloads.front().trackedAtMs;
-        const Date to = payloads.back().trackedAtMs;
+        auto batch = resumablePendingBatch(*batches, *batchIds);
+        const bool resumed = batch.has_value();
+        if (!resumed) {
+            auto payloads = repository->fetchEventsPayloadTo(lastEventURI_, batchLimit);
+            // The last event URI may name an event that has gone (cleared meanwhile): then the
+            // store's end is the end of this send.
+            if (payloads.empty()) return std::nullopt;
+            batch = PendingBatch{batchIds->batchId(), batchIds->sequentialId(), std::move(payloads)};
+            // Recorded before the first byte goes out: whatever happens to this attempt, the
+            // next one sends the same events under the same identity.
+            if (!batches->recordPendingBatch(*batch)) {
+                return storeError(0, "The batch could not be recorded in the event store.");
+            }
+        }
+        const BatchIdentity identity{batch->batchId, batch->sequentialId};
+        const Date from = batch->events.front().trackedAtMs;
+        const Date to = batch->events.back().trackedAtMs;
+        const bool reachesLastEvent = holdsEvent(*batch, lastEventURI_);
+        const bool reachedStoreEnd = !resumed && static_cast<std::int64_t>(batch->events.size()) < batchLimit;
 
-        const std::string batch =
-            generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId());
+        const std::string document = generator->generateEventBatchFrom(batch->events, identity.batchId,
+                                                                       identity.sequentialId);
+        batch.reset();
         Error compressionError;
-        auto zipped = dataByGZipCompressingWithError(batch, &compressionError);
+        auto zipped = dataByGZipCompressingWithError(document, &compressionError);
         if (!zipped) return compressionError;
-        if (auto error = sendZippedEventBatchData(std::move(*zipped), from, to)) return error;
+        if (auto error = sendZippedEventBatchData(std::move(*zipped), from, to, identity)) {
+            // A batch that was never let out can be given up: its events go in the next batch
+            // made, which may then take more of them (a background upload takes them all).
+            if (!resumed && neverReachedTheService(*error)) batches->abandonPendingBatch(identity.batchId);
+            return error;
+        }
 
         userDefaults->setLastSuccessfulEventUploadDate(to);
-        const long deleted = deleter->deleteEventsWithPayload(payloads);
-        if (payloads.back().uri == lastEventURI_) return std::nullopt;
-        if (static_cast<std::int64_t>(payloads.size()) < batchLimit) return std::nullopt;
-        // Accepted events that stay in the store would go out again under a new batch id:
-        // stop rather than send them twice.
-        if (deleted < static_cast<long>(payloads.size())) {
-            return Error{"com.rovalis.error.store", deleted,
-                         "Sent events could not be deleted from the event store."};
+        if (!deleter->deleteAcceptedBatch(identity.batchId)) {
+            // Gone already when the background session had it accepted first. Still pending,
+            // it would only go out again: stop instead.
+            const auto still = batches->pendingBatch();
+            if (still && still->batchId == identity.batchId) {
+                return storeError(0, "Sent events could not be deleted from the event store.");
+            }
         }
+        if (reachesLastEvent || reachedStoreEnd) return std::nullopt;
     }
 }
 
-std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo) {
+std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo,
+                                                                const BatchIdentity& batch) {
     const auto api = apiManager_.lock();
     if (!api) return Error{NSURLErrorDomain, URLError::cancelled, "The SDK is shutting down."};
     // Shared with the callbacks, which the client may keep after this returns.
@@ -145,7 +208,7 @@ std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data
     };
     const auto outcome = std::make_shared<Outcome>();
     api->sendEvents(
-        std::move(data), trackedFrom, trackedTo,
+        std::move(data), trackedFrom, trackedTo, batch,
         [outcome](const std::optional<nlohmann::json>&) { outcome->done.release(); },
         [outcome](const Error& error) {
             outcome->error = error;
@@ -158,11 +221,13 @@ std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data
 // ---- Background send
 
 RVLSendInBackgroundOperation::RVLSendInBackgroundOperation(
-    std::weak_ptr<RVLEventFetchable> eventRepository, std::weak_ptr<RVLAPIClientType> apiManager,
+    std::weak_ptr<RVLEventFetchable> eventRepository, std::weak_ptr<RVLPendingBatchStorable> pendingBatches,
+    std::weak_ptr<RVLAPIClientType> apiManager,
     std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
     std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator, std::weak_ptr<RVLBatchIdModifier> batchIdManager,
     std::shared_ptr<const RVLCommons> commons, std::shared_ptr<RVLDateSource> dateSource)
     : eventRepository_(std::move(eventRepository)),
+      pendingBatches_(std::move(pendingBatches)),
       apiManager_(std::move(apiManager)),
       userDefaultsManager_(std::move(userDefaultsManager)),
       eventBatchGenerator_(std::move(eventBatchGenerator)),
@@ -182,28 +247,36 @@ void RVLSendInBackgroundOperation::execute() {
         return;
     }
     const auto repository = eventRepository_.lock();
+    const auto batches = pendingBatches_.lock();
     const auto generator = eventBatchGenerator_.lock();
     const auto batchIds = batchIdManager_.lock();
-    if (!repository || !generator || !batchIds) {
+    if (!repository || !batches || !generator || !batchIds) {
         finishWithFailure();
         return;
     }
-    auto stored = repository->fetchEventsPayloadTo(std::nullopt, std::numeric_limits<std::int64_t>::max());
-    if (stored.empty()) {
-        finish();
-        return;
+    auto batch = resumablePendingBatch(*batches, *batchIds);
+    if (!batch) {
+        auto stored = repository->fetchEventsPayloadTo(std::nullopt, std::numeric_limits<std::int64_t>::max());
+        if (stored.empty()) {
+            finish();
+            return;
+        }
+        batch = PendingBatch{batchIds->batchId(), batchIds->sequentialId(), diagnoseEventBatch(std::move(stored))};
+        if (!batches->recordPendingBatch(*batch)) {
+            finishWithFailure();
+            return;
+        }
     }
-    const auto lastStoredURI = repository->lastStoredURIAmong(stored);
-    auto payloads = diagnoseEventBatch(std::move(stored));
-    const Date from = payloads.front().trackedAtMs;
-    const Date to = payloads.back().trackedAtMs;
+    const BatchIdentity identity{batch->batchId, batch->sequentialId};
+    const Date from = batch->events.front().trackedAtMs;
+    const Date to = batch->events.back().trackedAtMs;
 
     // The whole store is in memory here: each stage's input goes as soon as the next exists.
-    std::string batch = generator->generateEventBatchFrom(payloads, batchIds->batchId(), batchIds->sequentialId());
-    std::vector<EventPayload>().swap(payloads);
+    std::string document = generator->generateEventBatchFrom(batch->events, identity.batchId, identity.sequentialId);
+    batch.reset();
     Error compressionError;
-    const auto zipped = dataByGZipCompressingWithError(batch, &compressionError);
-    std::string().swap(batch);
+    const auto zipped = dataByGZipCompressingWithError(document, &compressionError);
+    std::string().swap(document);
     if (!zipped) {
         finishWithFailure();
         return;
@@ -211,7 +284,7 @@ void RVLSendInBackgroundOperation::execute() {
     commons_->removeBackgroundTaskFolder();
     const auto file = commons_->writeBackgroundTaskFileWithData(*zipped, to);
     if (file && RVLCommons::fileExistsAt(*file)) {
-        api->sendEventsFileInBackground(*file, from, to, lastStoredURI);
+        api->sendEventsFileInBackground(*file, from, to, identity);
         finish();
     } else {
         finishWithFailure();

@@ -47,16 +47,23 @@ private:
     const std::weak_ptr<RVLAPIClientType> apiManager_;
 };
 
+// The pending batch, if it can still be sent as it was recorded. One whose events have
+// partly gone (the store was cleared or damaged) is given up, and its identity renewed, since
+// the service may hold it: what is left of it goes out in a new batch under a new identity.
+std::optional<PendingBatch> resumablePendingBatch(RVLPendingBatchStorable& batches, RVLBatchIdModifier& batchIds);
+
 // Sends the stored events, oldest first, in batches of at most batchLimit, up to and
 // including the event at the last event URI (the newest stored event when none is given).
-// Each batch blocks the operation's thread until its upload has ended; its events are
-// deleted only after the service accepted it.
+// A batch left pending by an earlier attempt goes first, exactly as it was. Each new batch
+// is recorded in the store before it is first sent; each blocks the operation's thread until
+// its upload has ended, and its events are deleted only after the service accepted it.
 class RVLSendOperation final : public RVLOperationBase {
 public:
     static constexpr std::int64_t batchLimit = 20000;
 
     RVLSendOperation(std::weak_ptr<RVLAPIClientType> apiManager, std::weak_ptr<RVLEventFetchable> eventRepository,
                      std::weak_ptr<RVLEventDeletable> eventsDeleter,
+                     std::weak_ptr<RVLPendingBatchStorable> pendingBatches,
                      std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
                      std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator,
                      std::weak_ptr<RVLReachabilityType> reachabilityManager,
@@ -70,7 +77,8 @@ public:
     // Sends batches until the last event URI has been sent; the first upload error, if any.
     std::optional<Error> prepareAndSendData();
     // Blocks until the upload of one compressed batch has ended; its error, if any.
-    std::optional<Error> sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo);
+    std::optional<Error> sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo,
+                                                  const BatchIdentity& batch);
 
     const std::optional<std::string>& lastEventURI() const { return lastEventURI_; }
 
@@ -78,6 +86,7 @@ private:
     const std::weak_ptr<RVLAPIClientType> apiManager_;
     const std::weak_ptr<RVLEventFetchable> eventRepository_;
     const std::weak_ptr<RVLEventDeletable> eventsDeleter_;
+    const std::weak_ptr<RVLPendingBatchStorable> pendingBatches_;
     const std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager_;
     const std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator_;
     const std::weak_ptr<RVLReachabilityType> reachabilityManager_;
@@ -88,11 +97,14 @@ private:
 };
 
 // Writes every stored event, plus one diagnostic event, as one compressed batch file and
-// hands it to the background session. It finishes as soon as the upload is handed over;
-// the API client deletes the events when the upload succeeds.
+// hands it to the background session; a batch left pending by an earlier attempt goes
+// instead, exactly as it was. The batch is recorded in the store first. The operation
+// finishes as soon as the upload is handed over; the API client deletes the events when the
+// service accepts the batch.
 class RVLSendInBackgroundOperation final : public RVLOperationBase {
 public:
     RVLSendInBackgroundOperation(std::weak_ptr<RVLEventFetchable> eventRepository,
+                                 std::weak_ptr<RVLPendingBatchStorable> pendingBatches,
                                  std::weak_ptr<RVLAPIClientType> apiManager,
                                  std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager,
                                  std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator,
@@ -110,6 +122,7 @@ public:
 
 private:
     const std::weak_ptr<RVLEventFetchable> eventRepository_;
+    const std::weak_ptr<RVLPendingBatchStorable> pendingBatches_;
     const std::weak_ptr<RVLAPIClientType> apiManager_;
     const std::weak_ptr<RVLUserDefaultsModifier> userDefaultsManager_;
     const std::weak_ptr<RVLEventBatchGeneratable> eventBatchGenerator_;

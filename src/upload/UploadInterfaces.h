@@ -13,6 +13,7 @@
 #include "rovalis/Date.h"
 #include "rovalis/Error.h"
 #include "rovalis/platform/Location.h"
+#include "upload/CredentialsManager.h"
 
 namespace rovalis {
 
@@ -26,15 +27,18 @@ public:
 
     // True exactly when an access token is stored.
     virtual bool canSendEvents() = 0;
-    // Uploads gzip-compressed batch data in the foreground; exactly one of the callbacks runs,
-    // on the session's delegate thread.
-    virtual void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, SuccessBlock success,
-                            FailureBlock failure) = 0;
-    // Hands a compressed batch file to the background session; the outcome is handled by the
-    // client itself: the upload date stored, and the events deleted, those stored up to
-    // lastStoredEventURI when given, else those tracked up to trackedTo.
+    // Uploads the gzip-compressed pending batch sent under `batch` in the foreground. On
+    // acceptance the stored batch identity is renewed (renewBatchIdentityAfter) before the
+    // success callback runs; exactly one of the callbacks runs, on the session's delegate
+    // thread.
+    virtual void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
+                            SuccessBlock success, FailureBlock failure) = 0;
+    // Hands the compressed file of the pending batch sent under `batch` to the background
+    // session; the outcome is handled by the client itself, in this process or a later one:
+    // on acceptance the identity renewed, the upload date stored and the batch's events
+    // deleted (deleteAcceptedBatch).
     virtual void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
-                                            const std::optional<std::string>& lastStoredEventURI) = 0;
+                                            const BatchIdentity& batch) = 0;
     virtual void cancelPendingBackgroundTasks() = 0;
     // Tells the host's delegate, on the main run loop, how an upload ended.
     virtual void updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, Date trackedTo,

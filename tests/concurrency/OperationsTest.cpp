@@ -198,8 +198,10 @@ private:
 class TokenlessAPIClient final : public RVLAPIClientType {
 public:
     bool canSendEvents() override { return false; }
-    void sendEvents(std::string, Date, Date, SuccessBlock, FailureBlock) override { ADD_FAILURE() << "no token"; }
-    void sendEventsFileInBackground(const std::filesystem::path&, Date, Date, const std::optional<std::string>&) override {}
+    void sendEvents(std::string, Date, Date, const BatchIdentity&, SuccessBlock, FailureBlock) override {
+        ADD_FAILURE() << "no token";
+    }
+    void sendEventsFileInBackground(const std::filesystem::path&, Date, Date, const BatchIdentity&) override {}
     void cancelPendingBackgroundTasks() override { ++cancels; }
     void updateTransmitDataDelegateWithTrackedFrom(Date, Date, const std::optional<Error>& error) override {
         std::lock_guard lock(mutex);
@@ -299,7 +301,7 @@ protected:
         environment.pauseManagerFactory = [this](std::weak_ptr<RVLEventInsertable>,
                                                  std::weak_ptr<RVLPauseRecordModifier>) { return pauseManager; };
         controller = std::make_shared<RVLOperationsController>(
-            transitions, transitions, nullptr, nullptr, nullptr, api, nullptr,
+            transitions, transitions, nullptr, nullptr, nullptr, nullptr, api, nullptr,
             std::make_shared<FixedReachability>(true), nullptr, debugEvents, environment);
     }
 

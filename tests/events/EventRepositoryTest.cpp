@@ -195,6 +195,54 @@ TEST_F(EventRepositoryTest, RowsUrisAndIdSequenceSurviveARestartAndToggleTrackin
     EXPECT_GT(splitUri(*uri).second, splitUri(before[2].uri).second);
 }
 
+// ---- The pending batch ----
+
+TEST_F(EventRepositoryTest, PendingBatchKeepsItsEventsAndClosingEventAcrossARestartUntilAccepted) {
+    for (const double t : {3.0, 1.0, 2.0, 4.0}) insertWaypointAt(t);
+    auto held = rows();
+    held.pop_back();  // the three oldest
+    const EventPayload closing{"Debug", Date{3.1}, R"({"comment":"closing","topic":"Log","tracked_at_ms":3100,"type":"Debug"})", ""};
+    PendingBatch batch{"B-1", 7, held};
+    batch.events.push_back(closing);
+    ASSERT_TRUE(repository_->recordPendingBatch(batch));
+
+    ConsoleCapture console;
+    EXPECT_FALSE(repository_->recordPendingBatch(PendingBatch{"B-2", 8, {rows().back()}})) << "one at a time";
+    close();
+    open();
+    EXPECT_EQ(repository_->pendingBatch(), batch) << "the same events in the same order, and the closing one";
+
+    EXPECT_EQ(repository_->deleteAcceptedBatch("B-0"), std::nullopt) << "another batch's acceptance";
+    EXPECT_EQ(rows().size(), 4u);
+    EXPECT_EQ(repository_->deleteAcceptedBatch("B-1"), 3);
+    EXPECT_EQ(times(rows()), std::vector<double>{4});
+    EXPECT_EQ(repository_->pendingBatch(), std::nullopt);
+    EXPECT_EQ(repository_->deleteAcceptedBatch("B-1"), std::nullopt) << "accepted twice, deleted once";
+    EXPECT_EQ(rows().size(), 1u);
+}
+
+TEST_F(EventRepositoryTest, PendingBatchIsRefusedForMissingEventsAndReportedIncompleteWhenTheyGo) {
+    for (const double t : {1.0, 2.0, 3.0}) insertWaypointAt(t);
+    const auto all = rows();
+    ConsoleCapture console;
+    ASSERT_EQ(repository_->deleteEventsWithPayload({all[1]}), 1);
+    EXPECT_FALSE(repository_->recordPendingBatch(PendingBatch{"B-1", 1, all})) << "an event is no longer stored";
+    EXPECT_EQ(repository_->pendingBatch(), std::nullopt) << "nothing of it was kept";
+
+    ASSERT_TRUE(repository_->recordPendingBatch(PendingBatch{"B-1", 1, {all[0], all[2]}}));
+    repository_->deleteEventsWithUpTo(Date{1.0});  // a clear of the oldest
+    const auto pending = repository_->pendingBatch();
+    ASSERT_TRUE(pending);
+    EXPECT_FALSE(pending->complete);
+    EXPECT_EQ(pending->events, std::vector<EventPayload>{all[2]});
+
+    repository_->abandonPendingBatch("B-other");
+    EXPECT_TRUE(repository_->pendingBatch());
+    repository_->abandonPendingBatch("B-1");
+    EXPECT_EQ(repository_->pendingBatch(), std::nullopt);
+    EXPECT_EQ(rows(), std::vector<EventPayload>{all[2]}) << "abandoning keeps the events";
+}
+
 // ---- Acceleration buffer ----
 
 TEST_F(EventRepositoryTest, AccelerationsAreWrittenWhenTheBufferFillsOrIsFlushed) {

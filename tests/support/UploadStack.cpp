@@ -71,7 +71,7 @@ UploadStack::UploadStack(UploadStackOptions options)
                                                          std::make_shared<SerialExecutor>("reachability.tests", reachabilityWork),
                                                          reachabilityWork)),
       operationsController(std::make_shared<RVLOperationsController>(
-          std::weak_ptr<RVLSleepable>(), std::weak_ptr<RVLWakeupable>(), events, events, events, apiClient,
+          std::weak_ptr<RVLSleepable>(), std::weak_ptr<RVLWakeupable>(), events, events, events, events, apiClient,
           userDefaults, reachability, credentials, debugEvents,
           OperationsEnvironment{
               .eventsQueue = std::make_shared<SerialExecutor>("RVLOperationsController.eventsQueue"),

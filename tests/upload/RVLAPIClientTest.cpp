@@ -150,7 +150,7 @@ protected:
                    Date to = Date{2}) {
         auto outcome = std::make_shared<Outcome>();
         client_->sendEvents(
-            "gzip-bytes", from, to,
+            "gzip-bytes", from, to, BatchIdentity{credentials_->batchId(), credentials_->sequentialId()},
             [outcome](const std::optional<nlohmann::json>& message) {
                 *outcome = {outcome->calls + 1, true, message, {}};
             },
@@ -372,11 +372,15 @@ TEST_F(APIClientTest, SessionsFollowTheWifiOnlyChoice) {
 
 TEST_F(APIClientTest, BackgroundUploadReplacesThePendingOneAndDeletesOnlyOnSuccess) {
     for (double t : {100.0, 200.0, 300.0}) repository_->insertBatteryEventWithTrackedAtMs(Date{t}, true, 0.5f);
+    auto stored = repository_->fetchEventsPayloadTo(std::nullopt, 0);
+    stored.pop_back();
+    const BatchIdentity identity{credentials_->batchId(), credentials_->sequentialId()};
+    ASSERT_TRUE(repository_->recordPendingBatch(PendingBatch{identity.batchId, identity.sequentialId, stored}));
     const auto older = commons_->writeBackgroundTaskFileWithData("older batch", Date{100});
     const auto newer = commons_->writeBackgroundTaskFileWithData("the newer batch", Date{200});
     ASSERT_TRUE(older && newer);
-    client_->sendEventsFileInBackground(*older, Date{50}, Date{100});
-    client_->sendEventsFileInBackground(*newer, Date{100}, Date{200});
+    client_->sendEventsFileInBackground(*older, Date{50}, Date{100}, identity);
+    client_->sendEventsFileInBackground(*newer, Date{100}, Date{200}, identity);
     const auto session = background();
     session->flush();
     session->flush();  // and a cancellation that the first one might have asked for
@@ -396,8 +400,10 @@ TEST_F(APIClientTest, BackgroundUploadReplacesThePendingOneAndDeletesOnlyOnSucce
     EXPECT_EQ(repository_->eventsCount(), 4) << "the three events and the debug record";
     EXPECT_EQ(credentials_->sequentialId(), 0);
 
-    client_->sendEventsFileInBackground(*newer, Date{100}, Date{200});
+    EXPECT_TRUE(repository_->pendingBatch().has_value());
+    client_->sendEventsFileInBackground(*newer, Date{100}, Date{200}, identity);
     session->respond(*session->tasks.back(), 200, R"({"message":"ok"})");
+    EXPECT_FALSE(repository_->pendingBatch().has_value()) << "the accepted batch and its record went together";
     EXPECT_EQ(defaults_->lastSuccessfulEventUploadDate(), Date{200});
     const auto batteryLeft = [this] {
         std::vector<Date> left;
@@ -409,7 +415,8 @@ TEST_F(APIClientTest, BackgroundUploadReplacesThePendingOneAndDeletesOnlyOnSucce
     EXPECT_EQ(batteryLeft(), std::vector<Date>{Date{300}});
     EXPECT_EQ(credentials_->sequentialId(), 1);
 
-    // A task an earlier process left carries only "timestamp": that date is both ends.
+    // A task journaled before batches carried their identity, or an earlier process that
+    // left only "timestamp": that date is both ends, and the events up to it go.
     UrlRequest restored = makeEventBatchRequest(client_->baseURL(), std::nullopt, "ua", 5);
     restored.properties["timestamp"] = Date{350};
     session->respond(static_cast<FakeTask&>(*session->uploadTaskWithRequest(restored, "batch")), 200, "");
