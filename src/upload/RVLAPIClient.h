@@ -27,7 +27,6 @@
 namespace rovalis {
 
 inline constexpr const char* kRVLBackgroundSessionIdentifier = "com.rovalis.rovalisBackgroundSessionIdentifier";
-inline constexpr const char* kRVLServerErrorDomain = "com.rovalis.error.server";
 inline constexpr const char* kRVLEventBatchesPath = "api/event_batches";
 
 // Resolves a relative path against a base URL whose path is kept whether or not it ends in

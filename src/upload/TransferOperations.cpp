@@ -181,6 +181,14 @@ std::optional<Error> RVLSendOperation::prepareAndSendData() {
             // A batch that was never let out can be given up: its events go in the next batch
             // made, which may then take more of them (a background upload takes them all).
             if (!resumed && neverReachedTheService(*error)) batches->abandonPendingBatch(identity.batchId);
+            // The service holds other content under this id (it can only come from a damaged
+            // store): sending it again would never end. Its events go in a new batch instead.
+            if (error->domain == kRVLServerErrorDomain && error->code == 409) {
+                Console::log("The service holds other content under batch " + identity.batchId +
+                             "; its events go out again under a new batch id");
+                batches->abandonPendingBatch(identity.batchId);
+                renewBatchIdentityAfter(*batchIds, identity);
+            }
             return error;
         }
 

@@ -17,6 +17,9 @@
 
 namespace rovalis {
 
+// The domain of errors made from the service's answer: the code is the HTTP status.
+inline constexpr const char* kRVLServerErrorDomain = "com.rovalis.error.server";
+
 class RVLAPIClientType {
 public:
     // The server's "message" (none when absent or the body is not JSON).
