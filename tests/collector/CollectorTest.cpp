@@ -11,6 +11,7 @@
 #include "collector/CollectorServer.h"
 #include "events/EventBatchGenerator.h"
 #include "events/EventEncoder.h"
+#include "events/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "upload/CurlTransfer.h"
 #include "upload/Gzip.h"
@@ -164,20 +165,59 @@ TEST_F(CollectorTest, SequentialIdGapsAndStepBacksAreCountedPerDeviceNotRefused)
     EXPECT_EQ(std::tie(stats.devices, stats.sequentialIdGaps, stats.sequentialIdStepBacks), std::make_tuple(2, 1, 2));
 }
 
-TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndARepeatedIdIsAnsweredSuccessAndStoredOnce) {
+TEST_F(CollectorTest, RepeatedBatchIdIsSuccessForTheSameContentAndAConflictForOther) {
+    ASSERT_EQ(upload("r", 1).status, 200);
+    // The same content is a repeat whichever device header comes with it.
+    const Answer again = upload("r", 1, "other");
+    EXPECT_EQ(again.status, 200);
+    EXPECT_NE(again.body.find("received before; not stored again"), std::string::npos) << again.body;
+
+    const std::vector<EventRecord> reordered(someEvents.rbegin(), someEvents.rend());
+    std::vector<EventRecord> oneMore = someEvents;
+    oneMore.push_back(Battery(Date{1700000002}, true, 0.5f));
+    const std::vector<std::pair<const char*, std::string>> others = {
+        {"another sequential id", batchBody("r", 2, someEvents)},
+        {"the events in another order", batchBody("r", 1, reordered)},
+        {"one event more", batchBody("r", 1, oneMore)},
+    };
+    for (const auto& [what, body] : others) {
+        const Answer conflict = post(body);
+        EXPECT_EQ(conflict.status, 409) << what << ": " << conflict.body;
+        EXPECT_EQ(conflict.body, "batch r was received before with other content; not stored\n") << what;
+        EXPECT_EQ(conflict.contentType.rfind("text/plain", 0), 0u) << what;
+    }
+    EXPECT_EQ(upload("r", 1).status, 200) << "a conflict changed what is kept";
+    const Stats stats = server_->stats();
+    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.duplicatesRefused, stats.conflicts),
+              std::make_tuple(1, 2, 2, 3));
+    EXPECT_EQ(stats.requestsRejected, (std::map<int, std::int64_t>{{409, 3}}));
+    httplib::Client client("127.0.0.1", server_->port());
+    const auto figures = client.Get("/api/stats");
+    ASSERT_TRUE(figures);
+    EXPECT_EQ(json::parse(figures->body).at("conflicts"), 3);
+}
+
+TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndAFileWithoutContentDigestsStillTellsRepeatsApart) {
     CollectorOptions options;
     options.databasePath = dir_ / "collector.sqlite";
     startServer(options);
     ASSERT_EQ(upload("kept", 1).status, 200);
+    server_.reset();
+    {
+        // The file as a collector from before the content digests wrote it.
+        sqlite::Database db(options.databasePath.string(), false);
+        db.exec("ALTER TABLE batches DROP COLUMN content_digest;");
+    }
     startServer(options);
     EXPECT_EQ(server_->events().size(), 2u);
-    const Answer again = upload("kept", 2, "other");
-    EXPECT_EQ(again.status, 200);
-    EXPECT_NE(again.body.find("received before"), std::string::npos) << again.body;
+    EXPECT_EQ(upload("kept", 1).status, 200);
+    EXPECT_EQ(upload("kept", 2).status, 409);
     EXPECT_EQ(upload("later", 3).status, 200);
+    startServer(options);
+    EXPECT_EQ(upload("later", 3).status, 200);
+    EXPECT_EQ(upload("later", 4).status, 409);
     const Stats stats = server_->stats();
-    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.duplicatesRefused, stats.devices),
-              std::make_tuple(2, 4, 1, 1));
+    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.devices), std::make_tuple(2, 4, 1));
     EXPECT_EQ(server_->batches().at(1).step, SequenceStep::gap);  // the device's history survived too
 }
 

@@ -132,6 +132,7 @@ std::string statsJson(const Stats& stats) {
                 {"sequential_id_step_backs", stats.sequentialIdStepBacks},
                 {"batch_requests", stats.batchRequests},
                 {"duplicates_refused", stats.duplicatesRefused},
+                {"conflicts", stats.conflicts},
                 {"body_bytes", stats.bodyBytes},
                 {"document_bytes", stats.documentBytes},
                 {"requests_rejected", rejected},
@@ -376,14 +377,20 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     std::string message;
     {
         std::lock_guard lock(mutex);
-        counters.documentBytes += documentBytes;
-        if (outcome.duplicate) {
+        if (outcome.conflict) {
+            ++counters.conflicts;
+        } else if (outcome.duplicate) {
+            counters.documentBytes += documentBytes;
             ++counters.duplicatesRefused;
             message = "batch " + batch.id + " was received before; not stored again";
         } else {
+            counters.documentBytes += documentBytes;
             ++storedBatches;
             message = "stored batch " + batch.id + " with " + std::to_string(batch.events.size()) + " events";
         }
+    }
+    if (outcome.conflict) {
+        return refuse(res, {409, "batch " + batch.id + " was received before with other content; not stored"});
     }
     if (garbage) {
         countFault("garbage");

@@ -6,8 +6,11 @@
 //
 // Endpoints
 //   POST /api/event_batches  the upload. Refusals are 4xx with a plain-text reason; an
-//                            accepted (or already accepted) batch is 200 with
-//                            {"message": "..."}.
+//                            accepted batch is 200 with {"message": "..."}. A batch id
+//                            received before is 200 again when the content (sequential id
+//                            and events, byte for byte, in order) is the same, and is not
+//                            stored again; with other content it is 409 and nothing is
+//                            stored, so a client that reuses an id for other events is seen.
 //   GET  /api/stats          the figures of Stats as JSON (see statsJson).
 //   GET  /api/events         every stored event in arrival order (see eventsJson); with
 //                            ?device_id=ID only those of that device's batches.
@@ -64,15 +67,17 @@ struct Stats {
     std::int64_t sequentialIdStepBacks = 0;
     // The figures below count this run only.
     std::int64_t batchRequests = 0;          // every request that reached the upload endpoint
-    std::int64_t duplicatesRefused = 0;      // answered 200, not stored again
+    std::int64_t duplicatesRefused = 0;      // a repeat with the same content: answered 200, not stored again
+    std::int64_t conflicts = 0;              // a batch id received before with other content: 409
     std::int64_t bodyBytes = 0;              // request bodies received whole, as sent (compressed)
     std::int64_t documentBytes = 0;          // the batch documents of accepted requests, inflated
-    std::map<int, std::int64_t> requestsRejected;      // by status, refusals of the checks
+    std::map<int, std::int64_t> requestsRejected;      // by status, refusals (conflicts among them, as 409)
     std::map<std::string, std::int64_t> faultsInjected;  // "fail", "drop", "garbage", "delay"
 };
 
 // {"batches", "events", "events_by_type", "devices", "sequential_id_gaps",
-//  "sequential_id_step_backs", "batch_requests", "duplicates_refused", "body_bytes", "document_bytes",
+//  "sequential_id_step_backs", "batch_requests", "duplicates_refused", "conflicts", "body_bytes",
+//  "document_bytes",
 //  "requests_rejected" (status text to count), "faults_injected"}
 std::string statsJson(const Stats& stats);
 
