@@ -11,6 +11,7 @@
 #include "collector/CollectorServer.h"
 #include "events/EventBatchGenerator.h"
 #include "events/EventEncoder.h"
+#include "events/SqliteDatabase.h"
 #include "support/TestSupport.h"
 #include "upload/CurlTransfer.h"
 #include "upload/Gzip.h"
@@ -60,6 +61,12 @@ struct Answer {
     std::string contentType;
 };
 
+FaultOptions faultsWith(const std::function<void(FaultOptions&)>& set) {
+    FaultOptions faults;
+    set(faults);
+    return faults;
+}
+
 std::vector<std::string> batchIds(const CollectorServer& server) {
     std::vector<std::string> ids;
     for (const auto& batch : server.batches()) ids.push_back(batch.id);
@@ -87,6 +94,23 @@ protected:
 
     Answer upload(const std::string& id, std::int64_t sequentialId, const std::string& device = "d") {
         return post(batchBody(id, sequentialId, someEvents), uploadHeaders(userAgent(device)));
+    }
+
+    // An upload through the SDK's own transfer, which keeps its connections between requests.
+    CurlTransferResult send(CurlTransfer& transfer, const std::string& id, std::int64_t sequentialId,
+                            double idleTimeoutSeconds = 20, std::string* answer = nullptr) {
+        UrlRequest request;
+        request.url = server_->baseURL() + "api/event_batches";
+        request.httpMethod = "POST";
+        request.headers = {{"Content-Type", "application/octet-stream"}};
+        for (const auto& header : uploadHeaders()) request.headers.push_back(header);
+        const std::string body = batchBody(id, sequentialId, someEvents);
+        return transfer.perform(
+            request, {body, std::nullopt}, idleTimeoutSeconds,
+            [answer](std::string_view data) {
+                if (answer != nullptr) answer->append(data);
+            },
+            [] { return false; });
     }
 
     test::TempDir dir_;
@@ -164,20 +188,59 @@ TEST_F(CollectorTest, SequentialIdGapsAndStepBacksAreCountedPerDeviceNotRefused)
     EXPECT_EQ(std::tie(stats.devices, stats.sequentialIdGaps, stats.sequentialIdStepBacks), std::make_tuple(2, 1, 2));
 }
 
-TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndARepeatedIdIsAnsweredSuccessAndStoredOnce) {
+TEST_F(CollectorTest, RepeatedBatchIdIsSuccessForTheSameContentAndAConflictForOther) {
+    ASSERT_EQ(upload("r", 1).status, 200);
+    // The same content is a repeat whichever device header comes with it.
+    const Answer again = upload("r", 1, "other");
+    EXPECT_EQ(again.status, 200);
+    EXPECT_NE(again.body.find("received before; not stored again"), std::string::npos) << again.body;
+
+    const std::vector<EventRecord> reordered(someEvents.rbegin(), someEvents.rend());
+    std::vector<EventRecord> oneMore = someEvents;
+    oneMore.push_back(Battery(Date{1700000002}, true, 0.5f));
+    const std::vector<std::pair<const char*, std::string>> others = {
+        {"another sequential id", batchBody("r", 2, someEvents)},
+        {"the events in another order", batchBody("r", 1, reordered)},
+        {"one event more", batchBody("r", 1, oneMore)},
+    };
+    for (const auto& [what, body] : others) {
+        const Answer conflict = post(body);
+        EXPECT_EQ(conflict.status, 409) << what << ": " << conflict.body;
+        EXPECT_EQ(conflict.body, "batch r was received before with other content; not stored\n") << what;
+        EXPECT_EQ(conflict.contentType.rfind("text/plain", 0), 0u) << what;
+    }
+    EXPECT_EQ(upload("r", 1).status, 200) << "a conflict changed what is kept";
+    const Stats stats = server_->stats();
+    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.duplicatesRefused, stats.conflicts),
+              std::make_tuple(1, 2, 2, 3));
+    EXPECT_EQ(stats.requestsRejected, (std::map<int, std::int64_t>{{409, 3}}));
+    httplib::Client client("127.0.0.1", server_->port());
+    const auto figures = client.Get("/api/stats");
+    ASSERT_TRUE(figures);
+    EXPECT_EQ(json::parse(figures->body).at("conflicts"), 3);
+}
+
+TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndAFileWithoutContentDigestsStillTellsRepeatsApart) {
     CollectorOptions options;
     options.databasePath = dir_ / "collector.sqlite";
     startServer(options);
     ASSERT_EQ(upload("kept", 1).status, 200);
+    server_.reset();
+    {
+        // The file as a collector from before the content digests wrote it.
+        sqlite::Database db(options.databasePath.string(), false);
+        db.exec("ALTER TABLE batches DROP COLUMN content_digest;");
+    }
     startServer(options);
     EXPECT_EQ(server_->events().size(), 2u);
-    const Answer again = upload("kept", 2, "other");
-    EXPECT_EQ(again.status, 200);
-    EXPECT_NE(again.body.find("received before"), std::string::npos) << again.body;
+    EXPECT_EQ(upload("kept", 1).status, 200);
+    EXPECT_EQ(upload("kept", 2).status, 409);
     EXPECT_EQ(upload("later", 3).status, 200);
+    startServer(options);
+    EXPECT_EQ(upload("later", 3).status, 200);
+    EXPECT_EQ(upload("later", 4).status, 409);
     const Stats stats = server_->stats();
-    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.duplicatesRefused, stats.devices),
-              std::make_tuple(2, 4, 1, 1));
+    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.devices), std::make_tuple(2, 4, 1));
     EXPECT_EQ(server_->batches().at(1).step, SequenceStep::gap);  // the device's history survived too
 }
 
@@ -436,17 +499,116 @@ TEST_F(CollectorTest, DroppedUploadIsATransportErrorForTheSdksTransferAndStoresN
     EXPECT_EQ(server_->stats().batchRequests, 4) << "a hidden retry reached the service";
 }
 
-TEST_F(CollectorTest, StopCutsALongDelayShortAndTheHeldRequestStillCompletes) {
-    FaultOptions faults;
-    faults.delayMs = 60 * 60 * 1000;
-    server_->setFaults(faults);
-    auto pending = std::async(std::launch::async, [this] { return upload("slow", 1); });
-    ASSERT_TRUE(server_->waitForStats([](const Stats& stats) { return stats.faultsInjected.contains("delay"); },
-                                      generous));
-    server_->stop();
-    ASSERT_EQ(pending.wait_for(generous), std::future_status::ready);
-    EXPECT_EQ(pending.get().status, 200);
-    EXPECT_EQ(server_->batches().size(), 1u);
+// Each hits every second upload: the first is answered, the second is stored and its answer
+// lost. Over the SDK's transfer, so a hidden resend on a fresh connection would show.
+TEST_F(CollectorTest, FaultsAfterTheStoreKeepTheBatchAndLoseOrSpoilItsAnswer) {
+    struct Case {
+        const char* fault;
+        FaultOptions faults;
+        double idleTimeoutSeconds;
+        long status;  // of the second upload
+        long urlError;
+        const char* detail;
+    };
+    const std::vector<Case> cases = {
+        {"close_after_store", faultsWith([](FaultOptions& f) { f.closeAfterStoreEvery = 2; }), 20, 0,
+         URLError::networkConnectionLost, "Empty reply"},
+        {"reset_after_store", faultsWith([](FaultOptions& f) { f.resetAfterStoreEvery = 2; }), 20, 0,
+         URLError::networkConnectionLost, "reset by peer"},
+        // The client gives up long before the answer would come.
+        {"late_answer", faultsWith([](FaultOptions& f) { f.lateAnswerEvery = 2; }), 0.5, 0, URLError::timedOut, ""},
+        {"trickle", faultsWith([](FaultOptions& f) { f.trickleEvery = 2; }), 0.5, 0, URLError::timedOut, ""},
+        // A client that waits a fast trickle out gets the whole answer.
+        {"trickle", faultsWith([](FaultOptions& f) { f.trickleEvery = 2;
+                     f.trickleIntervalMs = 1; }), 20, 200, 0, ""},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const auto& [fault, faults, idleTimeoutSeconds, status, urlError, detail] = cases[i];
+        SCOPED_TRACE(i);
+        CollectorOptions options;
+        options.faults = faults;
+        startServer(options);
+        CurlTransfer transfer;
+        ASSERT_EQ(send(transfer, "a1", 1).statusCode, 200);
+        std::string answer;
+        const auto result = send(transfer, "a2", 2, idleTimeoutSeconds, &answer);
+        EXPECT_EQ(result.statusCode, status);
+        const Error error = result.error.value_or(Error{});
+        EXPECT_EQ(error.code, urlError) << error.localizedDescription;
+        EXPECT_THAT(error.localizedDescription, testing::HasSubstr(detail));
+        if (status == 200) {
+            EXPECT_EQ(json::parse(answer).at("message"), "stored batch a2 with 2 events");
+        }
+
+        ASSERT_TRUE(server_->waitForBatches(2, generous));
+        EXPECT_EQ(batchIds(*server_), (std::vector<std::string>{"a1", "a2"}));
+        const Stats stats = server_->stats();
+        EXPECT_EQ(stats.faultsInjected, (std::map<std::string, std::int64_t>{{fault, 1}}));
+        EXPECT_EQ(stats.batchRequests, 2) << "a hidden resend reached the service";
+    }
+}
+
+TEST_F(CollectorTest, NewFaultSettingsRoundTripAndTheFirstFaultInPrecedenceActs) {
+    const json settings = {{"close_after_store_every", 1}, {"reset_after_store_every", 1}, {"late_answer_every", 1},
+                           {"late_answer_ms", 5},          {"trickle_every", 1},           {"trickle_interval_ms", 7},
+                           {"garbage_every", 1},           {"fail_every", 2}};
+    httplib::Client client("127.0.0.1", server_->port());
+    const auto changed = client.Post("/control/faults", settings.dump(), "application/json");
+    ASSERT_TRUE(changed);
+    const auto current = client.Get("/control/faults");
+    ASSERT_TRUE(current);
+    for (const auto& answered : {json::parse(changed->body), json::parse(current->body)}) {
+        for (const auto& [key, value] : settings.items()) EXPECT_EQ(answered.at(key), value) << key;
+    }
+    const FaultOptions faults = server_->faults();
+    EXPECT_EQ(std::tie(faults.closeAfterStoreEvery, faults.resetAfterStoreEvery, faults.lateAnswerEvery,
+                       faults.lateAnswerMs, faults.trickleEvery, faults.trickleIntervalMs),
+              std::make_tuple(1, 1, 1, 5, 1, 7));
+    EXPECT_EQ(client.Post("/control/faults", R"({"trickle_interval_ms":-1})", "application/json")->status, 400);
+
+    // The first upload is closed (the first after-store fault), the second fails before
+    // anything is stored (a failure acts first).
+    CurlTransfer transfer;
+    const auto closed = send(transfer, "p1", 1);
+    EXPECT_THAT(closed.error.value_or(Error{}).localizedDescription, testing::HasSubstr("Empty reply"));
+    EXPECT_EQ(send(transfer, "p2", 2).statusCode, 503);
+    EXPECT_EQ(batchIds(*server_), std::vector<std::string>{"p1"});
+    EXPECT_EQ(server_->stats().faultsInjected,
+              (std::map<std::string, std::int64_t>{{"close_after_store", 1}, {"fail", 1}}));
+}
+
+// A held answer would keep stop() waiting for its handler; each is cut short instead and
+// goes out whole.
+TEST_F(CollectorTest, StopCutsLongDelaysLateAnswersAndTricklesShortAndTheirAnswersStillGoOut) {
+    constexpr int hour = 60 * 60 * 1000;
+    const std::vector<std::pair<const char*, FaultOptions>> cases = {
+        {"delay", faultsWith([](FaultOptions& f) { f.delayMs = hour; })},
+        {"late_answer", faultsWith([](FaultOptions& f) { f.lateAnswerEvery = 1;
+                            f.lateAnswerMs = hour; })},
+        {"trickle", faultsWith([](FaultOptions& f) { f.trickleEvery = 1;
+                            f.trickleIntervalMs = hour; })},
+    };
+    for (const auto& [fault, faults] : cases) {
+        SCOPED_TRACE(fault);
+        startServer(CollectorOptions{});
+        server_->setFaults(faults);
+        auto pending = std::async(std::launch::async, [this] {
+            httplib::Client client("127.0.0.1", server_->port());
+            client.set_read_timeout(generous);
+            return client.Post("/api/event_batches", uploadHeaders(), batchBody("slow", 1, someEvents),
+                               "application/octet-stream");
+        });
+        ASSERT_TRUE(server_->waitForStats(
+            [fault = std::string(fault)](const Stats& stats) { return stats.faultsInjected.contains(fault); },
+            generous));
+        server_->stop();
+        ASSERT_EQ(pending.wait_for(generous), std::future_status::ready);
+        const auto answer = pending.get();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->status, 200);
+        EXPECT_EQ(json::parse(answer->body).at("message"), "stored batch slow with 2 events");
+        EXPECT_EQ(server_->batches().size(), 1u);
+    }
 }
 
 }  // namespace

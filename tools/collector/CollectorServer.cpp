@@ -1,9 +1,11 @@
 #include "collector/CollectorServer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <charconv>
@@ -76,6 +78,30 @@ void forEachServerConnection(int localPort, Visit visit) {
     }
 }
 
+// Resets the connection (the client sees ECONNRESET) while its descriptor number stays open
+// for cpp-httplib, which owns it and closes it later: closing the number outright would let
+// another thread's new socket take it before the library closes it again. Closing a socket
+// whose linger time is zero sends a reset; dup3 closes the connection's socket and puts an
+// unconnected one, on which the library's own answer fails, under the same number in one step.
+void resetConnection(int fd) {
+    const linger abortive{1, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abortive, sizeof abortive);
+    const int placeholder = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (placeholder < 0 || ::dup3(placeholder, fd, O_CLOEXEC) < 0) {
+        ::shutdown(fd, SHUT_RDWR);  // no answer at least, if no reset
+    }
+    if (placeholder >= 0) ::close(placeholder);
+}
+
+// A whole 200 answer as it goes on the wire, for the trickle, which writes it itself.
+std::string rawAnswer(const std::string& body) {
+    return std::string("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: ") +
+           std::to_string(body.size()) + "\r\nConnection: close\r\n" + faultHeader + ": trickle\r\n\r\n" + body;
+}
+
+// The faults that act after a batch is stored, in precedence order.
+enum class AfterStore { none, close, reset, lateAnswer, trickle, garbage };
+
 std::optional<std::string> faultsFromJson(const std::string& text, FaultOptions& out) {
     json body;
     try {
@@ -85,11 +111,18 @@ std::optional<std::string> faultsFromJson(const std::string& text, FaultOptions&
     }
     if (!body.is_object()) return std::string("the fault settings must be a JSON object");
     FaultOptions faults;
-    const std::pair<const char*, int FaultOptions::*> counts[] = {{"fail_every", &FaultOptions::failEvery},
-                                                                 {"fail_status", &FaultOptions::failStatus},
-                                                                 {"delay_ms", &FaultOptions::delayMs},
-                                                                 {"drop_every", &FaultOptions::dropEvery},
-                                                                 {"garbage_every", &FaultOptions::garbageEvery}};
+    const std::pair<const char*, int FaultOptions::*> counts[] = {
+        {"fail_every", &FaultOptions::failEvery},
+        {"fail_status", &FaultOptions::failStatus},
+        {"delay_ms", &FaultOptions::delayMs},
+        {"drop_every", &FaultOptions::dropEvery},
+        {"garbage_every", &FaultOptions::garbageEvery},
+        {"close_after_store_every", &FaultOptions::closeAfterStoreEvery},
+        {"reset_after_store_every", &FaultOptions::resetAfterStoreEvery},
+        {"late_answer_every", &FaultOptions::lateAnswerEvery},
+        {"late_answer_ms", &FaultOptions::lateAnswerMs},
+        {"trickle_every", &FaultOptions::trickleEvery},
+        {"trickle_interval_ms", &FaultOptions::trickleIntervalMs}};
     for (const auto& [key, value] : body.items()) {
         if (key == "fail_body") {
             if (!value.is_string()) return std::string("\"fail_body\" must be a string");
@@ -114,9 +147,18 @@ std::optional<std::string> faultsFromJson(const std::string& text, FaultOptions&
 }
 
 json faultsToJson(const FaultOptions& faults) {
-    return json{{"fail_every", faults.failEvery}, {"fail_status", faults.failStatus},
-                {"fail_body", faults.failBody},   {"delay_ms", faults.delayMs},
-                {"drop_every", faults.dropEvery}, {"garbage_every", faults.garbageEvery}};
+    return json{{"fail_every", faults.failEvery},
+                {"fail_status", faults.failStatus},
+                {"fail_body", faults.failBody},
+                {"delay_ms", faults.delayMs},
+                {"drop_every", faults.dropEvery},
+                {"garbage_every", faults.garbageEvery},
+                {"close_after_store_every", faults.closeAfterStoreEvery},
+                {"reset_after_store_every", faults.resetAfterStoreEvery},
+                {"late_answer_every", faults.lateAnswerEvery},
+                {"late_answer_ms", faults.lateAnswerMs},
+                {"trickle_every", faults.trickleEvery},
+                {"trickle_interval_ms", faults.trickleIntervalMs}};
 }
 
 }  // namespace
@@ -132,6 +174,7 @@ std::string statsJson(const Stats& stats) {
                 {"sequential_id_step_backs", stats.sequentialIdStepBacks},
                 {"batch_requests", stats.batchRequests},
                 {"duplicates_refused", stats.duplicatesRefused},
+                {"conflicts", stats.conflicts},
                 {"body_bytes", stats.bodyBytes},
                 {"document_bytes", stats.documentBytes},
                 {"requests_rejected", rejected},
@@ -180,6 +223,25 @@ struct CollectorServer::Impl {
     void routes();
     void handleBatch(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader);
     void refuse(httplib::Response& res, const Rejection& rejection);
+    // Writes the answer one byte per interval, so the client sees a transfer that makes
+    // almost no progress, then ends the connection so that the library's own answer never
+    // follows. Stops when a write fails (the client has gone); once the service is stopping,
+    // the rest goes out at once.
+    void trickle(int fd, std::string_view answer, std::chrono::milliseconds interval);
+
+    // The server's socket of the request's connection, or -1.
+    int connectionOf(const httplib::Request& req) const {
+        int found = -1;
+        forEachServerConnection(boundPort, [&](int fd, const std::string& host, int peerPort) {
+            if (found < 0 && peerPort == req.remote_port && host == req.remote_addr) found = fd;
+        });
+        return found;
+    }
+    // Waits up to the duration; true when the service is stopping (at once if it is).
+    bool waitUnlessStopping(std::chrono::milliseconds duration) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, duration, [this] { return stopping; });
+    }
     Stats snapshot() const {
         std::lock_guard lock(mutex);
         return snapshotLocked();
@@ -301,11 +363,26 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     const auto hits = [number](int every) { return every > 0 && number % static_cast<std::uint64_t>(every) == 0; };
     const bool drop = hits(active.dropEvery);
     const bool fail = !drop && hits(active.failEvery);
-    const bool garbage = !drop && !fail && hits(active.garbageEvery);
+    AfterStore afterStore = AfterStore::none;
+    if (!drop && !fail) {
+        const std::pair<int, AfterStore> inPrecedence[] = {{active.closeAfterStoreEvery, AfterStore::close},
+                                                           {active.resetAfterStoreEvery, AfterStore::reset},
+                                                           {active.lateAnswerEvery, AfterStore::lateAnswer},
+                                                           {active.trickleEvery, AfterStore::trickle},
+                                                           {active.garbageEvery, AfterStore::garbage}};
+        for (const auto& [every, fault] : inPrecedence) {
+            if (hits(every)) {
+                afterStore = fault;
+                break;
+            }
+        }
+    }
     // A client that reuses a connection sends a request again on a fresh one when the old
-    // one closes without an answer, which would hide the drop. So while drops are on, no
-    // connection is offered for reuse.
-    if (active.dropEvery > 0) res.set_header("Connection", "close");
+    // one closes without an answer, which would hide the fault. So while a fault that ends
+    // connections is on, no connection is offered for reuse.
+    if (active.dropEvery > 0 || active.closeAfterStoreEvery > 0 || active.resetAfterStoreEvery > 0) {
+        res.set_header("Connection", "close");
+    }
 
     std::string body;
     bool tooLarge = false;
@@ -322,13 +399,7 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     if (drop) {
         res.set_header(faultHeader, "drop");
         res.status = 500;
-        bool found = false;
-        forEachServerConnection(boundPort, [&](int fd, const std::string& host, int peerPort) {
-            if (!found && peerPort == req.remote_port && host == req.remote_addr) {
-                ::shutdown(fd, SHUT_RDWR);
-                found = true;
-            }
-        });
+        if (const int fd = connectionOf(req); fd >= 0) ::shutdown(fd, SHUT_RDWR);
         countFault("drop");
         return;
     }
@@ -347,8 +418,7 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
 
     if (active.delayMs > 0) {
         countFault("delay");
-        std::unique_lock lock(mutex);
-        changed.wait_for(lock, std::chrono::milliseconds(active.delayMs), [this] { return stopping; });
+        waitUnlessStopping(std::chrono::milliseconds(active.delayMs));
     }
     if (fail) {
         countFault("fail");
@@ -376,23 +446,76 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     std::string message;
     {
         std::lock_guard lock(mutex);
-        counters.documentBytes += documentBytes;
-        if (outcome.duplicate) {
+        if (outcome.conflict) {
+            ++counters.conflicts;
+        } else if (outcome.duplicate) {
+            counters.documentBytes += documentBytes;
             ++counters.duplicatesRefused;
             message = "batch " + batch.id + " was received before; not stored again";
         } else {
+            counters.documentBytes += documentBytes;
             ++storedBatches;
             message = "stored batch " + batch.id + " with " + std::to_string(batch.events.size()) + " events";
         }
     }
-    if (garbage) {
+    if (outcome.conflict) {
+        return refuse(res, {409, "batch " + batch.id + " was received before with other content; not stored"});
+    }
+
+    const std::string answer = json{{"message", message}}.dump();
+    switch (afterStore) {
+    case AfterStore::none:
+        break;
+    case AfterStore::close:
+    case AfterStore::reset: {
+        const char* name = afterStore == AfterStore::close ? "close_after_store" : "reset_after_store";
+        countFault(name);
+        res.status = 500;
+        res.set_header(faultHeader, name);
+        if (const int fd = connectionOf(req); fd >= 0) {
+            if (afterStore == AfterStore::close) {
+                ::shutdown(fd, SHUT_RDWR);
+            } else {
+                resetConnection(fd);
+            }
+        }
+        return;
+    }
+    case AfterStore::lateAnswer:
+        countFault("late_answer");
+        // Then answered as usual, most often to a client that has given up and gone.
+        waitUnlessStopping(std::chrono::milliseconds(active.lateAnswerMs));
+        break;
+    case AfterStore::trickle:
+        countFault("trickle");
+        res.status = 200;
+        res.set_header(faultHeader, "trickle");
+        if (const int fd = connectionOf(req); fd >= 0) {
+            trickle(fd, rawAnswer(answer), std::chrono::milliseconds(active.trickleIntervalMs));
+            return;
+        }
+        break;
+    case AfterStore::garbage:
         countFault("garbage");
         res.status = 200;
         res.set_header(faultHeader, "garbage");
         res.set_content("}{ this answer is not JSON", "application/json");
         return;
     }
-    answerJson(res, 200, json{{"message", message}});
+    res.status = 200;
+    res.set_content(answer, "application/json");
+}
+
+void CollectorServer::Impl::trickle(int fd, std::string_view answer, std::chrono::milliseconds interval) {
+    std::size_t sent = 0;
+    while (sent < answer.size()) {
+        const bool cutShort = waitUnlessStopping(sent == 0 ? std::chrono::milliseconds(0) : interval);
+        const std::size_t length = cutShort ? answer.size() - sent : 1;
+        const ssize_t written = ::send(fd, answer.data() + sent, length, MSG_NOSIGNAL);
+        if (written <= 0) break;  // the client has gone
+        sent += static_cast<std::size_t>(written);
+    }
+    ::shutdown(fd, SHUT_RDWR);
 }
 
 CollectorServer::CollectorServer(CollectorOptions options) : impl_(std::make_unique<Impl>(std::move(options))) {}

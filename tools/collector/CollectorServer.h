@@ -6,8 +6,11 @@
 //
 // Endpoints
 //   POST /api/event_batches  the upload. Refusals are 4xx with a plain-text reason; an
-//                            accepted (or already accepted) batch is 200 with
-//                            {"message": "..."}.
+//                            accepted batch is 200 with {"message": "..."}. A batch id
+//                            received before is 200 again when the content (sequential id
+//                            and events, byte for byte, in order) is the same, and is not
+//                            stored again; with other content it is 409 and nothing is
+//                            stored, so a client that reuses an id for other events is seen.
 //   GET  /api/stats          the figures of Stats as JSON (see statsJson).
 //   GET  /api/events         every stored event in arrival order (see eventsJson); with
 //                            ?device_id=ID only those of that device's batches.
@@ -15,7 +18,10 @@
 //   POST /control/faults     replaces the fault settings with a JSON object of these keys,
 //                            each optional (absent means off / the default):
 //                              {"fail_every": N, "fail_status": S, "fail_body": "text",
-//                               "delay_ms": N, "drop_every": N, "garbage_every": N}
+//                               "delay_ms": N, "drop_every": N, "garbage_every": N,
+//                               "close_after_store_every": N, "reset_after_store_every": N,
+//                               "late_answer_every": N, "late_answer_ms": N,
+//                               "trickle_every": N, "trickle_interval_ms": N}
 //                            and answers the new settings. Changing them restarts the
 //                            request count that "every N" refers to.
 
@@ -33,8 +39,12 @@
 namespace rovalis::collector {
 
 // Faults apply to batch uploads only. "Every N" counts batch requests since the faults were
-// last set: request N, 2N, ... is hit. When several apply to one request, a drop wins over
-// a failure, which wins over garbage.
+// last set: request N, 2N, ... is hit. At most one fault besides the delay acts on a request.
+// A drop or a failure acts before anything is stored (a drop wins over a failure). The others
+// act only on a request that would be answered 200 (a batch stored now, or a repeat of one
+// stored before): its batch is stored as usual and then the answer is lost or spoilt. Among
+// them the first that hits wins, in this order: close after store, reset after store, late
+// answer, trickle, garbage.
 struct FaultOptions {
     int failEvery = 0;                       // answer failStatus with failBody; nothing is stored
     int failStatus = 503;
@@ -42,6 +52,12 @@ struct FaultOptions {
     int delayMs = 0;                         // every batch request waits this long before it is handled
     int dropEvery = 0;                       // close the connection after the first part of the body, no answer
     int garbageEvery = 0;                    // a valid batch is stored and answered 200 with a body that is not JSON
+    int closeAfterStoreEvery = 0;            // store, then close the connection (FIN) without an answer
+    int resetAfterStoreEvery = 0;            // store, then reset the connection (RST) without an answer
+    int lateAnswerEvery = 0;                 // store, then hold the answer for lateAnswerMs
+    int lateAnswerMs = 70000;                // past the SDK's 60 s idle time-out
+    int trickleEvery = 0;                    // store, then write the answer one byte per trickleIntervalMs,
+    int trickleIntervalMs = 5000;            //   status line and headers included
 
     friend bool operator==(const FaultOptions&, const FaultOptions&) = default;
 };
@@ -64,15 +80,19 @@ struct Stats {
     std::int64_t sequentialIdStepBacks = 0;
     // The figures below count this run only.
     std::int64_t batchRequests = 0;          // every request that reached the upload endpoint
-    std::int64_t duplicatesRefused = 0;      // answered 200, not stored again
+    std::int64_t duplicatesRefused = 0;      // a repeat with the same content: answered 200, not stored again
+    std::int64_t conflicts = 0;              // a batch id received before with other content: 409
     std::int64_t bodyBytes = 0;              // request bodies received whole, as sent (compressed)
     std::int64_t documentBytes = 0;          // the batch documents of accepted requests, inflated
-    std::map<int, std::int64_t> requestsRejected;      // by status, refusals of the checks
-    std::map<std::string, std::int64_t> faultsInjected;  // "fail", "drop", "garbage", "delay"
+    std::map<int, std::int64_t> requestsRejected;      // by status, refusals (conflicts among them, as 409)
+    // "fail", "drop", "garbage", "delay", "close_after_store", "reset_after_store",
+    // "late_answer", "trickle"
+    std::map<std::string, std::int64_t> faultsInjected;
 };
 
 // {"batches", "events", "events_by_type", "devices", "sequential_id_gaps",
-//  "sequential_id_step_backs", "batch_requests", "duplicates_refused", "body_bytes", "document_bytes",
+//  "sequential_id_step_backs", "batch_requests", "duplicates_refused", "conflicts", "body_bytes",
+//  "document_bytes",
 //  "requests_rejected" (status text to count), "faults_injected"}
 std::string statsJson(const Stats& stats);
 
@@ -91,7 +111,8 @@ public:
     // when it cannot bind. Once it returns, connections are accepted.
     void start();
     // Stops accepting, lets requests in progress finish (their batches are stored) and
-    // closes idle connections. Safe to call more than once.
+    // closes idle connections. A delay, late answer or trickle in progress is cut short: its
+    // answer goes out whole at once. Safe to call more than once.
     void stop();
 
     int port() const;             // the bound port, once started

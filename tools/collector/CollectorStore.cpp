@@ -1,5 +1,8 @@
 #include "collector/CollectorStore.h"
 
+#include <openssl/evp.h>
+
+#include <array>
 #include <stdexcept>
 
 #include "events/SqliteDatabase.h"
@@ -17,7 +20,8 @@ CREATE TABLE IF NOT EXISTS batches (
     event_count INTEGER NOT NULL,
     step TEXT NOT NULL,
     received_at_ms INTEGER NOT NULL,
-    user_agent TEXT NOT NULL
+    user_agent TEXT NOT NULL,
+    content_digest TEXT
 );
 CREATE INDEX IF NOT EXISTS batches_by_device ON batches(device_id, row);
 CREATE TABLE IF NOT EXISTS events (
@@ -29,6 +33,65 @@ CREATE TABLE IF NOT EXISTS events (
     payload TEXT NOT NULL
 );
 )";
+
+// SHA-256 over what makes a batch's content: its sequential id and its events' bytes in
+// order, each event preceded by its length so that no two event lists hash alike by moving
+// bytes from one event to its neighbour. Written as lower-case hex.
+class ContentDigest {
+public:
+    explicit ContentDigest(std::int64_t sequentialId) : context_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
+        if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) {
+            throw std::runtime_error("SHA-256 is not available");
+        }
+        add("sequential_id:" + std::to_string(sequentialId) + "\n");
+    }
+
+    void addEvent(std::string_view payload) {
+        add(std::to_string(payload.size()) + ":");
+        add(payload);
+    }
+
+    std::string hex() {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        unsigned int length = 0;
+        EVP_DigestFinal_ex(context_.get(), digest.data(), &length);
+        static constexpr char digits[] = "0123456789abcdef";
+        std::string text;
+        for (unsigned int i = 0; i < length; ++i) {
+            text += digits[digest[i] >> 4];
+            text += digits[digest[i] & 0xF];
+        }
+        return text;
+    }
+
+private:
+    void add(std::string_view bytes) { EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size()); }
+
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context_;
+};
+
+std::string digestOf(const BatchDocument& batch) {
+    ContentDigest digest(batch.sequentialId);
+    for (const auto& event : batch.events) digest.addEvent(event.payload);
+    return digest.hex();
+}
+
+// A batch stored by a collector from before the digest column has none; its stored events
+// are its exact bytes, so the digest is worked out from them.
+std::string storedDigestOf(sqlite::Database& db, std::int64_t batchRow, std::int64_t sequentialId) {
+    ContentDigest digest(sequentialId);
+    sqlite::Statement events(db, "SELECT payload FROM events WHERE batch_row = ? ORDER BY position");
+    events.bind(1, batchRow);
+    while (events.step()) digest.addEvent(events.columnText(0));
+    return digest.hex();
+}
+
+bool hasColumn(sqlite::Database& db, std::string_view table, std::string_view column) {
+    sqlite::Statement columns(db, "SELECT 1 FROM pragma_table_info(?) WHERE name = ?");
+    columns.bindText(1, table);
+    columns.bindText(2, column);
+    return columns.step();
+}
 
 SequenceStep stepFromName(std::string_view name) {
     if (name == "next") return SequenceStep::next;
@@ -56,6 +119,11 @@ CollectorStore::CollectorStore(const std::filesystem::path& path) {
         if (name != ":memory:") db_->exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL;");
         db_->exec("PRAGMA foreign_keys=ON;");
         db_->exec(schema);
+        // Files written before batches kept a digest of their content gain the column; their
+        // rows are left without one (see storedDigestOf).
+        if (!hasColumn(*db_, "batches", "content_digest")) {
+            db_->exec("ALTER TABLE batches ADD COLUMN content_digest TEXT;");
+        }
     } catch (const sqlite::Error& error) {
         throw std::runtime_error("cannot open the collector database " + name + ": " + error.what());
     }
@@ -65,15 +133,25 @@ CollectorStore::~CollectorStore() = default;
 
 CollectorStore::Outcome CollectorStore::store(const BatchDocument& batch, const std::string& deviceId,
                                               const std::string& userAgent, std::int64_t receivedAtMs) {
+    const std::string digest = digestOf(batch);  // outside the lock: a large batch takes milliseconds
     std::lock_guard lock(mutex_);
     try {
         sqlite::Transaction transaction(*db_);
         Outcome outcome;
         {
-            sqlite::Statement seen(*db_, "SELECT 1 FROM batches WHERE batch_id = ?");
+            sqlite::Statement seen(*db_,
+                                   "SELECT row, sequential_id, content_digest IS NULL, content_digest FROM batches "
+                                   "WHERE batch_id = ?");
             seen.bindText(1, batch.id);
             if (seen.step()) {
-                outcome.duplicate = true;
+                const std::string storedDigest =
+                    seen.columnInt64(2) != 0 ? storedDigestOf(*db_, seen.columnInt64(0), seen.columnInt64(1))
+                                             : std::string(seen.columnText(3));
+                if (storedDigest == digest) {
+                    outcome.duplicate = true;
+                } else {
+                    outcome.conflict = true;
+                }
                 return outcome;
             }
         }
@@ -94,7 +172,7 @@ CollectorStore::Outcome CollectorStore::store(const BatchDocument& batch, const 
         }
         sqlite::Statement insertBatch(*db_,
                                       "INSERT INTO batches (batch_id, sequential_id, device_id, event_count, step, "
-                                      "received_at_ms, user_agent) VALUES (?, ?, ?, ?, ?, ?, ?)");
+                                      "received_at_ms, user_agent, content_digest) VALUES (?, ?, ?, ?, ?, ?, ?, ?)");
         insertBatch.bindText(1, batch.id);
         insertBatch.bind(2, batch.sequentialId);
         insertBatch.bindText(3, deviceId);
@@ -102,6 +180,7 @@ CollectorStore::Outcome CollectorStore::store(const BatchDocument& batch, const 
         insertBatch.bindText(5, stepName(outcome.step));
         insertBatch.bind(6, receivedAtMs);
         insertBatch.bindText(7, userAgent);
+        insertBatch.bindText(8, digest);
         insertBatch.run();
         const std::int64_t batchRow = db_->lastInsertRowid();
 

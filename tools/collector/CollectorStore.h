@@ -2,7 +2,10 @@
 
 // The collection service's SQLite store: one row per accepted batch, one per event, each
 // batch written in one transaction. Batch ids are unique across devices; sequential ids are
-// followed per device id.
+// followed per device id. Each batch row keeps a SHA-256 digest of its content (sequential
+// id and events), so a repeated id is told apart from an id reused for other content.
+// A file from before the digest column gains it when opened; its older rows have no digest
+// stored, and theirs is worked out from their stored events when their id comes again.
 
 #include <cstdint>
 #include <filesystem>
@@ -64,7 +67,8 @@ public:
     CollectorStore& operator=(const CollectorStore&) = delete;
 
     struct Outcome {
-        bool duplicate = false;  // the id was accepted before; nothing was written
+        bool duplicate = false;  // the id was accepted before with the same content; nothing was written
+        bool conflict = false;   // the id was accepted before with other content; nothing was written
         SequenceStep step = SequenceStep::first;
     };
 

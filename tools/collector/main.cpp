@@ -19,16 +19,43 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(0, 65535));
     app.add_option("--db", database, "SQLite file that keeps the batches (default: in memory)");
-    app.add_option("--fail-every", options.faults.failEvery, "Fail every Nth upload")->check(CLI::Range(0, 86400000));
+    app.add_option("--fail-every", options.faults.failEvery, "Fail every Nth upload without storing it")
+        ->check(CLI::Range(0, 86400000));
     app.add_option("--fail-status", options.faults.failStatus, "Status of a failed upload")
         ->capture_default_str()
         ->check(CLI::Range(200, 599));
     app.add_option("--fail-body", options.faults.failBody, "Body of a failed upload")->capture_default_str();
     app.add_option("--delay-ms", options.faults.delayMs, "Delay every upload's answer")->check(CLI::Range(0, 86400000));
-    app.add_option("--drop-every", options.faults.dropEvery, "Close the connection of every Nth upload unanswered")
+    app.add_option("--drop-every", options.faults.dropEvery,
+                   "Close the connection of every Nth upload unanswered, before storing it")
         ->check(CLI::Range(0, 86400000));
-    app.add_option("--garbage-every", options.faults.garbageEvery, "Answer every Nth upload 200 with a body that is not JSON")
+    app.add_option("--garbage-every", options.faults.garbageEvery,
+                   "Store every Nth upload and answer it 200 with a body that is not JSON")
         ->check(CLI::Range(0, 86400000));
+    app.add_option("--close-after-store-every", options.faults.closeAfterStoreEvery,
+                   "Store every Nth upload, then close its connection without an answer")
+        ->check(CLI::Range(0, 86400000));
+    app.add_option("--reset-after-store-every", options.faults.resetAfterStoreEvery,
+                   "Store every Nth upload, then reset its connection without an answer")
+        ->check(CLI::Range(0, 86400000));
+    app.add_option("--late-answer-every", options.faults.lateAnswerEvery,
+                   "Store every Nth upload, then hold its answer for --late-answer-ms")
+        ->check(CLI::Range(0, 86400000));
+    app.add_option("--late-answer-ms", options.faults.lateAnswerMs, "How long a late answer is held")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 86400000));
+    app.add_option("--trickle-every", options.faults.trickleEvery,
+                   "Store every Nth upload, then write its answer one byte per --trickle-interval-ms")
+        ->check(CLI::Range(0, 86400000));
+    app.add_option("--trickle-interval-ms", options.faults.trickleIntervalMs, "Time between the bytes of a trickle")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 86400000));
+    app.footer(
+        "At most one fault besides the delay acts on an upload. A drop or a failure acts before anything is "
+        "stored, a drop first. The others act on an upload that is answered 200 (stored now or before), after "
+        "storing; the first that hits wins, in this order: close after store, reset after store, late answer, "
+        "trickle, garbage. A batch id received before is answered 200 and not stored again when its content is "
+        "the same, 409 when it differs.");
     CLI11_PARSE(app, argc, argv);
     options.databasePath = database;
 
