@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
+#include <map>
 #include <mutex>
 #include <set>
 #include <spawn.h>
@@ -129,6 +130,72 @@ TEST_F(UploadEndToEnd, RejectedBatchKeepsItsEventsAndIsResentUnderTheSameIdentit
     EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 45000);
     EXPECT_EQ(collector->stats().duplicatesRefused, 0);
     EXPECT_EQ(stack->events->eventsCount(), 0);
+}
+
+// Every payload the service stored, counted: exactly once means one each.
+std::map<std::string, int> storedPayloads(const CollectorServer& collector) {
+    std::map<std::string, int> counts;
+    for (const auto& event : collector.events()) ++counts[event.payload];
+    return counts;
+}
+
+TEST_F(UploadEndToEnd, AnswersLostAfterTheServiceStoredTheBatchLoseNothingAndStoreNothingTwice) {
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(45000);
+    const auto recorded = stack->events->fetchEventsPayloadTo(std::nullopt, 0);
+    FaultOptions loseAnswers;
+    loseAnswers.closeAfterStoreEvery = 2;  // the second batch is kept, its answer never comes
+    collector->setFaults(loseAnswers);
+
+    EXPECT_FALSE(stack->sendEvents());
+    // More events arrive before the next attempt: they must not join the batch sent before.
+    stack->storeWaypoints(10, Date{1800000000.0});
+    loseAnswers.closeAfterStoreEvery = 0;
+    loseAnswers.resetAfterStoreEvery = 2;  // counting afresh: the repeat is answered, the next one is reset
+    collector->setFaults(loseAnswers);
+    EXPECT_FALSE(stack->sendEvents());
+    collector->setFaults({});
+    EXPECT_TRUE(stack->sendEvents());
+
+    const auto stats = collector->stats();
+    EXPECT_EQ(stats.conflicts, 0);
+    EXPECT_EQ(stats.duplicatesRefused, 2);
+    EXPECT_EQ(stats.sequentialIdGaps + stats.sequentialIdStepBacks, 0);
+    EXPECT_EQ(stats.eventsByType.at("Waypoint"), 45010);
+    const auto stored = storedPayloads(*collector);
+    for (const auto& event : recorded) EXPECT_EQ(stored.count(event.payload) ? stored.at(event.payload) : 0, 1);
+    for (const auto& [payload, count] : stored) EXPECT_EQ(count, 1) << payload;
+    for (const auto& left : stack->events->fetchEventsPayloadTo(std::nullopt, 0)) EXPECT_EQ(left.type, "Debug");
+}
+
+TEST_F(UploadEndToEnd, ABatchIdTheServiceHoldsWithOtherContentIsGivenUpAndItsEventsGoUnderANewOne) {
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(5);
+    // The service already holds other content under the id the next batch would take.
+    {
+        TempDir otherRoot;
+        UploadStackOptions options;
+        options.dataRoot = otherRoot.path();
+        options.baseURL = collector->baseURL();
+        auto other = std::make_unique<UploadStack>(options);
+        other->credentials->setAccessToken(sampleAccessToken());
+        other->storeWaypoints(3, Date{1600000000.0});
+        const BatchIdentity taken{stack->credentials->batchId(), stack->credentials->sequentialId()};
+        other->credentials->setBatchId(taken.batchId);
+        other->credentials->setSequentialId(taken.sequentialId);
+        ASSERT_TRUE(other->sendEvents());
+    }
+    test::ConsoleCapture console;
+    EXPECT_FALSE(stack->sendEvents());
+    EXPECT_EQ(collector->stats().conflicts, 1);
+    const auto lines = console.lines();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.starts_with("The service holds other content under batch");
+    }));
+    EXPECT_TRUE(stack->sendEvents());
+    EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 8);
 }
 
 TEST_F(UploadEndToEnd, WithoutATokenNothingIsSentAndTheHostIsTold) {
