@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "rovalis/Console.h"
+#include "sensing/LocationVerifier.h"
 #include "util/Fatal.h"
 
 namespace rovalis {
@@ -97,18 +98,21 @@ PauseManager::~PauseManager() {
 
 void PauseManager::sleepWithReason(const std::string& reason, const std::optional<Location>& lastKnownLocation,
                                    std::function<void(const std::optional<Location>& center)> completion) {
-    startBurst(lastKnownLocation, [this, reason, completion = std::move(completion)](const Location& center) {
-        recordSleep(reason, center);
-        if (completion) completion(center);
-    });
+    startBurst(lastKnownLocation,
+               [this, reason, completion = std::move(completion)](const std::optional<Location>& center) {
+                   recordSleep(reason, center);
+                   if (completion) completion(center);
+               });
 }
 
 void PauseManager::wakeupWithReason(const std::string& reason, const std::optional<Location>& lastKnownLocation,
                                     std::function<void(bool moved)> completion) {
-    startBurst(lastKnownLocation, [this, reason, completion = std::move(completion)](const Location& fix) {
-        const bool moved = recordWakeUpAndTestMoved(reason, fix);
-        if (completion) completion(moved);
-    });
+    startBurst(lastKnownLocation,
+               [this, reason, completion = std::move(completion)](const std::optional<Location>& fix) {
+                   // Without a position there is nothing to compare: waking up is the safe answer.
+                   const bool moved = !fix || recordWakeUpAndTestMoved(reason, *fix);
+                   if (completion) completion(moved);
+               });
 }
 
 void PauseManager::startBurst(const std::optional<Location>& lastKnownLocation, LocationCallback callback) {
@@ -116,7 +120,10 @@ void PauseManager::startBurst(const std::optional<Location>& lastKnownLocation, 
     // Without shared ownership the location manager and the timer could not reach us.
     if (weakSelf.expired()) fatalError("PauseManager must be owned by a shared_ptr");
 
-    lastLocation_ = lastKnownLocation;
+    lastLocation_.reset();
+    if (lastKnownLocation && acceptFixFrom(lastKnownLocationPath, *lastKnownLocation)) {
+        lastLocation_ = lastKnownLocation;
+    }
     // A burst already running hands its callback and its time-out over to this one.
     locationCallback_ = std::move(callback);
     if (timer_) timer_->invalidate();
@@ -135,7 +142,7 @@ void PauseManager::startBurst(const std::optional<Location>& lastKnownLocation, 
 void PauseManager::locationManagerDidUpdateLocations(LocationManagerType& /*manager*/,
                                                      const std::vector<Location>& locations) {
     for (const Location& fix : locations) {
-        if (fix.horizontalAccuracy < 0.0) continue;  // the platform's mark of an invalid fix
+        if (!acceptFixFrom(pauseBurstPath, fix)) continue;
         lastLocation_ = fix;
         if (const auto repository = eventRepository_.lock()) {
             repository->insertWaypointEventWithTrackedAtMs(fix.timestamp, fix.coordinate.latitude,
@@ -160,21 +167,29 @@ void PauseManager::finishBurst() {
     }
     locationManager_->stopUpdatingLocation();
 
-    if (!lastLocation_) fatalError("PauseManager finished a burst without any location");
+    // The last known location may have been refused and no usable fix come: the transition
+    // goes on without a position.
+    if (!lastLocation_) Console::log("the location burst ended without a usable fix");
     // Taken out first: the transition may start the next burst on this manager.
     const LocationCallback callback = std::exchange(locationCallback_, nullptr);
-    if (callback) callback(*lastLocation_);
+    if (callback) callback(lastLocation_);
 }
 
-void PauseManager::recordSleep(const std::string& reason, const Location& center) {
+void PauseManager::recordSleep(const std::string& reason, const std::optional<Location>& center) {
+    const auto records = pauseRecordManager_.lock();
+    if (!center) {
+        // A record of an earlier sleep would have the next wake-up measured from the wrong place.
+        if (records) records->setPauseRecord(std::nullopt);
+        return;
+    }
     if (const auto repository = eventRepository_.lock()) {
-        repository->insertPreSleepEventWithTrackedAtMs(dateSource_->now(), center.coordinate.latitude,
-                                                       center.coordinate.longitude, center.horizontalAccuracy,
+        repository->insertPreSleepEventWithTrackedAtMs(dateSource_->now(), center->coordinate.latitude,
+                                                       center->coordinate.longitude, center->horizontalAccuracy,
                                                        preSleepReasonCode(reason));
     }
-    if (const auto records = pauseRecordManager_.lock()) {
-        const PauseRecord record{center.coordinate.latitude, center.coordinate.longitude, center.horizontalAccuracy,
-                                 center.timestamp};
+    if (records) {
+        const PauseRecord record{center->coordinate.latitude, center->coordinate.longitude,
+                                 center->horizontalAccuracy, center->timestamp};
         auto bytes = record.encode();
         if (!bytes) fatalError("could not encode PauseRecord");
         records->setPauseRecord(std::move(bytes));

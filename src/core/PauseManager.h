@@ -47,10 +47,13 @@ long preSleepReasonCode(std::string_view reason);
 // "significant location" 2); 3 (unknown) when none does.
 long preWakeUpReasonCode(std::string_view reason);
 
-// Runs one short burst of best-accuracy fixes before a transition, records each fix as a
-// Waypoint, and hands the first fresh, accurate fix (or, at the time-out, the latest valid
-// one or the last known location) to the transition: PreSleep and the pause record before
-// sleeping, PreWakeUp and the moved test before waking.
+// Runs one short burst of best-accuracy fixes before a transition, records each usable fix
+// as a Waypoint, and hands the first fresh, accurate fix (or, at the time-out, the latest
+// usable one or the last known location) to the transition: PreSleep and the pause record
+// before sleeping, PreWakeUp and the moved test before waking. Every fix, the last known
+// location included, passes the fix check first. When no usable position is left at the
+// time-out, the sleep goes on without a centre (and without a pause record) and the wake-up
+// counts as moved.
 //
 // Lives on the main run loop; the caller must own it through a shared_ptr, because it is
 // the location manager's (weak) delegate and the time-out timer holds it weakly.
@@ -93,11 +96,11 @@ public:
     static Location pauseLocation(const PauseRecord& record);
 
 private:
-    using LocationCallback = std::function<void(const Location&)>;
+    using LocationCallback = std::function<void(const std::optional<Location>&)>;
 
     void startBurst(const std::optional<Location>& lastKnownLocation, LocationCallback callback);
     void finishBurst();
-    void recordSleep(const std::string& reason, const Location& center);
+    void recordSleep(const std::string& reason, const std::optional<Location>& center);
     bool recordWakeUpAndTestMoved(const std::string& reason, const Location& fix);
 
     const std::shared_ptr<LocationManagerType> locationManager_;

@@ -1,6 +1,6 @@
 #include "core/RVLGeneralLocationManager.h"
 
-#include <cmath>
+#include <algorithm>
 
 #include "core/TrackerRepository.h"
 #include "platform/linux/LinuxPlatform.h"
@@ -66,12 +66,6 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
     fill(platform.systemState, linux.systemState);
     if (platform.systemVersion.empty()) platform.systemVersion = linux.systemVersion;
     return platform;
-}
-
-bool isUsableFix(const Location& fix) {
-    return std::isfinite(fix.coordinate.latitude) && std::isfinite(fix.coordinate.longitude) &&
-           std::abs(fix.coordinate.latitude) <= 90.0 && std::abs(fix.coordinate.longitude) <= 180.0 &&
-           std::isfinite(fix.horizontalAccuracy) && fix.horizontalAccuracy >= 0.0;
 }
 
 }  // namespace
@@ -426,12 +420,8 @@ void RVLGeneralLocationManager::insertToggleStandbyEventsWithState(bool state, c
 
 // ---- Fixes
 
+// The regular tracker hands over only fixes that passed the fix check (sensing/LocationVerifier.h).
 void RVLGeneralLocationManager::didUpdateLocation(const Location& location, const std::string& provider) {
-    // A fix comes from outside; one the store would refuse is dropped, not fatal.
-    if (!isUsableFix(location)) {
-        Console::log("dropped an invalid location fix from " + provider);
-        return;
-    }
     {
         std::lock_guard lock(lastLocationMutex_);
         lastLocation_ = location;

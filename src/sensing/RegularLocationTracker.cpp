@@ -102,7 +102,9 @@ void RegularLocationTracker::invalidateTimers() {
 
 void RegularLocationTracker::didUpdateLocations(const std::vector<Location>& locations) {
     for (const Location& location : locations) {
-        if (verify(location, runLoop_->now())) processLocation(location);
+        if (acceptFixFrom(regularUpdatesPath, location) && verify(location, runLoop_->now())) {
+            processLocation(location);
+        }
     }
 }
 

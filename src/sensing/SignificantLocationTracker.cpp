@@ -41,7 +41,9 @@ SignificantLocationTracker::SignificantLocationTracker(std::shared_ptr<LocationM
 
 void SignificantLocationTracker::didUpdateLocations(const std::vector<Location>& locations) {
     for (const Location& location : locations) {
-        if (verify(location, dateSource_->now())) processLocation(location);
+        if (acceptFixFrom(significantChangesPath, location) && verify(location, dateSource_->now())) {
+            processLocation(location);
+        }
     }
 }
 

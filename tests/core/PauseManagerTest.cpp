@@ -7,6 +7,7 @@
 
 #include "events/EventRepository.h"
 #include "support/RecordingLocationManager.h"
+#include "support/SpoiledFixes.h"
 #include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
 #include "util/VirtualRunLoop.h"
@@ -197,16 +198,60 @@ TEST_F(PauseManagerTest, TheManagerMayGoWhileBurstingOrFromItsOwnCompletionAndNe
     EXPECT_EQ(repository->eventsCount(), 0);
 }
 
-using PauseManagerDeathTest = PauseManagerTest;
+TEST_F(PauseManagerTest, AnUnusableBurstFixIsDroppedWithOneLineAndNeitherRecordedNorDecidesTheTransition) {
+    const Location asleep = fix(20.0, 60.0);  // the last known location, where the SDK sleeps
+    defaults->setPauseRecord(PauseRecord{52.52, 13.405, 20.0, clock->now()}.encode());
+    // Fresh, accurate and 9 km away: usable, it would end the burst and count as moved.
+    for (const auto& [spoiled, defect] : test::spoiledFixes(fix(5.0, 0.0, 52.6))) {
+        SCOPED_TRACE(defect);
+        ConsoleCapture console;
+        makeManager();
+        sleep("application terminates", asleep);
+        locations->deliverLocations({spoiled});
+        loop->fastForwardBy(timeout);
+        EXPECT_EQ(center, asleep);
+        makeManager();
+        wakeup("exited geofence", asleep);
+        locations->deliverLocations({spoiled});
+        loop->fastForwardBy(timeout);
+        EXPECT_EQ(moved, false);
+        const std::string line = "dropped a location fix from the pause burst: " + defect;
+        EXPECT_EQ(console.lines(), (std::vector<std::string>{line, line}));
+    }
+    EXPECT_TRUE(events("Waypoint").empty());
+}
 
-TEST_F(PauseManagerDeathTest, ABurstWithoutAnyLocationIsAProgrammingError) {
-    EXPECT_DEATH(
-        {
-            sleep();
-            locations->deliverLocations({fix(-1.0)});
-            loop->fastForwardBy(timeout);
-        },
-        "Fatal error: PauseManager finished a burst without any location");
+TEST_F(PauseManagerTest, AnUnusableLastKnownLocationIsDroppedAndWithoutAUsableFixSleepHasNoCentreAndWakingCountsAsMoved) {
+    for (const auto& [spoiled, defect] : test::spoiledFixes(fix(20.0, 60.0))) {
+        SCOPED_TRACE(defect);
+        // A record of the very place: taken at its word, the last known location would count as not moved.
+        defaults->setPauseRecord(PauseRecord{52.52, 13.405, 20.0, clock->now()}.encode());
+        ConsoleCapture console;
+        makeManager();
+        wakeup("exited geofence", spoiled);
+        loop->fastForwardBy(timeout);
+        EXPECT_EQ(moved, true);
+        makeManager();
+        sleep("no movement in 10 minutes", spoiled);
+        loop->fastForwardBy(timeout);
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(center, std::nullopt);
+        EXPECT_FALSE(defaults->pauseRecord().has_value()) << "an earlier sleep's place is no reference any more";
+        const std::string line = "dropped a location fix from the last known location of a sleep or wake-up: " + defect;
+        const std::string noFix = "the location burst ended without a usable fix";
+        EXPECT_EQ(console.lines(), (std::vector<std::string>{line, noFix, line, noFix}));
+    }
+    EXPECT_TRUE(events("PreSleep").empty());
+    EXPECT_TRUE(events("PreWakeUp").empty());
+
+    // A usable fix of the burst still gives the centre.
+    ConsoleCapture console;
+    makeManager();
+    sleep("no movement in 10 minutes", test::spoiledFixes(fix(20.0))[0].fix);
+    const Location good = fix(5.0);
+    locations->deliverLocations({good});
+    EXPECT_EQ(center, good);
+    EXPECT_EQ(events("PreSleep").size(), 1u);
 }
 
 TEST_F(PauseManagerTest, EachTransitionRecordsItsEventWithTheReasonTheTextNamesAndSleepKeepsThePauseRecord) {

@@ -297,18 +297,14 @@ TEST_F(TrackingCore, WifiOnlyChangesAreRecordedOnlyWhenTheyChangeAndWhileTrackin
     EXPECT_EQ(stored("DeviceSettings").size(), 2u);
 }
 
-TEST_F(TrackingCore, FixesBecomeWaypointsTheHostHearsOfAndInvalidOnesAreDropped) {
+TEST_F(TrackingCore, FixesBecomeWaypointsTheHostHearsOf) {
     sdk->start();
     device.runUntil(device.now().addingSeconds(20));
     const auto waypoints = stored("Waypoint");
     ASSERT_FALSE(waypoints.empty());
     EXPECT_EQ(waypoints.front()["provider"], "regular");
     EXPECT_EQ(host->trackedLocations, static_cast<int>(waypoints.size()));
-    ASSERT_TRUE(sdk->lastLocation().has_value());
-
-    Location invalid{home, 0.0, -1.0, -1.0, -1.0, -1.0, device.now()};
-    sdk->didUpdateLocation(invalid, "regular");
-    EXPECT_EQ(stored("Waypoint").size(), waypoints.size());
+    EXPECT_TRUE(sdk->lastLocation().has_value());
 }
 
 TEST_F(TrackingCore, ClearingDeletesEveryStoredEventAndCompletesOnTheMainLoop) {

@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <GeographicLib/Geodesic.hpp>
+
 #include "sensing/SensingFakes.h"
 #include "support/RecordingLocationManager.h"
+#include "support/SpoiledFixes.h"
+#include "support/TestSupport.h"
 #include "util/VirtualRunLoop.h"
 
 namespace rovalis {
@@ -112,6 +117,49 @@ TEST_F(RegularLocationTrackerTest, FixesUpTo2600MetresAndUpTo3SecondsOldReachThe
     }
     EXPECT_EQ(sleeper->reasons, std::vector<std::string>{"no movement in 10 minutes"});
     EXPECT_EQ(RegularLocationTracker::stayReason(119.9), "no movement in 1 minutes") << "whole minutes, truncated";
+}
+
+TEST_F(RegularLocationTrackerTest, AFixThatIsNotUsableIsDroppedWithOneLineBeforeTheReceiverAndTheStayDetector) {
+    speedUp();
+    locations->deliverLocations({fix(5.0), fix(5.0)});  // a cluster and a smoothed position to keep
+    const std::vector<Location> cluster = stayDetector->cluster()->locations();
+    const std::optional<Location> smoothed = stayDetector->currentLocation();
+    for (const auto& [spoiled, defect] : test::spoiledFixes(fix(5.0))) {
+        SCOPED_TRACE(defect);
+        test::ConsoleCapture console;
+        locations->deliverLocations({spoiled});
+        EXPECT_EQ(console.lines(), std::vector<std::string>{"dropped a location fix from regular updates: " + defect});
+    }
+    EXPECT_EQ(receiver->updates.size(), 2u);
+    EXPECT_EQ(stayDetector->cluster()->locations(), cluster);
+    EXPECT_EQ(stayDetector->currentLocation(), smoothed);
+
+    // The edges of the globe, a zero accuracy and the platform's -1 for unknown speed and course are usable.
+    Location edge = fix(0.0);
+    edge.coordinate = {-90.0, 180.0};
+    edge.speed = edge.course = -1.0;
+    locations->deliverLocations({edge});
+    ASSERT_EQ(receiver->updates.size(), 3u);
+    EXPECT_EQ(receiver->updates.back().first, edge);
+}
+
+TEST_F(RegularLocationTrackerTest, ADriveOf12KilometresWithOneNaNFixInTheMiddleIsNoStay) {
+    // 30 km/h for 24 minutes, a fix every 5 seconds. After the middle more than the 10-minute
+    // limit is left: a NaN that reached the stay detector would pull every later fix into its
+    // cluster and report a stay on the road.
+    speedUp();
+    test::ConsoleCapture console;
+    constexpr int steps = 24 * 60 / 5;
+    for (int step = 0; step <= steps; ++step) {
+        double latitude = 0.0, longitude = 0.0;
+        GeographicLib::Geodesic::WGS84().Direct(52.52, 13.405, 0.0, 12000.0 * step / steps, latitude, longitude);
+        if (step == steps / 2) latitude = std::nan("");
+        locations->deliverLocations({test::fixAt(latitude, longitude, 10.0, clock->now())});
+        loop->fastForwardBy(5.0);
+    }
+    EXPECT_TRUE(sleeper->reasons.empty());
+    EXPECT_EQ(receiver->updates.size(), static_cast<std::size_t>(steps));
+    EXPECT_EQ(console.lines().size(), 1u);
 }
 
 }  // namespace

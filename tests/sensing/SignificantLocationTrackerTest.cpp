@@ -4,6 +4,7 @@
 
 #include "sensing/SensingFakes.h"
 #include "support/RecordingLocationManager.h"
+#include "support/SpoiledFixes.h"
 #include "support/TestSupport.h"
 
 namespace rovalis {
@@ -49,6 +50,19 @@ TEST_F(SignificantLocationTrackerTest, WhileStartedFixesUpTo10000MetresAndUpTo30
     EXPECT_EQ(stored[2]["latitude"], 1.0);
     tracker->stop();
     EXPECT_FALSE(locations->isMonitoringSignificantLocationChanges());
+}
+
+TEST_F(SignificantLocationTrackerTest, AFixThatIsNotUsableIsDroppedWithOneLineNeitherRecordedNorWakingTheSdk) {
+    tracker->start();
+    for (const auto& [spoiled, defect] : test::spoiledFixes(fix(65.0, 0.0, 52.52))) {
+        SCOPED_TRACE(defect);
+        test::ConsoleCapture console;
+        locations->deliverLocations({spoiled});
+        EXPECT_EQ(console.lines(),
+                  std::vector<std::string>{"dropped a location fix from significant-change updates: " + defect});
+    }
+    EXPECT_TRUE(waker->requests.empty());
+    EXPECT_EQ(repository->eventsCount(), 0);
 }
 
 }  // namespace
