@@ -36,6 +36,8 @@ collector::FaultOptions serviceFaults() {
     collector::FaultOptions faults;
     faults.failEvery = 7;   // a 503: the batch has to go out again
     faults.dropEvery = 11;  // the connection closes in the middle of the body
+    faults.closeAfterStoreEvery = 3;  // the batch is kept, its answer never comes
+    faults.resetAfterStoreEvery = 5;  // the batch is kept, the connection is reset
     faults.delayMs = 20;    // every answer takes a moment, so kills land with requests in flight
     return faults;
 }
