@@ -58,7 +58,7 @@ SimulationReport sampleReport() {
     report.scenario = {{at(12, 30), "network offline"}, {at(12, 36), "relaunch as build 41"}};
     report.energy.locationSeconds = {{"ten-metre", 4320.0}, {"hundred-metre", 2160.0}, {"kilometre", 2160.0}};
     report.energy.alwaysOnBaselineSeconds = 86400.0;
-    report.delivery = {100, 90, 10, 0, 4, 5, 1, 1000, 7500, {{"visit", 10}, {"location", 60}, {"motion", 30}}};
+    report.delivery = {100, 90, 10, 0, 0, 4, 5, 1, 1000, 7500, {{"visit", 10}, {"location", 60}, {"motion", 30}}};
     return report;
 }
 
@@ -90,6 +90,12 @@ TEST(SimulationSummary, DeliveryVerdictSaysWhatIsLostOrExtra) {
     report.delivery.accepted = 90;
     report.delivery.identicalEvents = 2;
     EXPECT_NE(renderSummary(report, false).find("nothing lost, nothing twice"), std::string::npos);
+    // The diagnostic event that closes a background batch was never recorded on the device.
+    report.delivery.accepted = 91;
+    report.delivery.batchDiagnostics = 1;
+    summary = renderSummary(report, false);
+    EXPECT_NE(summary.find("nothing lost, nothing twice"), std::string::npos) << summary;
+    EXPECT_NE(summary.find("1 diagnostic event closing a background batch"), std::string::npos) << summary;
 }
 
 TEST(SimulationSummary, MarksStaysFoundAndMissedAndListsSleepsOutsideThem) {

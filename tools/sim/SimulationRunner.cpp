@@ -334,6 +334,16 @@ void addBeaconScan(BeaconFigures& beacons, Date time, const json& body) {
     beacons.scans.push_back(scan);
 }
 
+// The Debug event that closes a background batch: the count of each type, then whether a
+// switch-off by the host is among them.
+bool isBatchDiagnostic(const SimulationRunner::DeliveredEvent& event) {
+    if (event.type != "Debug") return false;
+    const json body = json::parse(event.payload, nullptr, false);
+    if (!body.is_object() || !body.contains("comment") || !body["comment"].is_string()) return false;
+    const auto comment = body["comment"].get<std::string>();
+    return comment.ends_with(" + TT->OFF present") || comment.ends_with(" + TT->OFF NOT present");
+}
+
 void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::DeliveredEvent> events) {
     std::stable_sort(events.begin(), events.end(),
                      [](const auto& a, const auto& b) { return a.trackedAtMs < b.trackedAtMs; });
@@ -347,6 +357,7 @@ void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::Deli
     for (const auto& event : events) {
         ++report.delivery.eventsByType[event.type];
         if (++seen[{event.type, event.trackedAtMs, event.payload}] > 1) ++report.delivery.identicalEvents;
+        if (isBatchDiagnostic(event)) ++report.delivery.batchDiagnostics;
         const Date time = dateOfMs(event.trackedAtMs);
         if (event.type == "Waypoint" || event.type == "SignificantLocation" || event.type == "PreSleep" ||
             event.type == "PreWakeUp" || event.type == "GeofenceCreate" || event.type == "GeofenceTrigger" ||

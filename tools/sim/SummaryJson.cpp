@@ -143,6 +143,7 @@ std::string renderSummaryJson(const SimulationReport& report) {
 
     root["delivery"] = {{"recorded", delivery.recorded},
                         {"accepted", delivery.accepted},
+                        {"batch_diagnostics", delivery.batchDiagnostics},
                         {"left_on_device", delivery.leftInStore},
                         {"identical", delivery.identicalEvents},
                         {"lost", figures.unaccounted > 0 ? figures.unaccounted : 0},

@@ -361,6 +361,10 @@ private:
             note(counts + ":");
             note(verdict, colour);
         }
+        if (delivery.batchDiagnostics > 0) {
+            note("of the accepted, " + plural(delivery.batchDiagnostics, "diagnostic event", "diagnostic events") +
+                 " closing a background batch, never recorded on the device");
+        }
     }
 
     const SimulationReport& report_;
