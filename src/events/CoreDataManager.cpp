@@ -450,7 +450,8 @@ void CoreDataManager::startOver(const std::string& what, bool carryOver, const c
             }
         }
     }
-    std::string line = linePrefix + what + "; the file was kept as \"" + aside->string() + "\" and a new store was created";
+    std::string line =
+        linePrefix + what + "; the file was kept as \"" + aside->string() + "\" and a new store was created";
     try {
         openAndPrepare(&carried);
     } catch (const FileError& error) {
@@ -478,7 +479,8 @@ std::string CoreDataManager::carryRows(StoreSalvage& salvage) {
     try {
         sqlite::Statement insert(*db_,
                                  "INSERT INTO EventEntity (id, type, tracked_at_ms, payload) VALUES (?1, ?2, ?3, ?4)");
-        for (auto rows = salvage.nextRows(maxRowsPerTransaction); !rows.empty(); rows = salvage.nextRows(maxRowsPerTransaction)) {
+        for (auto rows = salvage.nextRows(maxRowsPerTransaction); !rows.empty();
+             rows = salvage.nextRows(maxRowsPerTransaction)) {
             sqlite::Transaction transaction(*db_);
             for (const auto& row : rows) {
                 sqlite::StatementReset resetAfter(insert);
@@ -498,14 +500,13 @@ std::string CoreDataManager::carryRows(StoreSalvage& salvage) {
     std::string summary = " with the " + std::to_string(carried) + " events that could be read; " +
                           std::to_string(salvage.skippedRows()) + " unreadable or invalid events were skipped";
     if (const auto regions = salvage.damagedRegions()) {
-        summary += " and " + std::to_string(regions) + " damaged parts of the file passed over";
+        summary += " (damaged parts of the file passed over: " + std::to_string(regions) + ")";
     }
     return summary + stopped;
 }
 
-// A full disk: the write-ahead journal is copied into the store file, which writes only
-// pages the file already has, so the journal can start again from its beginning and a
-// retried write may fit into its space.
+// A full disk: the write-ahead journal is copied into the store file so that it can start
+// again from its beginning, and a retried write may fit into the space it already has.
 void CoreDataManager::reclaimJournalSpace() {
     try {
         db_->exec("PRAGMA wal_checkpoint(PASSIVE)");
@@ -564,7 +565,9 @@ void CoreDataManager::saveContext() {
 // stay waiting, in order, for the next save; only then does the cap on them apply.
 bool CoreDataManager::saveWaiting() {
     bool saved = false;
-    if (ensureLoaded()) saved = writing_.empty() || guarded("Failed to save context: ", false, [this] { return writeRows(); });
+    if (ensureLoaded()) {
+        saved = writing_.empty() || guarded("Failed to save context: ", false, [this] { return writeRows(); });
+    }
     if (!saved && writing_.size() > maxWaitingRows) {
         const std::size_t dropped = writing_.size() - maxWaitingRows;
         writing_.erase(writing_.begin(), writing_.begin() + static_cast<std::ptrdiff_t>(dropped));

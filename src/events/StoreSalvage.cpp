@@ -101,7 +101,7 @@ private:
         const std::int64_t start = unreachable;
         std::int64_t reachable = 0;
         for (std::int64_t step = 1;; step *= 2) {
-            if (step > largest - start) return std::nullopt;
+            if (start > largest - step) return std::nullopt;
             const std::int64_t candidate = start + step;
             if (probe(candidate).reached) {
                 reachable = candidate;
@@ -119,7 +119,7 @@ private:
 
     sqlite::Statement scan_;
     sqlite::Statement probe_;
-    std::int64_t from_ = std::numeric_limits<std::int64_t>::min();
+    std::int64_t from_ = 0;  // the store numbers its rows from 1
     bool positioned_ = false;
     bool retrying_ = false;
     bool done_ = false;
