@@ -12,9 +12,10 @@
 #include <cstring>
 
 #include "events/SqliteDatabase.h"
+#include "events/StoreSalvage.h"
 #include "rovalis/Console.h"
-#include "util/Fatal.h"
 #include "rovalis/Uuid.h"
+#include "util/Fatal.h"
 
 namespace rovalis {
 
@@ -27,19 +28,22 @@ constexpr int schemaVersion = 2;
 // so one prepared statement serves every chunk.
 constexpr int deleteChunkSize = 500;
 
-constexpr const char* schemaSql =
-    "CREATE TABLE IF NOT EXISTS EventEntity ("
+constexpr const char* eventsSchemaSql =
+    "CREATE TABLE EventEntity ("
     " id INTEGER PRIMARY KEY AUTOINCREMENT,"
     " type TEXT NOT NULL,"
     " tracked_at_ms REAL NOT NULL,"  // seconds since 1970, like the record's date
     " payload BLOB NOT NULL);"
-    "CREATE INDEX IF NOT EXISTS EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);"
-    "CREATE TABLE IF NOT EXISTS StoreMetadata ("
+    "CREATE INDEX EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);"
+    "CREATE TABLE StoreMetadata ("
     " singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
-    " store_uuid TEXT NOT NULL);"
+    " store_uuid TEXT NOT NULL);";
+
+// Version 2.
+constexpr const char* pendingBatchSchemaSql =
     // The batch waiting for the service's acceptance: its identity, how many stored events it
     // holds, and the closing event that travels with it without being stored.
-    "CREATE TABLE IF NOT EXISTS PendingBatch ("
+    "CREATE TABLE PendingBatch ("
     " singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
     " batch_id TEXT NOT NULL,"
     " sequential_id INTEGER NOT NULL,"
@@ -47,7 +51,34 @@ constexpr const char* schemaSql =
     " closing_type TEXT,"
     " closing_tracked_at REAL,"
     " closing_payload BLOB);"
-    "CREATE TABLE IF NOT EXISTS PendingBatchEvent (event_id INTEGER PRIMARY KEY);";
+    "CREATE TABLE PendingBatchEvent (event_id INTEGER PRIMARY KEY);";
+
+// The columns (name and declared type) each table must have, for a store of each version.
+struct TableShape {
+    const char* table;
+    int sinceVersion;
+    std::vector<std::pair<std::string_view, std::string_view>> columns;
+};
+
+const std::vector<TableShape>& tableShapes() {
+    static const std::vector<TableShape> shapes = {
+        {"EventEntity", 1, {{"id", "INTEGER"}, {"type", "TEXT"}, {"tracked_at_ms", "REAL"}, {"payload", "BLOB"}}},
+        {"StoreMetadata", 1, {{"singleton", "INTEGER"}, {"store_uuid", "TEXT"}}},
+        // Made with EventEntity's AUTOINCREMENT, without which a row id could come back.
+        {"sqlite_sequence", 1, {{"name", ""}, {"seq", ""}}},
+        {"PendingBatch",
+         2,
+         {{"singleton", "INTEGER"},
+          {"batch_id", "TEXT"},
+          {"sequential_id", "INTEGER"},
+          {"event_count", "INTEGER"},
+          {"closing_type", "TEXT"},
+          {"closing_tracked_at", "REAL"},
+          {"closing_payload", "BLOB"}}},
+        {"PendingBatchEvent", 2, {{"event_id", "INTEGER"}}},
+    };
+    return shapes;
+}
 
 std::string describe(const sqlite::Error& error) {
     return std::string(error.what()) + " (SQLite result code " + std::to_string(error.extendedCode()) + ")";
@@ -60,20 +91,32 @@ std::string deleteChunkSql() {
     return sql;
 }
 
-// A failed read or delete. A full disk or an I/O error is the environment's fault: it is
-// reported and the caller gets an empty result (nothing is lost; the rows stay stored and
-// a later attempt finds them). Anything else is a programming error.
-void failed(const char* prefix, const sqlite::Error& error) {
-    if (!error.isEnvironmental()) fatalError(prefix + describe(error));
-    Console::log(prefix + std::string(error.what()));
-}
-
 // An open failure that is not SQLite's: the file could not be created or opened.
 struct FileError {
+    std::string reason;
+};
+
+// The file is a database, but not an event store this code knows: another layout, another
+// program's database, or a newer version.
+struct ForeignStore {
     std::string description;
 };
 
+std::int64_t unixMilliseconds() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
 }  // namespace
+
+// What a new store takes over from the one it replaces, so that every URI handed out keeps
+// naming its row and no row id is handed out twice.
+struct CoreDataManager::CarriedState {
+    std::optional<std::string> storeIdentifier;
+    std::int64_t highestRowId = 0;
+    std::optional<SalvagedBatch> pendingBatch;
+};
 
 struct CoreDataManager::Statements {
     explicit Statements(sqlite::Database& db)
@@ -125,8 +168,7 @@ CoreDataManager::~CoreDataManager() {
         if (!writing_.empty()) {
             Console::log(std::to_string(writing_.size()) + " events could not be stored before the store closed");
         }
-        statements_.reset();
-        db_.reset();
+        closeConnection(/*checkpoint=*/true);
     });
 }
 
@@ -135,103 +177,206 @@ auto CoreDataManager::performAndWait(Fn&& fn) {
     return syncResult(background_, std::forward<Fn>(fn));
 }
 
+// Runs body against the open store. A damaged file is replaced by a new store that carries
+// over what can still be read, and body runs once more on it; a full disk first gets the
+// journal's space back and body runs once more. What still fails is reported and gives
+// onFailure if it is the environment's fault or damage; anything else is a programming error.
+template <typename Result, typename Body>
+Result CoreDataManager::guarded(const char* failure, Result onFailure, Body&& body) {
+    bool recovered = false, reclaimed = false;
+    while (loaded_.load()) {
+        try {
+            return body();
+        } catch (const sqlite::Error& error) {
+            if (error.isDamage() && !recovered) {
+                recovered = true;
+                recoverFromDamage(describe(error));
+                continue;
+            }
+            if (error.code() == SQLITE_FULL && !reclaimed) {
+                reclaimed = true;
+                reclaimJournalSpace();
+                continue;
+            }
+            if (!error.isEnvironmental() && !error.isDamage()) fatalError(failure + describe(error));
+            Console::log(failure + std::string(error.what()));
+            return onFailure;
+        }
+    }
+    return onFailure;
+}
+
 // ---- Opening ----
 
-// What happens when the store cannot be opened:
-// - The file is there but is not a database (or is damaged beyond reading): it is renamed
-//   to "<file>.unreadable-<unix ms>", untouched, and a fresh store is created in its
-//   place. Nothing stored is destroyed, and events recorded from now on are kept.
+// What happens when the store cannot be opened as it is:
+// - The file is damaged (a page that cannot be read, a file cut short, or no database at
+//   all): it is renamed to "<file>.unreadable-<unix ms>" with its journal files, untouched,
+//   and a new store takes its place with every row that can still be read (see
+//   recoverFromDamage). The same happens whenever damage shows later.
+// - The file is a database of another kind (another layout, another program's, a newer
+//   version): it is moved aside the same way and a new, empty store is created.
 // - Anything else (a directory that cannot be read, no permission, no space to create
 //   the file) is a fault of the environment, not of the program: the store runs without
 //   a file rather than stopping the host. Inserts wait in memory and each save tries to
 //   open the store again, so a fault that passes loses nothing.
-// Either way one console line tells what happened.
+// Each time one console line tells what happened.
 void CoreDataManager::load(bool reportFailure) {
-    const auto report = [reportFailure](const std::string& description) {
-        if (reportFailure) Console::log("Load persistent stores finished with error = " + description);
+    const char* linePrefix = "Load persistent stores finished with error = ";
+    const std::string opening = " opening \"" + path_.string() + "\"";
+    const auto cannotOpen = [&](const std::string& reason) {
+        closeConnection(/*checkpoint=*/false);
+        unwritableReason_ = "the store could not be opened: " + reason;
+        if (reportFailure) {
+            Console::log(linePrefix + reason + opening + "; events are not stored while the store cannot be opened");
+        }
     };
     try {
-        openAndPrepare();
-        return;
+        openAndPrepare(nullptr);
     } catch (const FileError& error) {
-        report(error.description);
-        return;
+        cannotOpen(error.reason);
+    } catch (const ForeignStore& foreign) {
+        closeConnection(/*checkpoint=*/false);
+        startOver(foreign.description + opening, /*carryOver=*/false, linePrefix);
     } catch (const sqlite::Error& error) {
-        statements_.reset();
-        db_.reset();
-        if (error.code() != SQLITE_NOTADB && error.code() != SQLITE_CORRUPT) {
-            report(describe(error) + " opening \"" + path_.string() +
-                   "\"; events are not stored while the store cannot be opened");
-            return;
-        }
-        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                            std::chrono::system_clock::now().time_since_epoch())
-                            .count();
-        std::filesystem::path aside = path_;
-        aside += ".unreadable-" + std::to_string(ms);
-        std::error_code ec;
-        std::filesystem::rename(path_, aside, ec);
-        if (ec) {
-            report(describe(error) + " opening \"" + path_.string() + "\"; it could not be moved aside (" +
-                   ec.message() + "), so events are not stored");
-            return;
-        }
-        // The journal files belong to the unreadable file: they move with it, under the
-        // names SQLite would look for beside it.
-        for (const char* suffix : {"-wal", "-shm"}) {
-            std::filesystem::path journal = path_;
-            journal += suffix;
-            std::filesystem::path journalAside = aside;
-            journalAside += suffix;
-            std::error_code ignored;
-            if (std::filesystem::exists(journal, ignored)) std::filesystem::rename(journal, journalAside, ignored);
-        }
-        report(describe(error) + " opening \"" + path_.string() + "\"; the file was kept as \"" +
-               aside.string() + "\" and a new store was created");
-    }
-    try {
-        openAndPrepare();
-    } catch (const FileError& error) {
-        report(error.description);
-    } catch (const sqlite::Error& error) {
-        statements_.reset();
-        db_.reset();
-        report(describe(error) + " creating a new store at \"" + path_.string() + "\"");
+        if (!error.isDamage()) return cannotOpen(describe(error));
+        closeConnection(/*checkpoint=*/false);
+        startOver(describe(error) + opening, /*carryOver=*/true, linePrefix);
     }
 }
 
-void CoreDataManager::openAndPrepare() {
+// Opens the store file, creating it and the schema if the file is new (with what carried
+// says, when a new store replaces a damaged one). An existing store of this version is only
+// read, so it opens on a full disk; one of version 1 gets the pending batch tables.
+void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     // Create the file private to the user before SQLite opens it; the journal files SQLite
     // makes beside it take the same mode.
     const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        throw FileError{std::string(std::strerror(errno)) + " opening \"" + path_.string() +
-                        "\"; events are not stored while the store cannot be opened"};
-    }
+    if (fd < 0) throw FileError{std::strerror(errno)};
     ::fchmod(fd, 0600);
     ::close(fd);
 
-    db_ = std::make_unique<sqlite::Database>(path_.string(), true);
+    db_ = std::make_unique<sqlite::Database>(path_.string(), sqlite::Database::Mode::readWrite);
     db_->exec("PRAGMA busy_timeout = 5000");
-    db_->exec("PRAGMA journal_mode = WAL");
     // In WAL mode NORMAL keeps the file consistent on power loss and loses nothing when
     // the process dies; only the last commits before a power cut may be missing.
     db_->exec("PRAGMA synchronous = NORMAL");
-    {
-        sqlite::Transaction transaction(*db_);
-        db_->exec(schemaSql);
-        db_->exec("PRAGMA user_version = " + std::to_string(schemaVersion));
-        const std::string uuid = Uuid::random().uuidString();
-        sqlite::Statement ensure(*db_, "INSERT OR IGNORE INTO StoreMetadata (singleton, store_uuid) VALUES (1, ?1)");
-        ensure.bindText(1, uuid);
-        ensure.run();
-        sqlite::Statement read(*db_, "SELECT store_uuid FROM StoreMetadata WHERE singleton = 1");
-        if (read.step()) storeIdentifier_ = std::string(read.columnText(0));
-        transaction.commit();
+    // The first read of the file: one that is not a database fails here.
+    const std::int64_t version = db_->queryInt64("PRAGMA user_version");
+    const bool isNew = version == 0 && db_->queryInt64("SELECT count(*) FROM sqlite_schema") == 0;
+    if (isNew) {
+        db_->exec("PRAGMA journal_mode = WAL");
+        createSchema(carried);
+    } else {
+        checkSchema(version);
+        if (db_->queryText("PRAGMA journal_mode") != "wal") db_->exec("PRAGMA journal_mode = WAL");
+        if (version < schemaVersion) {
+            sqlite::Transaction transaction(*db_);
+            db_->exec(pendingBatchSchemaSql);
+            db_->exec("PRAGMA user_version = " + std::to_string(schemaVersion));
+            transaction.commit();
+        }
     }
-    statements_ = std::make_unique<Statements>(*db_);
-    uriPrefix_ = std::string(uriScheme) + "://" + storeIdentifier_ + "/" + entityName + "/p";
+    // The journal file stays, at its size, when the store closes: on a full disk that space
+    // is what lets rows be deleted, and so space be freed.
+    db_->keepJournalFile();
+
+    std::string identifier = db_->queryText("SELECT store_uuid FROM StoreMetadata WHERE singleton = 1");
+    if (identifier.empty()) {
+        identifier = storeIdentifier_.empty() ? Uuid::random().uuidString() : storeIdentifier_;
+        sqlite::Statement insert(*db_, "INSERT INTO StoreMetadata (singleton, store_uuid) VALUES (1, ?1)");
+        insert.bindText(1, identifier);
+        insert.run();
+    }
+    try {
+        statements_ = std::make_unique<Statements>(*db_);
+    } catch (const sqlite::Error& error) {
+        if (error.code() != SQLITE_ERROR) throw;
+        throw ForeignStore{"a database whose tables the store cannot use (" + std::string(error.what()) + ")"};
+    }
+    highestKnownId_ =
+        std::max(highestKnownId_, db_->queryInt64("SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'"));
+    // The identity never changes once known: URIs handed out must keep naming their rows.
+    if (storeIdentifier_.empty()) {
+        storeIdentifier_ = identifier;
+        uriPrefix_ = std::string(uriScheme) + "://" + storeIdentifier_ + "/" + entityName + "/p";
+    }
+    unwritableReason_.clear();
     loaded_.store(true);
+}
+
+void CoreDataManager::createSchema(const CarriedState* carried) {
+    std::string identifier = storeIdentifier_;
+    if (identifier.empty() && carried && carried->storeIdentifier) identifier = *carried->storeIdentifier;
+    if (identifier.empty()) identifier = Uuid::random().uuidString();
+
+    sqlite::Transaction transaction(*db_);
+    db_->exec(eventsSchemaSql);
+    db_->exec(pendingBatchSchemaSql);
+    db_->exec("PRAGMA user_version = " + std::to_string(schemaVersion));
+    {
+        sqlite::Statement insert(*db_, "INSERT INTO StoreMetadata (singleton, store_uuid) VALUES (1, ?1)");
+        insert.bindText(1, identifier);
+        insert.run();
+    }
+    const std::int64_t highestRowId = std::max(highestKnownId_, carried ? carried->highestRowId : 0);
+    if (highestRowId > 0) {
+        // New rows are numbered after every id the replaced store handed out.
+        sqlite::Statement sequence(*db_, "INSERT INTO sqlite_sequence (name, seq) VALUES ('EventEntity', ?1)");
+        sequence.bind(1, highestRowId);
+        sequence.run();
+    }
+    if (carried && carried->pendingBatch) {
+        const auto& batch = *carried->pendingBatch;
+        sqlite::Statement insert(*db_,
+                                 "INSERT INTO PendingBatch (singleton, batch_id, sequential_id, event_count,"
+                                 " closing_type, closing_tracked_at, closing_payload)"
+                                 " VALUES (1, ?1, ?2, ?3, ?4, ?5, ?6)");
+        insert.bindText(1, batch.batchId);
+        insert.bind(2, batch.sequentialId);
+        insert.bind(3, batch.eventCount);
+        if (batch.closing) {
+            insert.bindText(4, batch.closing->type);
+            insert.bind(5, batch.closing->trackedAt);
+            insert.bindBlob(6, batch.closing->payload);
+        }
+        insert.run();
+        // Members whose rows are not carried over show as missing, so the batch reads as
+        // incomplete and is not sent again as if it were whole.
+        sqlite::Statement member(*db_, "INSERT INTO PendingBatchEvent (event_id) VALUES (?1)");
+        for (const std::int64_t id : batch.eventIds) {
+            sqlite::StatementReset resetAfter(member);
+            member.bind(1, id);
+            member.run();
+        }
+    }
+    transaction.commit();
+}
+
+// Throws ForeignStore unless the file is a store of a version this code knows, with the
+// tables that version has.
+void CoreDataManager::checkSchema(std::int64_t version) {
+    if (version < 1 || version > schemaVersion) {
+        throw ForeignStore{version == 0 ? std::string("a database of another kind")
+                                        : "a store of a version this code does not know (" +
+                                              std::to_string(version) + ")"};
+    }
+    sqlite::Statement columns(*db_, "SELECT name, type FROM pragma_table_info(?1) ORDER BY cid");
+    for (const auto& shape : tableShapes()) {
+        if (shape.sinceVersion > version) continue;
+        sqlite::StatementReset resetAfter(columns);
+        columns.bindText(1, shape.table);
+        bool matches = true;
+        std::size_t index = 0;
+        while (columns.step()) {
+            matches = matches && index < shape.columns.size() && columns.columnText(0) == shape.columns[index].first &&
+                      columns.columnText(1) == shape.columns[index].second;
+            ++index;
+        }
+        if (!matches || index != shape.columns.size()) {
+            throw ForeignStore{"a database of another kind (its table " + std::string(shape.table) +
+                               " is not the store's)"};
+        }
+    }
 }
 
 bool CoreDataManager::ensureLoaded() {
@@ -241,6 +386,133 @@ bool CoreDataManager::ensureLoaded() {
     Console::log("Persistent store loaded at \"" + path_.string() + "\"; " + std::to_string(writing_.size()) +
                  " waiting events are written now");
     return true;
+}
+
+void CoreDataManager::closeConnection(bool checkpoint) {
+    statements_.reset();
+    if (db_) db_->setCheckpointOnClose(checkpoint);
+    db_.reset();
+    loaded_.store(false);
+}
+
+// ---- Damaged and foreign files ----
+
+// Renames the store file, with its journal files under the names SQLite looks for beside
+// it, to "<file>.unreadable-<unix ms>". On failure, none and the reason.
+std::optional<std::filesystem::path> CoreDataManager::moveAside(std::string& failure) {
+    std::filesystem::path aside = path_;
+    aside += ".unreadable-" + std::to_string(unixMilliseconds());
+    std::error_code ec;
+    std::filesystem::rename(path_, aside, ec);
+    if (ec) {
+        failure = ec.message();
+        return std::nullopt;
+    }
+    for (const char* suffix : {"-wal", "-shm"}) {
+        std::filesystem::path journal = path_;
+        journal += suffix;
+        std::filesystem::path journalAside = aside;
+        journalAside += suffix;
+        std::error_code ignored;
+        if (std::filesystem::exists(journal, ignored)) std::filesystem::rename(journal, journalAside, ignored);
+    }
+    return aside;
+}
+
+// Damage found while the store was in use: the connection is closed without touching the
+// file further and the store starts over, carrying over what it can.
+void CoreDataManager::recoverFromDamage(const std::string& what) {
+    closeConnection(/*checkpoint=*/false);
+    startOver(what + " in \"" + path_.string() + "\"", /*carryOver=*/true, "The event store is damaged: ");
+}
+
+// Moves the file aside and creates a new store in its place. With carryOver the new store
+// keeps the old one's identity, its row numbering, its pending batch and every row that
+// can still be read, each under its own id; the file moved aside is never written.
+void CoreDataManager::startOver(const std::string& what, bool carryOver, const char* linePrefix) {
+    std::string failure;
+    const auto aside = moveAside(failure);
+    if (!aside) {
+        unwritableReason_ = "the store could not be opened: " + what;
+        Console::log(linePrefix + what + "; it could not be moved aside (" + failure + "), so events are not stored");
+        return;
+    }
+    std::optional<StoreSalvage> salvage;
+    CarriedState carried;
+    if (carryOver) {
+        salvage.emplace(*aside);
+        carried.storeIdentifier = salvage->storeIdentifier();
+        carried.highestRowId = salvage->highestRowId();
+        carried.pendingBatch = salvage->pendingBatch();
+        if (carried.pendingBatch) {
+            for (const std::int64_t id : carried.pendingBatch->eventIds) {
+                carried.highestRowId = std::max(carried.highestRowId, id);
+            }
+        }
+    }
+    std::string line =
+        linePrefix + what + "; the file was kept as \"" + aside->string() + "\" and a new store was created";
+    try {
+        openAndPrepare(&carried);
+    } catch (const FileError& error) {
+        failure = error.reason;
+    } catch (const ForeignStore& error) {
+        failure = error.description;
+    } catch (const sqlite::Error& error) {
+        failure = describe(error);
+    }
+    if (!loaded_.load()) {
+        closeConnection(/*checkpoint=*/false);
+        unwritableReason_ = "the store could not be created: " + failure;
+        Console::log(line + ", but it cannot be used yet (" + failure + "), so events are not stored");
+        return;
+    }
+    if (salvage) line += carryRows(*salvage);
+    Console::log(line);
+}
+
+// Copies the plausible rows of the damaged store into the new one, oldest id first, in
+// chunks, so that a full disk keeps what was copied. Says what was carried and skipped.
+std::string CoreDataManager::carryRows(StoreSalvage& salvage) {
+    std::size_t carried = 0;
+    std::string stopped;
+    try {
+        sqlite::Statement insert(*db_,
+                                 "INSERT INTO EventEntity (id, type, tracked_at_ms, payload) VALUES (?1, ?2, ?3, ?4)");
+        for (auto rows = salvage.nextRows(maxRowsPerTransaction); !rows.empty();
+             rows = salvage.nextRows(maxRowsPerTransaction)) {
+            sqlite::Transaction transaction(*db_);
+            for (const auto& row : rows) {
+                sqlite::StatementReset resetAfter(insert);
+                insert.bind(1, row.id);
+                insert.bindText(2, row.type);
+                insert.bind(3, row.trackedAt);
+                insert.bindBlob(4, row.payload);
+                insert.run();
+            }
+            transaction.commit();
+            carried += rows.size();
+            highestKnownId_ = std::max(highestKnownId_, rows.back().id);
+        }
+    } catch (const sqlite::Error& error) {
+        stopped = "; carrying over stopped (" + std::string(error.what()) + "): the rest is only in the kept file";
+    }
+    std::string summary = " with the " + std::to_string(carried) + " events that could be read; " +
+                          std::to_string(salvage.skippedRows()) + " unreadable or invalid events were skipped";
+    if (const auto regions = salvage.damagedRegions()) {
+        summary += " (damaged parts of the file passed over: " + std::to_string(regions) + ")";
+    }
+    return summary + stopped;
+}
+
+// A full disk: the write-ahead journal is copied into the store file so that it can start
+// again from its beginning, and a retried write may fit into the space it already has.
+void CoreDataManager::reclaimJournalSpace() {
+    try {
+        db_->exec("PRAGMA wal_checkpoint(PASSIVE)");
+    } catch (const sqlite::Error&) {
+        // The retry that follows tells whether anything was gained.
+    }
 }
 
 // ---- Writing ----
@@ -273,59 +545,105 @@ void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
 
 // On the executor: moves the queued rows behind any kept from a failed save.
 void CoreDataManager::takePending() {
-    {
-        std::lock_guard lock(pendingMutex_);
-        saveScheduled_ = false;
-        if (writing_.empty()) {
-            writing_.swap(pending_);
-        } else {
-            writing_.insert(writing_.end(), std::make_move_iterator(pending_.begin()),
-                            std::make_move_iterator(pending_.end()));
-            pending_.clear();
-        }
-    }
-    if (writing_.size() > maxWaitingRows) {
-        const std::size_t dropped = writing_.size() - maxWaitingRows;
-        writing_.erase(writing_.begin(), writing_.begin() + static_cast<std::ptrdiff_t>(dropped));
-        Console::log("Dropped the oldest " + std::to_string(dropped) + " of the events waiting to be stored: " +
-                     "the store has not been writable for " + std::to_string(maxWaitingRows) + " events");
+    std::lock_guard lock(pendingMutex_);
+    saveScheduled_ = false;
+    if (writing_.empty()) {
+        writing_.swap(pending_);
+    } else {
+        writing_.insert(writing_.end(), std::make_move_iterator(pending_.begin()),
+                        std::make_move_iterator(pending_.end()));
+        pending_.clear();
     }
 }
 
 void CoreDataManager::saveContext() {
     takePending();
-    if (!ensureLoaded() || writing_.empty()) return;
-    if (writeRows()) writing_.clear();
+    saveWaiting();
 }
 
-// Writes writing_ in one transaction. A full disk or an I/O error leaves the rows in
-// writing_ for the next save; any other failure is a programming error.
+// Writes every waiting row. True when none is left waiting. Rows that cannot be written
+// stay waiting, in order, for the next save; only then does the cap on them apply.
+bool CoreDataManager::saveWaiting() {
+    bool saved = false;
+    if (ensureLoaded()) {
+        saved = writing_.empty() || guarded("Failed to save context: ", false, [this] { return writeRows(); });
+    }
+    if (!saved && writing_.size() > maxWaitingRows) {
+        const std::size_t dropped = writing_.size() - maxWaitingRows;
+        writing_.erase(writing_.begin(), writing_.begin() + static_cast<std::ptrdiff_t>(dropped));
+        Console::log("Dropped the oldest " + std::to_string(dropped) + " of the events waiting to be stored: " +
+                     unwritableReason_ + ", and at most " + std::to_string(maxWaitingRows) + " wait in memory");
+    }
+    return saved;
+}
+
+// Writes writing_ oldest first, in transactions of at most chunkRows_ rows, and drops what
+// was committed from it. A full disk halves the chunk, down to one row, so whatever fits
+// is written; the chunk grows again as writes succeed. A full disk or an I/O error leaves
+// the rest waiting; damage is thrown on to guarded, which replaces the store.
 bool CoreDataManager::writeRows() {
+    std::size_t written = 0;
+    const auto forgetWritten = [&] {
+        writing_.erase(writing_.begin(), writing_.begin() + static_cast<std::ptrdiff_t>(written));
+    };
+    bool reclaimed = false;
     try {
-        sqlite::Transaction transaction(*db_);
-        auto& insert = statements_->insert;
-        for (const auto& row : writing_) {
-            sqlite::StatementReset resetAfter(insert);
-            insert.bindText(1, row.type);
-            insert.bind(2, row.trackedAt);
-            insert.bindBlob(3, row.payload);
-            insert.run();
+        while (written < writing_.size()) {
+            const std::size_t count = std::min(chunkRows_, writing_.size() - written);
+            try {
+                writeChunk(written, count);
+                written += count;
+                chunkRows_ = std::min(chunkRows_ * 2, maxRowsPerTransaction);
+            } catch (const sqlite::Error& error) {
+                if (error.code() != SQLITE_FULL) throw;
+                if (!reclaimed) {
+                    reclaimed = true;
+                    reclaimJournalSpace();
+                } else if (count > 1) {
+                    chunkRows_ = count / 2;
+                } else {
+                    throw;
+                }
+            }
         }
-        transaction.commit();
-        return true;
     } catch (const sqlite::Error& error) {
-        if (!error.isEnvironmental()) fatalError("Failed to save context: " + describe(error));
-        Console::log("Failed to save context: " + std::string(error.what()));
+        forgetWritten();
+        if (!error.isEnvironmental()) throw;
+        // Reported once, when the store stops being writable, not at every save after.
+        const std::string reason = error.code() == SQLITE_FULL ? "the disk is full"
+                                                               : "the store could not be written: " +
+                                                                     std::string(error.what());
+        if (reason != unwritableReason_) Console::log("Failed to save context: " + std::string(error.what()));
+        unwritableReason_ = reason;
         return false;
     }
+    forgetWritten();
+    unwritableReason_.clear();
+    return true;
+}
+
+// One transaction: the chunk is written whole or not at all.
+void CoreDataManager::writeChunk(std::size_t start, std::size_t count) {
+    sqlite::Transaction transaction(*db_);
+    auto& insert = statements_->insert;
+    for (std::size_t i = start; i < start + count; ++i) {
+        const auto& row = writing_[i];
+        sqlite::StatementReset resetAfter(insert);
+        insert.bindText(1, row.type);
+        insert.bind(2, row.trackedAt);
+        insert.bindBlob(3, row.payload);
+        insert.run();
+    }
+    transaction.commit();
+    highestKnownId_ = std::max(highestKnownId_, db_->lastInsertRowid());
 }
 
 std::optional<std::int64_t> CoreDataManager::insertAndWait(PendingRow row) {
     return performAndWait([&]() -> std::optional<std::int64_t> {
         takePending();
         writing_.push_back(std::move(row));
-        if (!ensureLoaded() || !writeRows()) return std::nullopt;
-        writing_.clear();
+        // The row is the last written, so its id is the connection's last.
+        if (!saveWaiting()) return std::nullopt;
         return db_->lastInsertRowid();
     });
 }
@@ -334,11 +652,10 @@ std::optional<std::int64_t> CoreDataManager::insertAndWait(PendingRow row) {
 
 std::vector<EventPayload> CoreDataManager::fetch(Date lower, Date upper, bool ascending, std::int64_t limit) {
     return performAndWait([&] {
-        std::vector<EventPayload> result;
         saveContext();
-        if (!loaded_) return result;
-        auto& fetch = ascending ? statements_->fetchAscending : statements_->fetchDescending;
-        try {
+        return guarded("Failed to fetch BaseEvents: ", std::vector<EventPayload>{}, [&] {
+            std::vector<EventPayload> result;
+            auto& fetch = ascending ? statements_->fetchAscending : statements_->fetchDescending;
             sqlite::StatementReset resetAfter(fetch);
             fetch.bind(1, lower.secondsSince1970);
             fetch.bind(2, upper.secondsSince1970);
@@ -349,74 +666,60 @@ std::vector<EventPayload> CoreDataManager::fetch(Date lower, Date upper, bool as
                                               std::string(fetch.columnBlob(3)),
                                               uriRepresentation(fetch.columnInt64(0))});
             }
-        } catch (const sqlite::Error& error) {
-            failed("Failed to fetch BaseEvents: ", error);
-            result.clear();
-        }
-        return result;
+            return result;
+        });
     });
 }
 
 long CoreDataManager::count() {
-    return performAndWait([&]() -> long {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return 0;
-        auto& count = statements_->count;
-        try {
+        return guarded("Failed to fetch BaseEvents: ", 0L, [&] {
+            auto& count = statements_->count;
             sqlite::StatementReset resetAfter(count);
-            return count.step() ? static_cast<long>(count.columnInt64(0)) : 0;
-        } catch (const sqlite::Error& error) {
-            failed("Failed to fetch BaseEvents: ", error);
-            return 0;
-        }
+            return count.step() ? static_cast<long>(count.columnInt64(0)) : 0L;
+        });
     });
 }
 
 long CoreDataManager::deleteUpTo(Date date) {
-    return performAndWait([&]() -> long {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return 0;
-        auto& remove = statements_->deleteUpTo;
-        long deleted = 0;
-        try {
+        const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
+            auto& remove = statements_->deleteUpTo;
             sqlite::StatementReset resetAfter(remove);
             remove.bind(1, date.secondsSince1970);
             remove.run();
-            deleted = db_->changes();
-        } catch (const sqlite::Error& error) {
-            failed("Failed to execute batch delete events request: ", error);
-            return 0;
-        }
+            return static_cast<long>(db_->changes());
+        });
+        if (deleted < 0) return 0L;
         Console::log("Successfully deleted EventEntity objects");
         return deleted;
     });
 }
 
 long CoreDataManager::deleteUpToId(std::int64_t id) {
-    return performAndWait([&]() -> long {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return 0;
-        auto& remove = statements_->deleteUpToId;
-        try {
+        const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
+            auto& remove = statements_->deleteUpToId;
             sqlite::StatementReset resetAfter(remove);
             remove.bind(1, id);
             remove.run();
-        } catch (const sqlite::Error& error) {
-            failed("Failed to execute batch delete events request: ", error);
-            return 0;
-        }
+            return static_cast<long>(db_->changes());
+        });
+        if (deleted < 0) return 0L;
         Console::log("Successfully deleted EventEntity objects");
-        return db_->changes();
+        return deleted;
     });
 }
 
 long CoreDataManager::deleteObjects(const std::vector<std::int64_t>& ids) {
-    return performAndWait([&]() -> long {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return 0;
-        auto& remove = statements_->deleteChunk;
-        long deleted = 0;
-        try {
+        const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
+            auto& remove = statements_->deleteChunk;
+            long removed = 0;
             sqlite::Transaction transaction(*db_);
             for (std::size_t start = 0; start < ids.size(); start += deleteChunkSize) {
                 sqlite::StatementReset resetAfter(remove);
@@ -424,13 +727,12 @@ long CoreDataManager::deleteObjects(const std::vector<std::int64_t>& ids) {
                 for (std::size_t i = start; i < end; ++i) remove.bind(static_cast<int>(i - start + 1), ids[i]);
                 // Places past the end stay unbound, which is NULL.
                 remove.run();
-                deleted += db_->changes();
+                removed += db_->changes();
             }
             transaction.commit();
-        } catch (const sqlite::Error& error) {
-            failed("Failed to execute batch delete events request: ", error);
-            return 0;
-        }
+            return removed;
+        });
+        if (deleted < 0) return 0L;
         Console::log("Successfully deleted EventEntity objects");
         return deleted;
     });
@@ -444,9 +746,10 @@ CoreDataManager::BatchRecording CoreDataManager::recordPendingBatch(const std::s
                                                                   const std::optional<EventPayload>& closingEvent) {
     return performAndWait([&] {
         saveContext();
-        if (!loaded_) return BatchRecording::notWritten;
-        auto& statements = *statements_;
-        try {
+        // The same id twice in the list breaks the member table's key: a caller's mistake,
+        // which stops the process like any other programming error.
+        return guarded("Failed to record the pending batch: ", BatchRecording::notWritten, [&] {
+            auto& statements = *statements_;
             sqlite::Transaction transaction(*db_);
             {
                 sqlite::StatementReset resetAfter(statements.pendingBatchId);
@@ -481,22 +784,17 @@ CoreDataManager::BatchRecording CoreDataManager::recordPendingBatch(const std::s
             if (stored != static_cast<std::int64_t>(eventIds.size())) return BatchRecording::eventsMissing;
             transaction.commit();
             return BatchRecording::recorded;
-        } catch (const sqlite::Error& error) {
-            // The same id twice in the list breaks the member table's key: a caller's mistake.
-            if (error.code() == SQLITE_CONSTRAINT) fatalError("Failed to record the pending batch: " + describe(error));
-            failed("Failed to record the pending batch: ", error);
-            return BatchRecording::notWritten;
-        }
+        });
     });
 }
 
 std::optional<PendingBatch> CoreDataManager::pendingBatch() {
-    return performAndWait([&]() -> std::optional<PendingBatch> {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return std::nullopt;
-        auto& statements = *statements_;
-        PendingBatch batch;
-        try {
+        return guarded("Failed to fetch the pending batch: ", std::optional<PendingBatch>{},
+                       [&]() -> std::optional<PendingBatch> {
+            auto& statements = *statements_;
+            PendingBatch batch;
             std::int64_t expected = 0;
             std::optional<EventPayload> closing;
             {
@@ -521,21 +819,17 @@ std::optional<PendingBatch> CoreDataManager::pendingBatch() {
             }
             batch.complete = static_cast<std::int64_t>(batch.events.size()) == expected;
             if (closing) batch.events.push_back(std::move(*closing));
-        } catch (const sqlite::Error& error) {
-            failed("Failed to fetch the pending batch: ", error);
-            return std::nullopt;
-        }
-        return batch;
+            return batch;
+        });
     });
 }
 
 std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batchId) {
-    return performAndWait([&]() -> std::optional<long> {
+    return performAndWait([&] {
         saveContext();
-        if (!loaded_) return std::nullopt;
-        auto& statements = *statements_;
-        long deleted = 0;
-        try {
+        const auto deleted = guarded("Failed to delete the accepted batch: ", std::optional<long>{},
+                                     [&]() -> std::optional<long> {
+            auto& statements = *statements_;
             sqlite::Transaction transaction(*db_);
             {
                 sqlite::StatementReset resetAfter(statements.pendingBatchId);
@@ -543,21 +837,20 @@ std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batc
                     return std::nullopt;
                 }
             }
+            long removed = 0;
             {
                 sqlite::StatementReset resetAfter(statements.deletePendingEvents);
                 statements.deletePendingEvents.run();
-                deleted = db_->changes();
+                removed = db_->changes();
             }
             for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {
                 sqlite::StatementReset resetAfter(*statement);
                 statement->run();
             }
             transaction.commit();
-        } catch (const sqlite::Error& error) {
-            failed("Failed to delete the accepted batch: ", error);
-            return std::nullopt;
-        }
-        Console::log("Successfully deleted EventEntity objects");
+            return removed;
+        });
+        if (deleted) Console::log("Successfully deleted EventEntity objects");
         return deleted;
     });
 }
@@ -565,22 +858,22 @@ std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batc
 void CoreDataManager::abandonPendingBatch(const std::string& batchId) {
     performAndWait([&] {
         saveContext();
-        if (!loaded_) return;
-        auto& statements = *statements_;
-        try {
+        guarded("Failed to forget the pending batch: ", false, [&] {
+            auto& statements = *statements_;
             sqlite::Transaction transaction(*db_);
             {
                 sqlite::StatementReset resetAfter(statements.pendingBatchId);
-                if (!statements.pendingBatchId.step() || statements.pendingBatchId.columnText(0) != batchId) return;
+                if (!statements.pendingBatchId.step() || statements.pendingBatchId.columnText(0) != batchId) {
+                    return false;
+                }
             }
             for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {
                 sqlite::StatementReset resetAfter(*statement);
                 statement->run();
             }
             transaction.commit();
-        } catch (const sqlite::Error& error) {
-            failed("Failed to forget the pending batch: ", error);
-        }
+            return true;
+        });
     });
 }
 

@@ -4,9 +4,14 @@
 // serial background executor that is the only place the connection is used.
 //
 // Rows are written in groups: producers queue rows from any thread, and one save task on
-// the background executor writes everything queued so far in one transaction. Reads and
-// deletes run synchronously on the executor after saving what is queued, so they see
-// every row queued before them.
+// the background executor writes everything queued so far, in transactions of a few
+// thousand rows. Reads and deletes run synchronously on the executor after saving what is
+// queued, so they see every row queued before them.
+//
+// Nothing that happens to the file stops the host: a damaged file is replaced by a new
+// store that carries over what can still be read, a file of another kind is moved aside,
+// and rows that cannot be written (a full disk, a store that cannot be opened) wait in
+// memory for a later save.
 
 #include <atomic>
 #include <cstddef>
@@ -27,6 +32,8 @@
 namespace rovalis {
 
 class WorkTracker;
+
+class StoreSalvage;
 
 namespace sqlite {
 class Database;
@@ -54,10 +61,14 @@ public:
     CoreDataManager(const CoreDataManager&) = delete;
     CoreDataManager& operator=(const CoreDataManager&) = delete;
 
-    // At most this many rows wait in memory while they cannot be written (the store could
-    // not be opened, or the disk is full); beyond it the oldest are dropped, so that a
-    // store that stays unwritable cannot exhaust the host's memory.
+    // At most this many rows wait in memory once a save has failed to write them (the
+    // store could not be opened, the disk is full, an I/O error); beyond it the oldest are
+    // dropped, so that a store that stays unwritable cannot exhaust the host's memory. While
+    // saves succeed there is no limit: the executor writes whatever was queued.
     static constexpr std::size_t maxWaitingRows = 100000;
+    // The most rows written in one transaction: on a nearly full disk whatever fits is
+    // written, and a chunk that fails never holds back what came before it.
+    static constexpr std::size_t maxRowsPerTransaction = 4096;
 
     // False while the store could not be opened. Inserts then wait in memory, reads are
     // empty, and every save tries to open the store again.
@@ -104,15 +115,29 @@ public:
 
 private:
     struct Statements;
+    struct CarriedState;
 
     // reportFailure: false for the quiet retries after the first failure was reported.
     void load(bool reportFailure);
     // On the executor: true when the store is open, trying to open it again if it is not.
     bool ensureLoaded();
-    void openAndPrepare();
+    void openAndPrepare(const CarriedState* carried);
+    void createSchema(const CarriedState* carried);
+    void checkSchema(std::int64_t version);
+    void closeConnection(bool checkpoint);
+    std::optional<std::filesystem::path> moveAside(std::string& failure);
+    void recoverFromDamage(const std::string& what);
+    void startOver(const std::string& what, bool carryOver, const char* linePrefix);
+    std::string carryRows(StoreSalvage& salvage);
+    void reclaimJournalSpace();
+    template <typename Result, typename Body>
+    Result guarded(const char* failure, Result onFailure, Body&& body);
+
     void saveContext();
     void takePending();
+    bool saveWaiting();
     bool writeRows();
+    void writeChunk(std::size_t start, std::size_t count);
     template <typename Fn>
     auto performAndWait(Fn&& fn);
 
@@ -127,6 +152,13 @@ private:
     std::unique_ptr<sqlite::Database> db_;
     std::unique_ptr<Statements> statements_;
     std::vector<PendingRow> writing_;  // taken from pending_; kept after a failed save
+    // Why the last save could not write (empty when it could): the waiting rows are
+    // capped only then, and the console line that drops rows says why.
+    std::string unwritableReason_;
+    std::size_t chunkRows_ = maxRowsPerTransaction;  // halved on a full disk
+    // The highest row id handed out so far, which a new store replacing a damaged one
+    // numbers its rows after.
+    std::int64_t highestKnownId_ = 0;
 
     std::mutex pendingMutex_;
     std::vector<PendingRow> pending_;

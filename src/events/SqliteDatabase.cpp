@@ -7,14 +7,38 @@ namespace rovalis::sqlite {
 Error::Error(int code, int extendedCode, const std::string& message)
     : std::runtime_error(message), code_(code), extendedCode_(extendedCode) {}
 
-bool Error::isEnvironmental() const { return code_ == SQLITE_FULL || code_ == SQLITE_IOERR; }
+bool Error::isDamage() const {
+    // A short read is a file that ends before its contents do; an I/O error that the file
+    // system itself reports as corruption is no better.
+    return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB || extendedCode_ == SQLITE_IOERR_SHORT_READ ||
+           extendedCode_ == SQLITE_IOERR_CORRUPTFS;
+}
+
+bool Error::isEnvironmental() const {
+    if (isDamage()) return false;
+    switch (code_) {
+    case SQLITE_FULL:
+    case SQLITE_IOERR:
+    case SQLITE_CANTOPEN:
+    case SQLITE_READONLY:
+    case SQLITE_PERM:
+    case SQLITE_BUSY:
+    case SQLITE_NOMEM:
+    case SQLITE_PROTOCOL: return true;
+    default: return false;
+    }
+}
 
 // ---- Database ----
 
-Database::Database(const std::string& path, bool create) {
+Database::Database(const std::string& path, Mode mode) {
     // One connection per thread of use, so SQLite's own per-connection mutex is not needed.
-    int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX;
-    if (create) flags |= SQLITE_OPEN_CREATE;
+    int flags = SQLITE_OPEN_NOMUTEX;
+    switch (mode) {
+    case Mode::readWrite: flags |= SQLITE_OPEN_READWRITE; break;
+    case Mode::readWriteCreate: flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE; break;
+    case Mode::readOnly: flags |= SQLITE_OPEN_READONLY; break;
+    }
     const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
     if (rc != SQLITE_OK) {
         const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
@@ -34,6 +58,26 @@ void Database::throwError(int rc) const {
 
 void Database::exec(const std::string& sql) {
     const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) throwError(rc);
+}
+
+std::string Database::queryText(const std::string& sql) {
+    Statement statement(*this, sql);
+    return statement.step() ? std::string(statement.columnText(0)) : std::string();
+}
+
+std::int64_t Database::queryInt64(const std::string& sql) {
+    Statement statement(*this, sql);
+    return statement.step() ? statement.columnInt64(0) : 0;
+}
+
+void Database::setCheckpointOnClose(bool checkpoint) {
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, checkpoint ? 0 : 1, nullptr);
+}
+
+void Database::keepJournalFile() {
+    int persist = 1;
+    const int rc = sqlite3_file_control(db_, "main", SQLITE_FCNTL_PERSIST_WAL, &persist);
     if (rc != SQLITE_OK) throwError(rc);
 }
 
@@ -116,6 +160,8 @@ std::string_view Statement::columnBlob(int column) const {
     return data ? std::string_view(data, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
                 : std::string_view();
 }
+
+int Statement::columnType(int column) const { return sqlite3_column_type(stmt_, column); }
 
 int Statement::parameterCount() const { return sqlite3_bind_parameter_count(stmt_); }
 

@@ -22,7 +22,11 @@ public:
     int code() const { return code_; }                  // primary result code (SQLITE_FULL, ...)
     int extendedCode() const { return extendedCode_; }  // extended result code (SQLITE_IOERR_WRITE, ...)
 
-    // Full disk or I/O failure: faults of the environment rather than of the program.
+    // The file's contents cannot be read as a database: a damaged page, a file cut short,
+    // or a file that is not a database at all. Trying again gives the same answer.
+    bool isDamage() const;
+    // A fault of the environment rather than of the program: a full disk, an I/O failure,
+    // a file that cannot be opened, locked or written. It may pass.
     bool isEnvironmental() const;
 
 private:
@@ -32,8 +36,12 @@ private:
 
 class Database {
 public:
-    // Opens (and with create, creates) the database file. Throws Error on failure.
-    Database(const std::string& path, bool create);
+    enum class Mode { readWrite, readWriteCreate, readOnly };
+
+    // Opens (and with readWriteCreate, creates) the database file. Throws Error on failure.
+    Database(const std::string& path, Mode mode);
+    Database(const std::string& path, bool create)
+        : Database(path, create ? Mode::readWriteCreate : Mode::readWrite) {}
     ~Database();
 
     Database(const Database&) = delete;
@@ -41,6 +49,17 @@ public:
 
     // Runs one or more statements without results.
     void exec(const std::string& sql);
+
+    // The first column of the first row of a query (a PRAGMA, say) as text; empty when the
+    // query gives no row or NULL.
+    std::string queryText(const std::string& sql);
+    std::int64_t queryInt64(const std::string& sql);
+
+    // By default closing the connection copies the write-ahead journal into the file. A
+    // damaged file is closed without that, so it stays as it was.
+    void setCheckpointOnClose(bool checkpoint);
+    // Keeps the write-ahead journal file, at its size, when the connection closes.
+    void keepJournalFile();
 
     std::int64_t lastInsertRowid() const;
     int changes() const;
@@ -83,6 +102,8 @@ public:
     double columnDouble(int column) const;
     std::string_view columnText(int column) const;
     std::string_view columnBlob(int column) const;
+    // SQLITE_INTEGER, SQLITE_FLOAT, SQLITE_TEXT, SQLITE_BLOB or SQLITE_NULL.
+    int columnType(int column) const;
     int parameterCount() const;
 
 private:

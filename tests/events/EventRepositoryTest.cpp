@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "events/SqliteDatabase.h"
+#include "support/FullDiskVfs.h"
 #include "support/TestSupport.h"
 
 namespace rovalis {
@@ -38,6 +39,21 @@ protected:
         repository_->insertWaypointEventWithTrackedAtMs(Date{seconds}, latitude, 13.4, 1.5, 90, 5, 34, "gps");
     }
 
+    // Runs produce while the store's executor is held, so that all it queues waits at once.
+    void whileTheStoreIsBusy(const std::function<void()>& produce) {
+        std::promise<void> holding, release;
+        std::thread holder([&] {
+            repository_->coreDataManager().performAndWaitWithConnection([&](sqlite::Database*) {
+                holding.set_value();
+                release.get_future().wait();
+            });
+        });
+        holding.get_future().wait();
+        produce();
+        release.set_value();
+        holder.join();
+    }
+
     static std::vector<double> times(const std::vector<EventPayload>& payloads) {
         std::vector<double> result;
         for (const auto& payload : payloads) result.push_back(payload.trackedAtMs.secondsSince1970);
@@ -67,32 +83,26 @@ TEST_F(EventRepositoryTest, FetchReturnsOldestFirstWithLimitAndStopsAtTheGivenUr
     EXPECT_EQ(repository_->eventsCount(), 7);
 }
 
-TEST_F(EventRepositoryTest, InsertsFromOneThreadAreFetchedInCallOrderAndCommittedTogether) {
+TEST_F(EventRepositoryTest, InsertsFromOneThreadAreFetchedInCallOrderAndCommittedInFewTransactions) {
     int commits = 0;
     repository_->coreDataManager().performAndWaitWithConnection([&](sqlite::Database* db) {
         sqlite3_commit_hook(db->handle(), [](void* n) { ++*static_cast<int*>(n); return 0; }, &commits);
     });
 
-    // Hold the background executor while the burst is queued, so the burst is one save.
-    std::promise<void> holding, release;
-    std::thread holder([&] {
-        repository_->coreDataManager().performAndWaitWithConnection([&](sqlite::Database*) {
-            holding.set_value();
-            release.get_future().wait();
-        });
+    // The burst is queued while the store is busy, so it is one save: one full transaction
+    // and the rest.
+    const int burst = static_cast<int>(CoreDataManager::maxRowsPerTransaction) + 1000;
+    whileTheStoreIsBusy([&] {
+        for (int i = 0; i < burst; ++i) insertWaypointAt(1700000000.0, -90 + i * 0.03);
     });
-    holding.get_future().wait();
-    for (int i = 0; i < 2000; ++i) insertWaypointAt(1700000000.0, -90 + i * 0.05);
-    release.set_value();
-    holder.join();
 
     const auto fetched = rows();
-    ASSERT_EQ(fetched.size(), 2000u);
-    for (int i = 0; i < 2000; ++i) {
-        const Waypoint expected(Date{1700000000.0}, -90 + i * 0.05, 13.4, 1.5, 90, 5, 34, "gps");
-        EXPECT_EQ(fetched[i].payload, EventEncoder().encode(expected));
+    ASSERT_EQ(fetched.size(), static_cast<std::size_t>(burst));
+    for (int i = 0; i < burst; ++i) {
+        const Waypoint expected(Date{1700000000.0}, -90 + i * 0.03, 13.4, 1.5, 90, 5, 34, "gps");
+        ASSERT_EQ(fetched[i].payload, EventEncoder().encode(expected));
     }
-    EXPECT_EQ(commits, 1);
+    EXPECT_EQ(commits, 2);
     repository_->coreDataManager().performAndWaitWithConnection(
         [](sqlite::Database* db) { sqlite3_commit_hook(db->handle(), nullptr, nullptr); });
 }
@@ -272,25 +282,282 @@ TEST_F(EventRepositoryTest, BufferedAccelerationsAreWrittenWhenTheStoreCloses) {
 
 // ---- Faults ----
 
-TEST_F(EventRepositoryTest, FileThatIsNotADatabaseIsKeptAsideAndANewStoreIsCreated) {
-    const std::string garbage(4096, '\x5a');
-    test::writeFile(dir_ / "damaged.sqlite", garbage);
+// The files a store was moved aside as: "<name>.unreadable-<unix ms>", without its journals.
+std::vector<fs::path> keptAside(const TempDir& dir, const std::string& name) {
+    std::vector<fs::path> aside;
+    for (const auto& entry : fs::directory_iterator(dir.path())) {
+        const std::string file = entry.path().filename().string();
+        if (file.starts_with(name + ".unreadable-") && !file.ends_with("-wal") && !file.ends_with("-shm")) {
+            aside.push_back(entry.path());
+        }
+    }
+    return aside;
+}
+
+TEST_F(EventRepositoryTest, FilesThatAreNotThisStoreAreKeptAsideAndANewStoreIsCreated) {
+    const auto makeDatabase = [&](const std::string& name, const std::string& sql) {
+        sqlite::Database(dir_ / name, true).exec(sql);
+    };
+    test::writeFile(dir_ / "garbage.sqlite", std::string(4096, '\x5a'));
+    test::writeFile(dir_ / "zeros.sqlite", std::string(8192, '\0'));
+    makeDatabase("other-layout.sqlite",
+                 "CREATE TABLE EventEntity (id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT);"
+                 "CREATE TABLE StoreMetadata (singleton INTEGER PRIMARY KEY, store_uuid TEXT);"
+                 "PRAGMA user_version = 2");
+    makeDatabase("other-app.sqlite", "CREATE TABLE notes (id INTEGER PRIMARY KEY, text TEXT)");
+    // This store's own layout, written by a newer version.
+    close();
+    open("newer.sqlite");
+    insertWaypointAt(1.0);
+    ASSERT_EQ(repository_->eventsCount(), 1);
+    repository_->coreDataManager().performAndWaitWithConnection(
+        [](sqlite::Database* db) { db->exec("PRAGMA user_version = 3"); });
+    close();
+
+    for (const std::string name : {"garbage.sqlite", "zeros.sqlite", "other-layout.sqlite", "other-app.sqlite",
+                                   "newer.sqlite"}) {
+        SCOPED_TRACE(name);
+        const std::string before = test::readFile(dir_ / name);
+        ConsoleCapture console;
+        open(name);
+        const auto lines = console.lines();
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_TRUE(lines[0].starts_with("Load persistent stores finished with error = ")) << lines[0];
+        const auto aside = keptAside(dir_, name);
+        ASSERT_EQ(aside.size(), 1u);
+        EXPECT_NE(lines[0].find("kept as \"" + aside[0].string() + "\""), std::string::npos) << lines[0];
+        EXPECT_EQ(test::readFile(aside[0]), before) << "kept untouched";
+
+        EXPECT_EQ(repository_->eventsCount(), 0);
+        insertWaypointAt(2.0);
+        EXPECT_EQ(times(rows()), std::vector<double>{2.0});
+        close();
+        EXPECT_EQ(open(name).eventsCount(), 1) << "the new store is the store from now on";
+        close();
+    }
+}
+
+TEST_F(EventRepositoryTest, StoreOfTheFirstVersionIsKeptAndGainsThePendingBatch) {
+    close();
+    {
+        sqlite::Database db(dir_ / "v1.sqlite", true);
+        db.exec("PRAGMA journal_mode = WAL;"
+                "CREATE TABLE EventEntity (id INTEGER PRIMARY KEY AUTOINCREMENT, type TEXT NOT NULL,"
+                " tracked_at_ms REAL NOT NULL, payload BLOB NOT NULL);"
+                "CREATE INDEX EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);"
+                "CREATE TABLE StoreMetadata (singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
+                " store_uuid TEXT NOT NULL);"
+                "INSERT INTO StoreMetadata VALUES (1, '6F1C8E0A-2B7D-4C55-9A3E-0D4B7C2E9F11');"
+                "INSERT INTO EventEntity VALUES (41, 'Debug', 5, '{\"type\":\"Debug\"}');"
+                "PRAGMA user_version = 1");
+    }
+    ConsoleCapture console;
+    open("v1.sqlite");
+    EXPECT_TRUE(console.lines().empty());
+    const auto stored = rows();
+    ASSERT_EQ(stored.size(), 1u);
+    EXPECT_EQ(stored[0].uri, "x-rovalis-store://6F1C8E0A-2B7D-4C55-9A3E-0D4B7C2E9F11/EventEntity/p41");
+    EXPECT_TRUE(repository_->recordPendingBatch(PendingBatch{"B-1", 1, stored}));
+    EXPECT_TRUE(keptAside(dir_, "v1.sqlite").empty());
+}
+
+// A store of a few thousand rows, its journal copied into the file, then closed.
+class DamagedStoreTest : public EventRepositoryTest {
+protected:
+    static constexpr int rowCount = 3000;
+    static constexpr std::size_t pageSize = 4096;
+
+    void fillAndClose() {
+        for (int i = 0; i < rowCount; ++i) insertWaypointAt(1000.0 + i);
+        original_ = rows();
+        ASSERT_EQ(original_.size(), static_cast<std::size_t>(rowCount));
+        const EventPayload closing{"Debug", Date{5000}, R"({"comment":"closing","type":"Debug"})", ""};
+        batch_ = PendingBatch{"B-1", 3, original_};
+        batch_.events.push_back(closing);
+        ASSERT_TRUE(repository_->recordPendingBatch(batch_));
+        repository_->coreDataManager().performAndWaitWithConnection(
+            [](sqlite::Database* db) { db->exec("PRAGMA wal_checkpoint(TRUNCATE)"); });
+        close();
+    }
+
+    // The pages holding the events' rows, in file order.
+    std::vector<std::int64_t> eventPages() {
+        std::vector<std::int64_t> pages;
+        sqlite::Database db(path_, false);
+        sqlite::Statement leaves(db, "SELECT pageno FROM dbstat WHERE name = 'EventEntity' AND pagetype = 'leaf'"
+                                     " ORDER BY pageno");
+        while (leaves.step()) pages.push_back(leaves.columnInt64(0));
+        return pages;
+    }
+
+    // Rows that were stored and are no longer fetched.
+    std::vector<EventPayload> lost(const std::vector<EventPayload>& fetched) {
+        std::vector<EventPayload> result;
+        std::set_difference(original_.begin(), original_.end(), fetched.begin(), fetched.end(),
+                            std::back_inserter(result), [](const EventPayload& a, const EventPayload& b) {
+                                return a.trackedAtMs.secondsSince1970 < b.trackedAtMs.secondsSince1970;
+                            });
+        return result;
+    }
+
+    // Carried rows keep their ids, URIs and payloads.
+    void expectCarriedUnchanged(const std::vector<EventPayload>& fetched) {
+        for (const auto& row : fetched) {
+            const auto index = static_cast<std::size_t>(row.trackedAtMs.secondsSince1970 - 1000.0);
+            ASSERT_LT(index, original_.size());
+            ASSERT_EQ(row, original_[index]);
+        }
+    }
+
+    const fs::path path_ = dir_ / "events.sqlite";
+    std::vector<EventPayload> original_;
+    PendingBatch batch_;
+};
+
+TEST_F(DamagedStoreTest, DamagedPageIsPassedOverAndEveryOtherValidRowIsCarriedIntoANewStore) {
+    fillAndClose();
+    {
+        // Two rows that are not events: ill-formed UTF-8, and a type the payload does not have.
+        sqlite::Database db(path_, false);
+        db.exec("UPDATE EventEntity SET payload = CAST(X'7B2274797065223A2257FF227D' AS BLOB) WHERE id = 1;"
+                "UPDATE EventEntity SET type = 'Debug' WHERE id = 2");
+    }
+    const auto pages = eventPages();
+    ASSERT_GT(pages.size(), 20u);
+    const std::int64_t damaged = pages[pages.size() / 2];
+    std::string file = test::readFile(path_);
+    const auto offset = static_cast<std::size_t>(damaged - 1) * pageSize;
+    const auto cellsOnPage = static_cast<std::size_t>((static_cast<unsigned char>(file[offset + 3]) << 8) |
+                                                      static_cast<unsigned char>(file[offset + 4]));
+    file.replace(offset, pageSize, std::string(pageSize, '\x5a'));
+    test::writeFile(path_, file);
 
     ConsoleCapture console;
-    open("damaged.sqlite");
+    open();
+    EXPECT_TRUE(console.lines().empty()) << "the damage is not on a page that opening reads";
+    // The fetch that meets the damage is answered from the new store.
+    const auto fetched = rows();
+    const auto missing = lost(fetched);
+    ASSERT_EQ(missing.size(), 2 + cellsOnPage) << "the two invalid rows and those of the damaged page are gone";
+    EXPECT_EQ(fetched.size() + missing.size(), original_.size());
+    EXPECT_EQ(missing[0], original_[0]);
+    EXPECT_EQ(missing[1], original_[1]);
+    EXPECT_EQ(splitUri(missing.back().uri).second - splitUri(missing[2].uri).second,
+              static_cast<long long>(cellsOnPage) - 1)
+        << "one page holds consecutive rows";
+    expectCarriedUnchanged(fetched);
+
+    const auto aside = keptAside(dir_, "events.sqlite");
+    ASSERT_EQ(aside.size(), 1u);
+    EXPECT_EQ(test::readFile(aside[0]), file) << "kept untouched";
     const auto lines = console.lines();
     ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].starts_with("Load persistent stores finished with error = ")) << lines[0];
+    EXPECT_TRUE(lines[0].starts_with("The event store is damaged: database disk image is malformed")) << lines[0];
+    EXPECT_NE(lines[0].find("kept as \"" + aside[0].string() + "\""), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("with the " + std::to_string(fetched.size()) +
+                            " events that could be read; 2 unreadable or invalid events were skipped"),
+              std::string::npos)
+        << lines[0];
 
-    std::vector<fs::path> aside;
-    for (const auto& entry : fs::directory_iterator(dir_.path())) {
-        if (entry.path().filename().string().starts_with("damaged.sqlite.unreadable-")) aside.push_back(entry.path());
-    }
-    ASSERT_EQ(aside.size(), 1u);
-    EXPECT_EQ(test::readFile(aside[0]), garbage);
+    // The pending batch came along, without the lost rows, so it reads as incomplete.
+    const auto pending = repository_->pendingBatch();
+    ASSERT_TRUE(pending);
+    EXPECT_EQ(pending->batchId, "B-1");
+    EXPECT_EQ(pending->sequentialId, 3);
+    EXPECT_FALSE(pending->complete);
+    auto expectedEvents = fetched;
+    expectedEvents.push_back(batch_.events.back());
+    EXPECT_EQ(pending->events, expectedEvents);
 
-    insertWaypointAt(1.0);
-    EXPECT_EQ(repository_->eventsCount(), 1);
+    // New rows are numbered after every row the damaged store held.
+    const auto uri = repository_->insertToggleTrackingEventWithTrackedAtMs(Date{9000}, true, 0);
+    ASSERT_TRUE(uri);
+    EXPECT_EQ(splitUri(*uri).first, splitUri(original_[0].uri).first);
+    EXPECT_EQ(splitUri(*uri).second, splitUri(original_.back().uri).second + 1);
+    close();
+    EXPECT_EQ(open().eventsCount(), static_cast<long>(fetched.size()) + 1);
+}
+
+TEST_F(DamagedStoreTest, StoreCutShortKeepsWhatItsRemainingPagesHold) {
+    fillAndClose();
+    std::string file = test::readFile(path_);
+    file.resize(file.size() * 3 / 5 / pageSize * pageSize);
+    test::writeFile(path_, file);
+
+    ConsoleCapture console;
+    open();
+    const auto fetched = rows();
+    EXPECT_GT(fetched.size(), 0u);
+    EXPECT_LT(fetched.size(), original_.size());
+    expectCarriedUnchanged(fetched);
+    ASSERT_EQ(console.lines().size(), 1u);
+    EXPECT_TRUE(console.lines()[0].starts_with("Load persistent stores finished with error = ")) << console.lines()[0];
+    ASSERT_EQ(keptAside(dir_, "events.sqlite").size(), 1u);
+    const auto uri = repository_->insertToggleTrackingEventWithTrackedAtMs(Date{9000}, true, 0);
+    ASSERT_TRUE(uri);
+    EXPECT_GT(splitUri(*uri).second, splitUri(original_.back().uri).second);
+}
+
+// The disk fills while the store is in use, and again before it is opened.
+class FullDiskTest : public EventRepositoryTest {
+protected:
+    void SetUp() override { open(); }  // on the file system that can fill
+    void TearDown() override { close(); }
+
+    test::FullDiskVfs disk_;
+};
+
+TEST_F(FullDiskTest, WhatFitsIsWrittenInOrderTheRestWaitsAndIsWrittenOnceThereIsSpace) {
+    // Space inside the files that rows can take once the disk is full.
+    for (int i = 0; i < 3000; ++i) insertWaypointAt(1.0);
+    repository_->deleteEventsWithUpTo(Date::distantFuture());
+    repository_->coreDataManager().performAndWaitWithConnection(
+        [](sqlite::Database* db) { db->exec("PRAGMA wal_checkpoint(PASSIVE)"); });
+
+    disk_.setFull(true);
+    ConsoleCapture console;
+    constexpr int inserted = 30000;
+    for (int i = 0; i < inserted; ++i) insertWaypointAt(100.0 + i);
+    const auto partly = rows();
+    EXPECT_GT(partly.size(), 0u) << "what fits is written";
+    EXPECT_LT(partly.size(), static_cast<std::size_t>(inserted));
+    for (std::size_t i = 0; i < partly.size(); ++i) ASSERT_EQ(partly[i].trackedAtMs.secondsSince1970, 100.0 + i);
+    EXPECT_FALSE(repository_->insertToggleTrackingEventWithTrackedAtMs(Date{1e6}, true, 0).has_value());
+    const auto lines = console.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Failed to save context: database or disk is full"), 1)
+        << "said once, not at every save";
+
+    disk_.setFull(false);
+    const auto all = rows();
+    ASSERT_EQ(all.size(), static_cast<std::size_t>(inserted) + 1);
+    for (int i = 0; i < inserted; ++i) ASSERT_EQ(all[i].trackedAtMs.secondsSince1970, 100.0 + i);
+    EXPECT_EQ(all.back().type, "ToggleTracking");
+
+    // Opening a store on a full disk only reads it; reading works, and deleting frees space.
+    close();
+    disk_.setFull(true);
+    const int writesBefore = disk_.writesWhileFull();
+    open();
+    EXPECT_EQ(rows(), all);
+    EXPECT_EQ(disk_.writesWhileFull(), writesBefore) << "opening and reading write nothing";
+    EXPECT_EQ(repository_->deleteEventsWithUpTo(Date{100.0 + 999}), 1000);
+    for (int i = 0; i < 500; ++i) insertWaypointAt(2e6 + i);
+    EXPECT_EQ(repository_->eventsCount(), inserted + 1 - 1000 + 500) << "new rows take the space freed";
+}
+
+TEST_F(EventRepositoryTest, FastProducerOnAHealthyStoreLosesNothing) {
+    // Every row waits at once, three times the cap that applies to a store that cannot be written.
+    constexpr int produced = 300001;
+    whileTheStoreIsBusy([&] {
+        for (int i = 0; i < produced; ++i) insertWaypointAt(1000.0 + i);
+    });
+
+    ConsoleCapture console;
+    EXPECT_EQ(repository_->eventsCount(), produced);
+    EXPECT_TRUE(console.lines().empty());
+    const auto newest = repository_->fetchLastEventsPayloadWithLimit(1);
+    ASSERT_EQ(newest.size(), 1u);
+    EXPECT_EQ(newest[0].trackedAtMs.secondsSince1970, 1000.0 + produced - 1);
 }
 
 TEST_F(EventRepositoryTest, StoreThatCannotBeOpenedKeepsEventsAndOpensOnceItCan) {
@@ -305,12 +572,23 @@ TEST_F(EventRepositoryTest, StoreThatCannotBeOpenedKeepsEventsAndOpensOnceItCan)
     EXPECT_EQ(repository_->deleteEventsWithUpTo(Date::distantFuture()), 0);
     EXPECT_EQ(console.lines().size(), 1u);  // the retries are quiet
 
+    // Past the cap, the oldest waiting rows go.
+    const std::size_t cap = CoreDataManager::maxWaitingRows;
+    whileTheStoreIsBusy([&] {
+        for (std::size_t i = 0; i < cap; ++i) insertWaypointAt(10.0 + static_cast<double>(i));
+    });
+    EXPECT_EQ(repository_->eventsCount(), 0);
+    EXPECT_TRUE(console.contains("Dropped the oldest 2 of the events waiting to be stored: the store could not be "
+                                 "opened: No such file or directory, and at most 100000 wait in memory"));
+
     // Once the directory exists, the next save opens the store and writes what waited.
     fs::create_directories(dir_ / "missing");
     const auto all = rows();
-    EXPECT_EQ(times(all), (std::vector<double>{1, 2}));
+    ASSERT_EQ(all.size(), cap);
+    EXPECT_EQ(all.front().trackedAtMs.secondsSince1970, 10.0);
+    EXPECT_EQ(all.back().trackedAtMs.secondsSince1970, 10.0 + static_cast<double>(cap - 1));
     EXPECT_TRUE(console.contains("Persistent store loaded at \"" + (dir_ / "missing/events.sqlite").string() +
-                                 "\"; 2 waiting events are written now"));
+                                 "\"; " + std::to_string(cap) + " waiting events are written now"));
     EXPECT_TRUE(repository_->insertToggleTrackingEventWithTrackedAtMs(Date{3.0}, true, 0).has_value());
 }
 
@@ -320,30 +598,6 @@ TEST_F(EventRepositoryTest, StoreFilesArePrivateToTheUser) {
     for (const std::string suffix : {"", "-wal", "-shm"}) {
         EXPECT_EQ(test::fileMode(dir_ / ("events.sqlite" + suffix)), 0600u) << suffix;
     }
-}
-
-TEST_F(EventRepositoryTest, EventsWrittenWhileTheDiskIsFullAreKeptAndWrittenLater) {
-    insertWaypointAt(1.0);
-    ASSERT_EQ(repository_->eventsCount(), 1);
-    const auto setMaxPageCount = [&](int pages) {
-        repository_->coreDataManager().performAndWaitWithConnection(
-            [&](sqlite::Database* db) { db->exec("PRAGMA max_page_count = " + std::to_string(pages)); });
-    };
-    setMaxPageCount(1);  // no more pages than the file has now
-
-    ConsoleCapture console;
-    for (int i = 0; i < 500; ++i) insertWaypointAt(2.0 + i);
-    // A few may still fit into the pages the file has; the rest wait in memory.
-    EXPECT_LT(repository_->eventsCount(), 501);
-    EXPECT_TRUE(console.contains("Failed to save context: database or disk is full"));
-    EXPECT_FALSE(repository_->insertToggleTrackingEventWithTrackedAtMs(Date{600.0}, true, 0).has_value());
-
-    setMaxPageCount(1 << 20);
-    insertWaypointAt(700.0);
-    const auto all = rows();
-    ASSERT_EQ(all.size(), 503u);
-    EXPECT_EQ(all[501].type, "ToggleTracking");
-    for (int i = 0; i < 500; ++i) EXPECT_EQ(all[i + 1].trackedAtMs.secondsSince1970, 2.0 + i);
 }
 
 TEST_F(EventRepositoryTest, InvalidRecordStopsOnTheCallersThreadBeforeAnythingIsQueued) {
