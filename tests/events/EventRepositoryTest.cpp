@@ -367,17 +367,31 @@ protected:
     static constexpr int rowCount = 3000;
     static constexpr std::size_t pageSize = 4096;
 
-    void fillAndClose() {
+    // The pending batch holds the oldest batchRows rows and a closing event.
+    void fillAndClose(std::size_t batchRows = rowCount) {
         for (int i = 0; i < rowCount; ++i) insertWaypointAt(1000.0 + i);
         original_ = rows();
         ASSERT_EQ(original_.size(), static_cast<std::size_t>(rowCount));
         const EventPayload closing{"Debug", Date{5000}, R"({"comment":"closing","type":"Debug"})", ""};
-        batch_ = PendingBatch{"B-1", 3, original_};
+        batch_ = PendingBatch{"B-1", 3, {original_.begin(), original_.begin() + static_cast<long>(batchRows)}};
         batch_.events.push_back(closing);
         ASSERT_TRUE(repository_->recordPendingBatch(batch_));
         repository_->coreDataManager().performAndWaitWithConnection(
             [](sqlite::Database* db) { db->exec("PRAGMA wal_checkpoint(TRUNCATE)"); });
         close();
+    }
+
+    // Overwrites a page of events in the middle of the file; how many rows it held.
+    std::size_t damageMiddlePage() {
+        const auto pages = eventPages();
+        const std::int64_t damaged = pages[pages.size() / 2];
+        std::string file = test::readFile(path_);
+        const auto offset = static_cast<std::size_t>(damaged - 1) * pageSize;
+        const auto cells = static_cast<std::size_t>((static_cast<unsigned char>(file[offset + 3]) << 8) |
+                                                    static_cast<unsigned char>(file[offset + 4]));
+        file.replace(offset, pageSize, std::string(pageSize, '\x5a'));
+        test::writeFile(path_, file);
+        return cells;
     }
 
     // The pages holding the events' rows, in file order.
@@ -476,6 +490,23 @@ TEST_F(DamagedStoreTest, DamagedPageIsPassedOverAndEveryOtherValidRowIsCarriedIn
     EXPECT_EQ(splitUri(*uri).second, splitUri(original_.back().uri).second + 1);
     close();
     EXPECT_EQ(open().eventsCount(), static_cast<long>(fetched.size()) + 1);
+}
+
+TEST_F(DamagedStoreTest, APendingBatchWhoseClosingEventCannotBeReadIsNotSentAgainAsIfWhole) {
+    fillAndClose(100);
+    {
+        sqlite::Database db(path_, false);
+        db.exec("UPDATE PendingBatch SET closing_payload = CAST(X'7BFF' AS BLOB)");
+    }
+    damageMiddlePage();
+    ConsoleCapture console;
+    open();
+    ASSERT_LT(rows().size(), original_.size()) << "the damage was met";
+    const auto pending = repository_->pendingBatch();
+    ASSERT_TRUE(pending);
+    EXPECT_EQ(pending->events, std::vector<EventPayload>(original_.begin(), original_.begin() + 100))
+        << "every stored member, without the closing event";
+    EXPECT_FALSE(pending->complete);
 }
 
 TEST_F(DamagedStoreTest, StoreCutShortKeepsWhatItsRemainingPagesHold) {
