@@ -153,23 +153,30 @@ std::optional<Error> RVLSendOperation::prepareAndSendData() {
     for (;;) {
         auto batch = resumablePendingBatch(*batches, *batchIds);
         const bool resumed = batch.has_value();
+        bool reachedStoreEnd = false;
         if (!resumed) {
             auto payloads = repository->fetchEventsPayloadTo(lastEventURI_, batchLimit);
             // The last event URI may name an event that has gone (cleared meanwhile): then the
             // store's end is the end of this send.
             if (payloads.empty()) return std::nullopt;
+            reachedStoreEnd = static_cast<std::int64_t>(payloads.size()) < batchLimit;
             batch = PendingBatch{batchIds->batchId(), batchIds->sequentialId(), std::move(payloads)};
             // Recorded before the first byte goes out: whatever happens to this attempt, the
-            // next one sends the same events under the same identity.
-            if (!batches->recordPendingBatch(*batch)) {
-                return storeError(0, "The batch could not be recorded in the event store.");
+            // next one sends the same events under the same identity. A record that does not
+            // fit (a full disk) is tried with half as many events, since sending is what
+            // frees the space.
+            while (!batches->recordPendingBatch(*batch)) {
+                if (batch->events.size() <= 1) {
+                    return storeError(0, "The batch could not be recorded in the event store.");
+                }
+                batch->events.resize(batch->events.size() / 2);
+                reachedStoreEnd = false;
             }
         }
         const BatchIdentity identity{batch->batchId, batch->sequentialId};
         const Date from = batch->events.front().trackedAtMs;
         const Date to = batch->events.back().trackedAtMs;
         const bool reachesLastEvent = holdsEvent(*batch, lastEventURI_);
-        const bool reachedStoreEnd = !resumed && static_cast<std::int64_t>(batch->events.size()) < batchLimit;
 
         const std::string document = generator->generateEventBatchFrom(batch->events, identity.batchId,
                                                                        identity.sequentialId);

@@ -381,29 +381,6 @@ protected:
         close();
     }
 
-    // Overwrites a page of events in the middle of the file; how many rows it held.
-    std::size_t damageMiddlePage() {
-        const auto pages = eventPages();
-        const std::int64_t damaged = pages[pages.size() / 2];
-        std::string file = test::readFile(path_);
-        const auto offset = static_cast<std::size_t>(damaged - 1) * pageSize;
-        const auto cells = static_cast<std::size_t>((static_cast<unsigned char>(file[offset + 3]) << 8) |
-                                                    static_cast<unsigned char>(file[offset + 4]));
-        file.replace(offset, pageSize, std::string(pageSize, '\x5a'));
-        test::writeFile(path_, file);
-        return cells;
-    }
-
-    // The pages holding the events' rows, in file order.
-    std::vector<std::int64_t> eventPages() {
-        std::vector<std::int64_t> pages;
-        sqlite::Database db(path_, false);
-        sqlite::Statement leaves(db, "SELECT pageno FROM dbstat WHERE name = 'EventEntity' AND pagetype = 'leaf'"
-                                     " ORDER BY pageno");
-        while (leaves.step()) pages.push_back(leaves.columnInt64(0));
-        return pages;
-    }
-
     // Rows that were stored and are no longer fetched.
     std::vector<EventPayload> lost(const std::vector<EventPayload>& fetched) {
         std::vector<EventPayload> result;
@@ -436,15 +413,8 @@ TEST_F(DamagedStoreTest, DamagedPageIsPassedOverAndEveryOtherValidRowIsCarriedIn
         db.exec("UPDATE EventEntity SET payload = CAST(X'7B2274797065223A2257FF227D' AS BLOB) WHERE id = 1;"
                 "UPDATE EventEntity SET type = 'Debug' WHERE id = 2");
     }
-    const auto pages = eventPages();
-    ASSERT_GT(pages.size(), 20u);
-    const std::int64_t damaged = pages[pages.size() / 2];
-    std::string file = test::readFile(path_);
-    const auto offset = static_cast<std::size_t>(damaged - 1) * pageSize;
-    const auto cellsOnPage = static_cast<std::size_t>((static_cast<unsigned char>(file[offset + 3]) << 8) |
-                                                      static_cast<unsigned char>(file[offset + 4]));
-    file.replace(offset, pageSize, std::string(pageSize, '\x5a'));
-    test::writeFile(path_, file);
+    const std::size_t cellsOnPage = test::damageMiddleLeafPage(path_, "EventEntity");
+    const std::string file = test::readFile(path_);
 
     ConsoleCapture console;
     open();
@@ -498,7 +468,7 @@ TEST_F(DamagedStoreTest, APendingBatchWhoseClosingEventCannotBeReadIsNotSentAgai
         sqlite::Database db(path_, false);
         db.exec("UPDATE PendingBatch SET closing_payload = CAST(X'7BFF' AS BLOB)");
     }
-    damageMiddlePage();
+    test::damageMiddleLeafPage(path_, "EventEntity");
     ConsoleCapture console;
     open();
     ASSERT_LT(rows().size(), original_.size()) << "the damage was met";

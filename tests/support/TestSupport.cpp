@@ -9,6 +9,8 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "events/SqliteDatabase.h"
+
 namespace rovalis::test {
 
 TempDir::TempDir() {
@@ -54,6 +56,28 @@ std::vector<std::string> ConsoleCapture::lines() const {
 bool ConsoleCapture::contains(const std::string& line) const {
     std::lock_guard lock(mutex_);
     return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
+}
+
+std::size_t damageMiddleLeafPage(const std::filesystem::path& database, const std::string& table) {
+    std::vector<std::int64_t> pages;
+    std::size_t pageSize = 0;
+    {
+        sqlite::Database db(database.string(), false);
+        sqlite::Statement size(db, "PRAGMA page_size");
+        if (size.step()) pageSize = static_cast<std::size_t>(size.columnInt64(0));
+        sqlite::Statement leaves(db, "SELECT pageno FROM dbstat WHERE name = ?1 AND pagetype = 'leaf' ORDER BY pageno");
+        leaves.bindText(1, table);
+        while (leaves.step()) pages.push_back(leaves.columnInt64(0));
+    }
+    if (pages.size() < 3 || pageSize == 0) throw std::runtime_error("too few pages to damage one in the middle");
+    std::string file = readFile(database);
+    const auto offset = static_cast<std::size_t>(pages[pages.size() / 2] - 1) * pageSize;
+    // A table leaf's header: its cell count is the big-endian number at bytes 3 and 4.
+    const auto cells = static_cast<std::size_t>((static_cast<unsigned char>(file[offset + 3]) << 8) |
+                                                static_cast<unsigned char>(file[offset + 4]));
+    file.replace(offset, pageSize, std::string(pageSize, '\x5a'));
+    writeFile(database, file);
+    return cells;
 }
 
 }  // namespace rovalis::test

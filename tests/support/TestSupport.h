@@ -32,6 +32,11 @@ unsigned fileMode(const std::filesystem::path& path);
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, const std::string& bytes);
 
+// Overwrites with garbage the leaf page in the middle of a table's pages in a closed SQLite
+// file whose journal has been checkpointed, as a failing flash block would; answers how
+// many rows that page held.
+std::size_t damageMiddleLeafPage(const std::filesystem::path& database, const std::string& table);
+
 // Collects the console's lines while it lives, and restores the previous sink after.
 class ConsoleCapture {
 public:
