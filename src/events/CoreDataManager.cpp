@@ -13,6 +13,7 @@
 
 #include "events/SqliteDatabase.h"
 #include "events/StoreSalvage.h"
+#include "events/WriteCountingVfs.h"
 #include "rovalis/Console.h"
 #include "rovalis/Uuid.h"
 #include "util/Fatal.h"
@@ -255,7 +256,8 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     ::fchmod(fd, 0600);
     ::close(fd);
 
-    db_ = std::make_unique<sqlite::Database>(path_.string(), sqlite::Database::Mode::readWrite);
+    db_ = std::make_unique<sqlite::Database>(path_.string(), sqlite::Database::Mode::readWrite,
+                                             sqlite::writeCountingVfsName());
     db_->exec("PRAGMA busy_timeout = 5000");
     // In WAL mode NORMAL keeps the file consistent on power loss and loses nothing when
     // the process dies; only the last commits before a power cut may be missing.
