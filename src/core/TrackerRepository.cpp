@@ -90,7 +90,8 @@ std::shared_ptr<Executor> TrackerRepository::makeQueue(const std::string& label)
 std::shared_ptr<EventRepository> TrackerRepository::eventRepository() {
     if (!eventRepository_) {
         eventRepository_ = std::make_shared<EventRepository>(
-            environment_.dataRoot.privateDirectory("Store") / "RovalisSDK.sqlite", environment_.platform.workTracker);
+            environment_.dataRoot.privateDirectory("Store") / "RovalisSDK.sqlite", environment_.platform.workTracker,
+            CommitDelay{environment_.platform.mainRunLoop, EventRepository::commitDelaySeconds});
     }
     return eventRepository_;
 }

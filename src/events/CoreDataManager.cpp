@@ -15,6 +15,7 @@
 #include "events/StoreSalvage.h"
 #include "events/WriteCountingVfs.h"
 #include "rovalis/Console.h"
+#include "rovalis/RunLoop.h"
 #include "rovalis/Uuid.h"
 #include "util/Fatal.h"
 
@@ -157,12 +158,32 @@ struct CoreDataManager::Statements {
         countPendingEventsStored, pendingBatchId, deletePendingEvents, forgetPendingEvents, forgetPendingBatch;
 };
 
-CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker)
-    : path_(std::move(path)), background_(backgroundQueueLabel, std::move(tracker)) {
+// The commit timer's way back to its manager: cleared before the manager goes, so a timer
+// that fires afterwards does nothing.
+struct CoreDataManager::CommitTimerTarget {
+    std::mutex mutex;
+    CoreDataManager* manager = nullptr;
+};
+
+CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker,
+                                 CommitDelay commitDelay)
+    : path_(std::move(path)),
+      commitDelay_(std::move(commitDelay)),
+      commitTimerTarget_(std::make_shared<CommitTimerTarget>()),
+      background_(backgroundQueueLabel, std::move(tracker)) {
+    commitTimerTarget_->manager = this;
     background_.sync([this] { load(/*reportFailure=*/true); });
 }
 
 CoreDataManager::~CoreDataManager() {
+    {
+        std::lock_guard lock(commitTimerTarget_->mutex);
+        commitTimerTarget_->manager = nullptr;
+    }
+    {
+        std::lock_guard lock(pendingMutex_);
+        if (commitTimer_) commitTimer_->invalidate();
+    }
     // Write what is still queued, then close the connection on its own executor.
     background_.sync([this] {
         saveContext();
@@ -520,35 +541,69 @@ void CoreDataManager::reclaimJournalSpace() {
 // ---- Writing ----
 
 void CoreDataManager::enqueue(PendingRow row) {
-    bool schedule = false;
-    {
-        std::lock_guard lock(pendingMutex_);
-        pending_.push_back(std::move(row));
-        schedule = !std::exchange(saveScheduled_, true);
-    }
-    if (schedule) background_.async([this] { saveContext(); });
+    std::lock_guard lock(pendingMutex_);
+    pending_.push_back(std::move(row));
+    scheduleSaveLocked();
 }
 
 void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
     if (rows.empty()) return;
-    bool schedule = false;
-    {
-        std::lock_guard lock(pendingMutex_);
-        if (pending_.empty()) {
-            pending_.swap(rows);
-        } else {
-            pending_.insert(pending_.end(), std::make_move_iterator(rows.begin()),
-                            std::make_move_iterator(rows.end()));
-        }
-        schedule = !std::exchange(saveScheduled_, true);
+    std::lock_guard lock(pendingMutex_);
+    if (pending_.empty()) {
+        pending_.swap(rows);
+    } else {
+        pending_.insert(pending_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
     }
-    if (schedule) background_.async([this] { saveContext(); });
+    scheduleSaveLocked();
+}
+
+void CoreDataManager::saveSoon() {
+    std::lock_guard lock(pendingMutex_);
+    scheduleSaveNowLocked();
+}
+
+// The first row queued after a save starts the delay; rows queued meanwhile join it. A
+// transaction's worth does not wait.
+void CoreDataManager::scheduleSaveLocked() {
+    if (saveScheduled_) return;
+    if (!commitDelay_.timers || commitDelay_.seconds <= 0 || pending_.size() >= maxRowsPerTransaction) {
+        scheduleSaveNowLocked();
+        return;
+    }
+    if (commitTimer_) return;
+    const std::uint64_t armed = ++commitTimerArmings_;
+    commitTimer_ = commitDelay_.timers->scheduleTimer(commitDelay_.seconds, false,
+                                                      [target = commitTimerTarget_, armed] {
+        std::lock_guard lock(target->mutex);
+        if (target->manager) target->manager->commitDelayEnded(armed);
+    });
+}
+
+void CoreDataManager::scheduleSaveNowLocked() {
+    if (commitTimer_) {
+        commitTimer_->invalidate();
+        commitTimer_.reset();
+    }
+    if (std::exchange(saveScheduled_, true)) return;
+    background_.async([this] { saveContext(); });
+}
+
+// A timer that was cancelled while its callback was already on its way is not the one armed.
+void CoreDataManager::commitDelayEnded(std::uint64_t arming) {
+    std::lock_guard lock(pendingMutex_);
+    if (!commitTimer_ || arming != commitTimerArmings_) return;
+    scheduleSaveNowLocked();
 }
 
 // On the executor: moves the queued rows behind any kept from a failed save.
 void CoreDataManager::takePending() {
     std::lock_guard lock(pendingMutex_);
     saveScheduled_ = false;
+    // Everything queued is taken now: the delay it was waiting for is over.
+    if (commitTimer_) {
+        commitTimer_->invalidate();
+        commitTimer_.reset();
+    }
     if (writing_.empty()) {
         writing_.swap(pending_);
     } else {

@@ -5,8 +5,11 @@
 //
 // Rows are written in groups: producers queue rows from any thread, and one save task on
 // the background executor writes everything queued so far, in transactions of a few
-// thousand rows. Reads and deletes run synchronously on the executor after saving what is
-// queued, so they see every row queued before them.
+// thousand rows. With a commit delay, the save waits until the first row queued since the
+// last one has waited that long (or a transaction's worth is queued), so that rows arriving
+// together share a commit: each commit rewrites the last pages of the table and its index,
+// whatever it holds. Reads and deletes run synchronously on the executor after saving what
+// is queued, so they see every row queued before them.
 //
 // Nothing that happens to the file stops the host: a damaged file is replaced by a new
 // store that carries over what can still be read, a file of another kind is moved aside,
@@ -31,6 +34,8 @@
 
 namespace rovalis {
 
+class RunLoop;
+class RunLoopTimer;
 class WorkTracker;
 
 class StoreSalvage;
@@ -47,6 +52,13 @@ struct PendingRow {
     std::string payload;
 };
 
+// How long queued rows may wait for their commit, on the clock of the run loop whose timer
+// ends the wait. Without a run loop (or with no delay) every queued row is saved at once.
+struct CommitDelay {
+    std::shared_ptr<RunLoop> timers;
+    double seconds = 0;
+};
+
 class CoreDataManager {
 public:
     static constexpr const char* containerName = "com.rovalis.sdk.CoreDataModel";
@@ -55,7 +67,8 @@ public:
     static constexpr const char* uriScheme = "x-rovalis-store";
 
     // Opens the store at path, creating the file (mode 0600) and the schema if needed.
-    explicit CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker = nullptr);
+    explicit CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker = nullptr,
+                             CommitDelay commitDelay = {});
     ~CoreDataManager();
 
     CoreDataManager(const CoreDataManager&) = delete;
@@ -77,9 +90,12 @@ public:
     const std::string& storeIdentifier() const { return storeIdentifier_; }
     const std::filesystem::path& path() const { return path_; }
 
-    // Queue rows and return at once; a save is scheduled unless one is already due.
+    // Queue rows and return at once. They are saved once the commit delay has passed (at
+    // once without one, or when a transaction's worth is queued).
     void enqueue(PendingRow row);
     void enqueue(std::vector<PendingRow>&& rows);
+    // Returns at once; everything queued so far is saved without waiting for the delay.
+    void saveSoon();
 
     // Writes the row now, with everything queued before it, and returns its id; none when
     // the row could not be written yet (it is kept and written by a later save).
@@ -133,6 +149,12 @@ private:
     template <typename Result, typename Body>
     Result guarded(const char* failure, Result onFailure, Body&& body);
 
+    struct CommitTimerTarget;
+    // Needs pendingMutex_: schedules the save the queued rows are due for.
+    void scheduleSaveLocked();
+    void scheduleSaveNowLocked();
+    void commitDelayEnded(std::uint64_t arming);
+
     void saveContext();
     void takePending();
     bool saveWaiting();
@@ -160,9 +182,15 @@ private:
     // numbers its rows after.
     std::int64_t highestKnownId_ = 0;
 
+    const CommitDelay commitDelay_;
+    // Reached by the commit timer's callback, which may outlive this manager.
+    const std::shared_ptr<CommitTimerTarget> commitTimerTarget_;
+
     std::mutex pendingMutex_;
     std::vector<PendingRow> pending_;
-    bool saveScheduled_ = false;
+    bool saveScheduled_ = false;  // a save task is queued on the executor
+    std::shared_ptr<RunLoopTimer> commitTimer_;  // armed while rows wait for the delay
+    std::uint64_t commitTimerArmings_ = 0;
 
     // Last member: destroyed first, after its tasks have drained.
     SerialExecutor background_;

@@ -28,8 +28,10 @@ bool isValidURI(std::string_view text) {
 
 }  // namespace
 
-EventRepository::EventRepository(const std::filesystem::path& databasePath, std::shared_ptr<WorkTracker> tracker)
-    : coreDataManager_(databasePath, tracker), accelerationBuffer_(accelerationBufferSize, tracker) {}
+EventRepository::EventRepository(const std::filesystem::path& databasePath, std::shared_ptr<WorkTracker> tracker,
+                                 CommitDelay commitDelay)
+    : coreDataManager_(databasePath, tracker, std::move(commitDelay)),
+      accelerationBuffer_(accelerationBufferSize, tracker) {}
 
 EventRepository::~EventRepository() {
     // Buffered samples are written rather than lost when the store is closed in order;
@@ -105,9 +107,19 @@ void EventRepository::insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, D
                                [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
 }
 
+void EventRepository::insertAccelerationEvents(std::vector<Acceleration> records) {
+    if (records.empty()) return;
+    accelerationBuffer_.append(std::move(records),
+                               [this](std::vector<Acceleration> taken) { handOverAccelerations(std::move(taken)); });
+}
+
+// Everything recorded so far is committed without waiting for the commit delay: the
+// buffered samples join the queued rows, then the save starts.
 void EventRepository::insertBuffers() {
-    accelerationBuffer_.flush(
-        [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
+    accelerationBuffer_.flush([this](std::vector<Acceleration> records) {
+        handOverAccelerations(std::move(records));
+        coreDataManager_.saveSoon();
+    });
 }
 
 // On the buffer's queue: the group is encoded here and queued as one, so it is written in

@@ -64,7 +64,10 @@ public:
                                                        const std::vector<IOSActivityTypeWrapper>& activityCodes) = 0;
     // Goes into the acceleration buffer; no row is written yet.
     virtual void insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, Decimal magnitude) = 0;
-    // Writes every buffered acceleration, one row each, and empties the buffer.
+    // The same for samples that arrive together, in one hand-over to the buffer.
+    virtual void insertAccelerationEvents(std::vector<Acceleration> records) = 0;
+    // Writes every buffered acceleration, one row each, and empties the buffer; then
+    // commits every queued row without waiting for the commit delay.
     virtual void insertBuffers() = 0;
 };
 
