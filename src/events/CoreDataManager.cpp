@@ -150,12 +150,17 @@ struct CoreDataManager::Statements {
                                    "SELECT COUNT(*) FROM PendingBatchEvent b JOIN EventEntity e ON e.id = b.event_id"),
           pendingBatchId(db, "SELECT batch_id FROM PendingBatch WHERE singleton = 1"),
           deletePendingEvents(db, "DELETE FROM EventEntity WHERE id IN (SELECT event_id FROM PendingBatchEvent)"),
+          anyEventOutsidePendingBatch(db,
+                                      "SELECT EXISTS (SELECT 1 FROM EventEntity"
+                                      " WHERE id NOT IN (SELECT event_id FROM PendingBatchEvent))"),
+          deleteAllEvents(db, "DELETE FROM EventEntity"),
           forgetPendingEvents(db, "DELETE FROM PendingBatchEvent"),
           forgetPendingBatch(db, "DELETE FROM PendingBatch") {}
 
     sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
     sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
-        countPendingEventsStored, pendingBatchId, deletePendingEvents, forgetPendingEvents, forgetPendingBatch;
+        countPendingEventsStored, pendingBatchId, deletePendingEvents, anyEventOutsidePendingBatch, deleteAllEvents,
+        forgetPendingEvents, forgetPendingBatch;
 };
 
 // The commit timer's way back to its manager: cleared before the manager goes, so a timer
@@ -287,6 +292,8 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     const std::int64_t version = db_->queryInt64("PRAGMA user_version");
     const bool isNew = version == 0 && db_->queryInt64("SELECT count(*) FROM sqlite_schema") == 0;
     if (isNew) {
+        // Set before the first write; a store keeps the page size it was created with.
+        db_->exec("PRAGMA page_size = " + std::to_string(pageSize));
         db_->exec("PRAGMA journal_mode = WAL");
         createSchema(carried);
     } else {
@@ -302,6 +309,15 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     // The journal file stays, at its size, when the store closes: on a full disk that space
     // is what lets rows be deleted, and so space be freed.
     db_->keepJournalFile();
+    // Copying the journal into the file rewrites every page it holds once; a journal of a few
+    // megabytes lets the pages that each commit rewrites (the last of the table and of its
+    // index) go into the file once for many commits.
+    db_->exec("PRAGMA wal_autocheckpoint = " +
+              std::to_string(journalBytesBetweenCheckpoints / db_->queryInt64("PRAGMA page_size")));
+    // Deleted rows are still cleared from the pages that stay in use, but pages freed whole
+    // are not written over once more: their bytes stay until the pages are reused, as the
+    // journal's older copies of them do anyway.
+    db_->exec("PRAGMA secure_delete = FAST");
 
     std::string identifier = db_->queryText("SELECT store_uuid FROM StoreMetadata WHERE singleton = 1");
     if (identifier.empty()) {
@@ -894,10 +910,20 @@ std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batc
                     return std::nullopt;
                 }
             }
+            // A batch that holds every stored event (a send that empties the store) clears the
+            // table, which frees its pages without writing them again; row by row, every page
+            // the batch's rows were on would be written once more.
+            bool holdsEveryEvent = false;
+            {
+                sqlite::StatementReset resetAfter(statements.anyEventOutsidePendingBatch);
+                holdsEveryEvent = statements.anyEventOutsidePendingBatch.step() &&
+                                  statements.anyEventOutsidePendingBatch.columnInt64(0) == 0;
+            }
+            auto& remove = holdsEveryEvent ? statements.deleteAllEvents : statements.deletePendingEvents;
             long removed = 0;
             {
-                sqlite::StatementReset resetAfter(statements.deletePendingEvents);
-                statements.deletePendingEvents.run();
+                sqlite::StatementReset resetAfter(remove);
+                remove.run();
                 removed = db_->changes();
             }
             for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {

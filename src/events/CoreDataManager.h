@@ -82,6 +82,11 @@ public:
     // The most rows written in one transaction: on a nearly full disk whatever fits is
     // written, and a chunk that fails never holds back what came before it.
     static constexpr std::size_t maxRowsPerTransaction = 4096;
+    // The page size of a new store. Most commits add a row or two (a fix a second), and each
+    // writes the pages it changes whole: the last page of the table, of its index and of the
+    // id sequence. Small pages keep that close to what the rows need.
+    static constexpr int pageSize = 1024;
+    static constexpr std::int64_t journalBytesBetweenCheckpoints = 4 * 1024 * 1024;
 
     // False while the store could not be opened. Inserts then wait in memory, reads are
     // empty, and every save tries to open the store again.

@@ -278,6 +278,14 @@ TEST_F(EventRepositoryTest, PendingBatchKeepsItsEventsAndClosingEventAcrossARest
     EXPECT_EQ(repository_->pendingBatch(), std::nullopt);
     EXPECT_EQ(repository_->deleteAcceptedBatch("B-1"), std::nullopt) << "accepted twice, deleted once";
     EXPECT_EQ(rows().size(), 1u);
+
+    // A batch of every stored event empties the store at once; ids still never come back.
+    const auto last = rows();
+    ASSERT_TRUE(repository_->recordPendingBatch(PendingBatch{"B-2", 8, last}));
+    EXPECT_EQ(repository_->deleteAcceptedBatch("B-2"), 1);
+    EXPECT_EQ(repository_->eventsCount(), 0);
+    insertWaypointAt(5.0);
+    EXPECT_GT(splitUri(rows().at(0).uri).second, splitUri(last.at(0).uri).second);
 }
 
 TEST_F(EventRepositoryTest, PendingBatchIsRefusedForMissingEventsAndReportedIncompleteWhenTheyGo) {
@@ -414,7 +422,7 @@ TEST_F(EventRepositoryTest, StoreOfTheFirstVersionIsKeptAndGainsThePendingBatch)
 class DamagedStoreTest : public EventRepositoryTest {
 protected:
     static constexpr int rowCount = 3000;
-    static constexpr std::size_t pageSize = 4096;
+    static constexpr std::size_t pageSize = CoreDataManager::pageSize;
 
     // The pending batch holds the oldest batchRows rows and a closing event.
     void fillAndClose(std::size_t batchRows = rowCount) {
