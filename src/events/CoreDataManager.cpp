@@ -557,58 +557,68 @@ void CoreDataManager::reclaimJournalSpace() {
 // ---- Writing ----
 
 void CoreDataManager::enqueue(PendingRow row) {
-    std::lock_guard lock(pendingMutex_);
+    std::unique_lock lock(pendingMutex_);
     pending_.push_back(std::move(row));
-    scheduleSaveLocked();
+    if (!scheduleSaveLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
     if (rows.empty()) return;
-    std::lock_guard lock(pendingMutex_);
+    std::unique_lock lock(pendingMutex_);
     if (pending_.empty()) {
         pending_.swap(rows);
     } else {
         pending_.insert(pending_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
     }
-    scheduleSaveLocked();
+    if (!scheduleSaveLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 void CoreDataManager::saveSoon() {
-    std::lock_guard lock(pendingMutex_);
-    scheduleSaveNowLocked();
+    std::unique_lock lock(pendingMutex_);
+    if (!scheduleSaveNowLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 // The first row queued after a save starts the delay; rows queued meanwhile join it. A
-// transaction's worth does not wait.
-void CoreDataManager::scheduleSaveLocked() {
-    if (saveScheduled_) return;
+// transaction's worth does not wait. True when the caller is to post the save.
+bool CoreDataManager::scheduleSaveLocked() {
+    if (saveScheduled_) return false;
     if (!commitDelay_.timers || commitDelay_.seconds <= 0 || pending_.size() >= maxRowsPerTransaction) {
-        scheduleSaveNowLocked();
-        return;
+        return scheduleSaveNowLocked();
     }
-    if (commitTimer_) return;
+    if (commitTimer_) return false;
     const std::uint64_t armed = ++commitTimerArmings_;
     commitTimer_ = commitDelay_.timers->scheduleTimer(commitDelay_.seconds, false,
                                                       [target = commitTimerTarget_, armed] {
         std::lock_guard lock(target->mutex);
         if (target->manager) target->manager->commitDelayEnded(armed);
     });
+    return false;
 }
 
-void CoreDataManager::scheduleSaveNowLocked() {
+bool CoreDataManager::scheduleSaveNowLocked() {
     if (commitTimer_) {
         commitTimer_->invalidate();
         commitTimer_.reset();
     }
-    if (std::exchange(saveScheduled_, true)) return;
-    background_.async([this] { saveContext(); });
+    return !std::exchange(saveScheduled_, true);
 }
+
+// Posted without holding the lock the save takes first, so that the executor does not wake
+// only to wait for it.
+void CoreDataManager::postSave() { background_.async([this] { saveContext(); }); }
 
 // A timer that was cancelled while its callback was already on its way is not the one armed.
 void CoreDataManager::commitDelayEnded(std::uint64_t arming) {
-    std::lock_guard lock(pendingMutex_);
-    if (!commitTimer_ || arming != commitTimerArmings_) return;
-    scheduleSaveNowLocked();
+    std::unique_lock lock(pendingMutex_);
+    if (!commitTimer_ || arming != commitTimerArmings_ || !scheduleSaveNowLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 // On the executor: moves the queued rows behind any kept from a failed save.

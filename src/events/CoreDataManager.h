@@ -155,9 +155,11 @@ private:
     Result guarded(const char* failure, Result onFailure, Body&& body);
 
     struct CommitTimerTarget;
-    // Needs pendingMutex_: schedules the save the queued rows are due for.
-    void scheduleSaveLocked();
-    void scheduleSaveNowLocked();
+    // Need pendingMutex_: schedule the save the queued rows are due for, and say whether
+    // the caller is to post it (with postSave, once the lock is released).
+    bool scheduleSaveLocked();
+    bool scheduleSaveNowLocked();
+    void postSave();
     void commitDelayEnded(std::uint64_t arming);
 
     void saveContext();
