@@ -104,6 +104,25 @@ struct ForeignStore {
     std::string description;
 };
 
+// The pending batch's record: its identity, how many stored events it holds, its closing event.
+struct PendingRecord {
+    std::string batchId;
+    std::int64_t sequentialId = 0;
+    std::int64_t storedEvents = 0;
+    std::optional<EventPayload> closing;
+};
+
+std::optional<PendingRecord> readPendingRecord(sqlite::Statement& read) {
+    sqlite::StatementReset resetAfter(read);
+    if (!read.step()) return std::nullopt;
+    PendingRecord record{std::string(read.columnText(0)), read.columnInt64(1), read.columnInt64(2), std::nullopt};
+    if (!read.columnText(3).empty()) {
+        record.closing = EventPayload{std::string(read.columnText(3)), Date{read.columnDouble(4)},
+                                      std::string(read.columnBlob(5)), ""};
+    }
+    return record;
+}
+
 std::int64_t unixMilliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -150,6 +169,10 @@ struct CoreDataManager::Statements {
                                    "SELECT COUNT(*) FROM PendingBatchEvent b JOIN EventEntity e ON e.id = b.event_id"),
           pendingBatchId(db, "SELECT batch_id FROM PendingBatch WHERE singleton = 1"),
           deletePendingEvents(db, "DELETE FROM EventEntity WHERE id IN (SELECT event_id FROM PendingBatchEvent)"),
+          describeEvents(db,
+                         "SELECT type, tracked_at_ms,"
+                         " CASE WHEN type = 'ToggleTracking' THEN payload END FROM EventEntity"),
+          insertEveryPendingEvent(db, "INSERT INTO PendingBatchEvent (event_id) SELECT id FROM EventEntity"),
           anyEventOutsidePendingBatch(db,
                                       "SELECT EXISTS (SELECT 1 FROM EventEntity"
                                       " WHERE id NOT IN (SELECT event_id FROM PendingBatchEvent))"),
@@ -159,7 +182,8 @@ struct CoreDataManager::Statements {
 
     sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
     sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
-        countPendingEventsStored, pendingBatchId, deletePendingEvents, anyEventOutsidePendingBatch, deleteAllEvents,
+        countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
+        anyEventOutsidePendingBatch, deleteAllEvents,
         forgetPendingEvents, forgetPendingBatch;
 };
 
@@ -876,33 +900,121 @@ std::optional<PendingBatch> CoreDataManager::pendingBatch() {
         saveContext();
         return guarded("Failed to fetch the pending batch: ", std::optional<PendingBatch>{},
                        [&]() -> std::optional<PendingBatch> {
-            auto& statements = *statements_;
-            PendingBatch batch;
-            std::int64_t expected = 0;
-            std::optional<EventPayload> closing;
-            {
-                auto& read = statements.readPendingBatch;
-                sqlite::StatementReset resetAfter(read);
-                if (!read.step()) return std::nullopt;
-                batch.batchId = std::string(read.columnText(0));
-                batch.sequentialId = read.columnInt64(1);
-                expected = read.columnInt64(2);
-                if (!read.columnText(3).empty()) {
-                    closing = EventPayload{std::string(read.columnText(3)), Date{read.columnDouble(4)},
-                                           std::string(read.columnBlob(5)), ""};
-                }
-            }
-            auto& fetch = statements.fetchPendingEvents;
+            auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record) return std::nullopt;
+            PendingBatch batch{record->batchId, record->sequentialId, {}};
+            auto& fetch = statements_->fetchPendingEvents;
             sqlite::StatementReset resetAfter(fetch);
-            batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(expected, 0, 20000)) + 1);
+            batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(record->storedEvents, 0, 20000)) + 1);
             while (fetch.step()) {
                 batch.events.push_back(EventPayload{std::string(fetch.columnText(1)), Date{fetch.columnDouble(2)},
                                                     std::string(fetch.columnBlob(3)),
                                                     uriRepresentation(fetch.columnInt64(0))});
             }
-            batch.complete = static_cast<std::int64_t>(batch.events.size()) == expected;
-            if (closing) batch.events.push_back(std::move(*closing));
+            batch.complete = static_cast<std::int64_t>(batch.events.size()) == record->storedEvents;
+            if (record->closing) batch.events.push_back(std::move(*record->closing));
             return batch;
+        });
+    });
+}
+
+std::optional<PendingBatchOutline> CoreDataManager::pendingBatchOutline() {
+    return performAndWait([&] {
+        saveContext();
+        return guarded("Failed to fetch the pending batch: ", std::optional<PendingBatchOutline>{},
+                       [&]() -> std::optional<PendingBatchOutline> {
+            const auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record) return std::nullopt;
+            auto& count = statements_->countPendingEventsStored;
+            sqlite::StatementReset resetAfter(count);
+            const std::int64_t stored = count.step() ? count.columnInt64(0) : 0;
+            return PendingBatchOutline{record->batchId, record->sequentialId, record->storedEvents,
+                                       record->closing.has_value(), stored == record->storedEvents};
+        });
+    });
+}
+
+bool CoreDataManager::forEachPendingBatchEvent(const std::string& batchId,
+                                               const std::function<void(const EventPayload&)>& each) {
+    return performAndWait([&] {
+        saveContext();
+        // Once events have been handed on, a read that meets damage does not start over on
+        // the new store: the receiver would see them twice.
+        bool started = false;
+        return guarded("Failed to fetch the pending batch: ", false, [&] {
+            if (std::exchange(started, true)) return false;
+            auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record || record->batchId != batchId) return false;
+            auto& fetch = statements_->fetchPendingEvents;
+            sqlite::StatementReset resetAfter(fetch);
+            EventPayload event;
+            std::int64_t handed = 0;
+            while (fetch.step()) {
+                event.type.assign(fetch.columnText(1));
+                event.trackedAtMs = Date{fetch.columnDouble(2)};
+                event.payload.assign(fetch.columnBlob(3));
+                event.uri = uriRepresentation(fetch.columnInt64(0));
+                each(event);
+                ++handed;
+            }
+            // One that lost events is never sent as if it were whole.
+            if (handed != record->storedEvents) return false;
+            if (record->closing) each(*record->closing);
+            return true;
+        });
+    });
+}
+
+// In one transaction, so that the closing event describes exactly the events recorded. The
+// events are read twice (once to describe them, once to name them) and held neither time.
+std::optional<PendingBatchOutline> CoreDataManager::recordPendingBatchOfAllEvents(
+    const std::string& batchId, std::int64_t sequentialId,
+    const std::function<EventPayload(const StoredEventsDigest&)>& closing) {
+    return performAndWait([&] {
+        saveContext();
+        return guarded("Failed to record the pending batch: ", std::optional<PendingBatchOutline>{},
+                       [&]() -> std::optional<PendingBatchOutline> {
+            auto& statements = *statements_;
+            sqlite::Transaction transaction(*db_);
+            {
+                sqlite::StatementReset resetAfter(statements.pendingBatchId);
+                if (statements.pendingBatchId.step()) return std::nullopt;
+            }
+            StoredEventsDigest digest;
+            long stored = 0;
+            {
+                auto& describe = statements.describeEvents;
+                sqlite::StatementReset resetAfter(describe);
+                while (describe.step()) {
+                    const std::string_view type = describe.columnText(0);
+                    ++digest.countByType[std::string(type)];
+                    if (stored++ == 0 || describe.columnDouble(1) > digest.newestTrackedAt.secondsSince1970) {
+                        digest.newestTrackedAt = Date{describe.columnDouble(1)};
+                    }
+                    if (type == ToggleTracking::typeName) {
+                        digest.toggleTrackingPayloads.emplace_back(describe.columnBlob(2));
+                    }
+                }
+            }
+            if (stored == 0) return std::nullopt;
+            const EventPayload closingEvent = closing(digest);
+            {
+                auto& insert = statements.insertPendingBatch;
+                sqlite::StatementReset resetAfter(insert);
+                insert.bindText(1, batchId);
+                insert.bind(2, sequentialId);
+                insert.bind(3, static_cast<std::int64_t>(stored));
+                insert.bindText(4, closingEvent.type);
+                insert.bind(5, closingEvent.trackedAtMs.secondsSince1970);
+                insert.bindBlob(6, closingEvent.payload);
+                insert.run();
+            }
+            {
+                sqlite::StatementReset resetAfter(statements.insertEveryPendingEvent);
+                statements.insertEveryPendingEvent.run();
+            }
+            transaction.commit();
+            return PendingBatchOutline{batchId, sequentialId, stored, true, true};
         });
     });
 }

@@ -124,6 +124,12 @@ public:
     std::optional<PendingBatch> pendingBatch();
     std::optional<long> deleteAcceptedBatch(const std::string& batchId);
     void abandonPendingBatch(const std::string& batchId);
+    // The same without holding the batch's events (see RVLPendingBatchStorable).
+    std::optional<PendingBatchOutline> pendingBatchOutline();
+    bool forEachPendingBatchEvent(const std::string& batchId, const std::function<void(const EventPayload&)>& each);
+    std::optional<PendingBatchOutline> recordPendingBatchOfAllEvents(
+        const std::string& batchId, std::int64_t sequentialId,
+        const std::function<EventPayload(const StoredEventsDigest&)>& closing);
 
     // The permanent identifier of a row as URI text, and back. A URI of another store or
     // entity, or one that does not name a row id, gives none.

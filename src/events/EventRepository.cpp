@@ -241,6 +241,26 @@ void EventRepository::abandonPendingBatch(const std::string& batchId) {
     coreDataManager_.abandonPendingBatch(batchId);
 }
 
+std::optional<PendingBatchOutline> EventRepository::pendingBatchOutline() {
+    drainBuffer();
+    return coreDataManager_.pendingBatchOutline();
+}
+
+bool EventRepository::forEachPendingBatchEvent(const std::string& batchId,
+                                               const std::function<void(const EventPayload&)>& each) {
+    drainBuffer();
+    return coreDataManager_.forEachPendingBatchEvent(batchId, each);
+}
+
+std::optional<PendingBatchOutline> EventRepository::recordPendingBatchOfAllEvents(
+    const std::string& batchId, std::int64_t sequentialId,
+    const std::function<EventPayload(const StoredEventsDigest&)>& closing) {
+    drainBuffer();
+    const auto outline = coreDataManager_.recordPendingBatchOfAllEvents(batchId, sequentialId, closing);
+    if (!outline) Console::log("The batch " + batchId + " of every stored event was not recorded");
+    return outline;
+}
+
 std::optional<std::string> EventRepository::lastStoredURIAmong(const std::vector<EventPayload>& payloads) {
     std::optional<std::int64_t> last;
     std::optional<std::string> uri;

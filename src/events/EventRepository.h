@@ -80,6 +80,12 @@ public:
     std::optional<PendingBatch> pendingBatch() override;
     bool recordPendingBatch(const PendingBatch& batch) override;
     void abandonPendingBatch(const std::string& batchId) override;
+    std::optional<PendingBatchOutline> pendingBatchOutline() override;
+    bool forEachPendingBatchEvent(const std::string& batchId,
+                                  const std::function<void(const EventPayload&)>& each) override;
+    std::optional<PendingBatchOutline> recordPendingBatchOfAllEvents(
+        const std::string& batchId, std::int64_t sequentialId,
+        const std::function<EventPayload(const StoredEventsDigest&)>& closing) override;
 
     CoreDataManager& coreDataManager() { return coreDataManager_; }
 
