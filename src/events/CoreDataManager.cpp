@@ -183,8 +183,7 @@ struct CoreDataManager::Statements {
     sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
     sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
         countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
-        anyEventOutsidePendingBatch, deleteAllEvents,
-        forgetPendingEvents, forgetPendingBatch;
+        anyEventOutsidePendingBatch, deleteAllEvents, forgetPendingEvents, forgetPendingBatch;
 };
 
 // The commit timer's way back to its manager: cleared before the manager goes, so a timer

@@ -86,6 +86,7 @@ public:
     // writes the pages it changes whole: the last page of the table, of its index and of the
     // id sequence. Small pages keep that close to what the rows need.
     static constexpr int pageSize = 1024;
+    // The journal is copied into the store file whenever it holds this much.
     static constexpr std::int64_t journalBytesBetweenCheckpoints = 4 * 1024 * 1024;
 
     // False while the store could not be opened. Inserts then wait in memory, reads are

@@ -1,17 +1,16 @@
 #include "upload/TransferOperations.h"
 
 #include <algorithm>
-#include <limits>
-#include <map>
 #include <semaphore>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "events/EventEncoder.h"
 #include "rovalis/Console.h"
 #include "upload/Gzip.h"
-#include "util/DataRoot.h"
 #include "upload/UrlSession.h"
+#include "util/DataRoot.h"
 
 namespace rovalis {
 
@@ -61,6 +60,7 @@ std::optional<PendingBatchOutline> resumablePendingBatchOutline(RVLPendingBatchS
 std::optional<BatchFileContents> writePendingBatchFile(RVLPendingBatchStorable& batches, const BatchIdentity& identity,
                                                        const std::filesystem::path& file,
                                                        const std::optional<std::string>& uri) {
+    if (!ensurePrivateDirectory(file.parent_path())) return std::nullopt;
     GzipFileWriter zipped(file);
     EventBatchDocumentWriter document(identity.batchId, identity.sequentialId,
                                       [&](std::string_view piece) { zipped.write(piece); });
@@ -365,11 +365,8 @@ void RVLSendInBackgroundOperation::execute() {
     // Written beside its final name, which is the time of its last event, and renamed once
     // whole: the folder never holds a part of a batch under a batch file's name.
     commons_->removeBackgroundTaskFolder();
-    const auto folder = commons_->backgroundTasksFolder();
-    const auto partial = folder / "partial";
-    const auto contents = ensurePrivateDirectory(folder)
-                              ? writePendingBatchFile(*batches, identity, partial, std::nullopt)
-                              : std::nullopt;
+    const auto partial = commons_->backgroundTasksFolder() / "partial";
+    const auto contents = writePendingBatchFile(*batches, identity, partial, std::nullopt);
     if (!contents) {
         finishWithFailure();
         return;
