@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Runs each example host on the simulated device, replaying a short trace against a local
 # collection service, and fails when one of them does.
-#   examples/run.sh BUILD_DIR [PYTHON]
-# PYTHON is an interpreter with the rovalis package installed; without it the Python host is
-# left out.
+#   examples/run.sh BUILD_DIR [PYTHON...]
+# PYTHON is the command of an interpreter with the rovalis package installed (it may start with
+# env NAME=VALUE); without it the Python host is left out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${1:?usage: examples/run.sh BUILD_DIR [PYTHON]}
-python=${2:-}
+build=${1:?usage: examples/run.sh BUILD_DIR [PYTHON...]}
+shift
+python=("$@")
 trace=data/traces/brixton-evening.gpx
 export ROVALIS_LIBRARY=${ROVALIS_LIBRARY:-$PWD/$build/src/capi/librovalis_c.so}
 work=$(mktemp -d)
@@ -41,7 +42,7 @@ run() {
 
 run cpp "$build/examples/rovalis-example-cpp"
 run c "$build/examples/rovalis-example-c"
-if [ -n "$python" ]; then
-  run python "$python" examples/python/host.py
+if [ ${#python[@]} -gt 0 ]; then
+  run python "${python[@]}" examples/python/host.py
 fi
 echo "examples passed"
