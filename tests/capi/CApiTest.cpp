@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -274,6 +275,37 @@ TEST_F(CApi, ReplaysATraceTellingTheCallbacksWithTheirUserData) {
     ASSERT_EQ(rovalis_simulation_advance(handle.get(), 1), ROVALIS_OK);
     EXPECT_EQ(heard.cleared, 1);
     service.stop();
+}
+
+TEST_F(CApi, OnLinuxTheCallbacksComeFromTheSdksMainRunLoop) {
+    ConfigHandle configuration = config(false);
+    SdkHandle handle = sdk(configuration.get());
+    struct Calls {
+        std::mutex mutex;
+        std::vector<std::thread::id> threads;
+    } calls;
+    ASSERT_EQ(rovalis_set_tracking_status_callback(
+                  handle.get(),
+                  [](void* data, bool) {
+                      auto& calls = *static_cast<Calls*>(data);
+                      std::lock_guard lock(calls.mutex);
+                      calls.threads.push_back(std::this_thread::get_id());
+                  },
+                  &calls),
+              ROVALIS_OK);
+    ASSERT_EQ(rovalis_initialize(handle.get()), ROVALIS_OK);
+    ASSERT_EQ(rovalis_set_wifi_only(handle.get(), true), ROVALIS_OK);
+    bool wifiOnly = false;
+    ASSERT_EQ(rovalis_wifi_only(handle.get(), &wifiOnly), ROVALIS_OK);
+    EXPECT_TRUE(wifiOnly);
+    // Waits on the SDK's own threads.
+    EXPECT_EQ(rovalis_clear_data(handle.get()), ROVALIS_OK) << rovalis_last_error(handle.get());
+    EXPECT_EQ(rovalis_post_lifecycle(handle.get(), ROVALIS_DID_ENTER_BACKGROUND), ROVALIS_OK);
+    // Replacing the callback waits for a call in flight; none comes after.
+    ASSERT_EQ(rovalis_set_tracking_status_callback(handle.get(), nullptr, nullptr), ROVALIS_OK);
+    std::lock_guard lock(calls.mutex);
+    ASSERT_FALSE(calls.threads.empty());
+    for (const auto& thread : calls.threads) EXPECT_NE(thread, std::this_thread::get_id());
 }
 
 TEST_F(CApi, ClearDataWaitsUntilTheStoreIsEmpty) {
