@@ -1,9 +1,10 @@
 // The C interface over the C++ one: handles, status codes and the callback bridge. The
 // simulated device's functions are in sim/SimulationCApi.cpp, in the simulator library.
 
-#include <cmath>
+#include <cstring>
 #include <fstream>
 #include <new>
+#include <type_traits>
 
 #include "capi/CApiHandles.h"
 #include "core/RVLGeneralLocationManager.h"
@@ -17,6 +18,15 @@ namespace rovalis::capi {
 namespace {
 
 thread_local int callbackDepth = 0;
+
+// A C caller may pass any int for an enum, and a value outside the C++ enum's range must not
+// be read as the enum: it is read as its bytes.
+template <typename Enum>
+long long integerOf(const Enum& value) {
+    std::underlying_type_t<Enum> raw;
+    std::memcpy(&raw, &value, sizeof raw);
+    return raw;
+}
 
 // The status and message of the exception being handled.
 std::pair<rovalis_status, std::string> currentFailure() noexcept {
@@ -194,7 +204,7 @@ using rovalis::capi::requireInitialized;
 extern "C" {
 
 const char* rovalis_status_name(rovalis_status status) {
-    switch (status) {
+    switch (capi::integerOf(status)) {
         case ROVALIS_OK: return "ROVALIS_OK";
         case ROVALIS_INVALID_ARGUMENT: return "ROVALIS_INVALID_ARGUMENT";
         case ROVALIS_NOT_INITIALIZED: return "ROVALIS_NOT_INITIALIZED";
@@ -424,7 +434,7 @@ rovalis_status rovalis_clear_data_async(rovalis_sdk* sdk, void (*done)(void* use
 rovalis_status rovalis_post_lifecycle(rovalis_sdk* sdk, rovalis_lifecycle event) {
     return guarded(sdk, [&] {
         const char* name = nullptr;
-        switch (event) {
+        switch (capi::integerOf(event)) {
             case ROVALIS_WILL_TERMINATE: name = UIApplicationWillTerminateNotification; break;
             case ROVALIS_DID_ENTER_BACKGROUND: name = UIApplicationDidEnterBackgroundNotification; break;
             case ROVALIS_WILL_ENTER_FOREGROUND: name = UIApplicationWillEnterForegroundNotification; break;
@@ -432,7 +442,7 @@ rovalis_status rovalis_post_lifecycle(rovalis_sdk* sdk, rovalis_lifecycle event)
             case ROVALIS_DID_BECOME_ACTIVE: name = UIApplicationDidBecomeActiveNotification; break;
         }
         if (name == nullptr) {
-            throw Failure(ROVALIS_INVALID_ARGUMENT, "unknown lifecycle event " + std::to_string(static_cast<int>(event)));
+            throw Failure(ROVALIS_INVALID_ARGUMENT, "unknown lifecycle event " + std::to_string(capi::integerOf(event)));
         }
         requireInitialized(*sdk);
         sdk->notificationCenter->post(name);

@@ -81,7 +81,6 @@ TEST_F(CApi, NullHandlesAndArgumentsAreInvalidArgumentsWithAMessage) {
     ASSERT_EQ(rovalis_initialize(handle.get()), ROVALIS_OK);
     EXPECT_EQ(rovalis_is_tracking_active(handle.get(), nullptr), ROVALIS_INVALID_ARGUMENT);
     EXPECT_STREQ(rovalis_last_error(handle.get()), "active is NULL");
-    EXPECT_EQ(rovalis_post_lifecycle(handle.get(), static_cast<rovalis_lifecycle>(99)), ROVALIS_INVALID_ARGUMENT);
     EXPECT_EQ(rovalis_simulation_advance(handle.get(), -1.0), ROVALIS_INVALID_ARGUMENT);
     EXPECT_EQ(rovalis_simulation_advance(handle.get(), NAN), ROVALIS_INVALID_ARGUMENT);
 }
