@@ -116,7 +116,7 @@ ROVALIS_C_API void rovalis_sdk_free(rovalis_sdk *sdk);
 ROVALIS_C_API const char *rovalis_last_error(const rovalis_sdk *sdk);
 
 /* Once, early at launch; a second call changes nothing. Every function below but the callback
- * setters gives ROVALIS_NOT_INITIALIZED before it. */
+ * setters and rovalis_simulation_clock gives ROVALIS_NOT_INITIALIZED before it. */
 ROVALIS_C_API rovalis_status rovalis_initialize(rovalis_sdk *sdk);
 /* The user's access token: three dot-separated parts (header.payload.signature) of visible
  * ASCII; NULL removes it. */

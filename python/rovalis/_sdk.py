@@ -125,35 +125,37 @@ def _make_c_config(lib, config: Config):
 
     def check(status: int) -> None:
         if status != Status.OK:
-            message = lib.rovalis_config_last_error(handle).decode(errors="replace")
-            lib.rovalis_config_free(handle)
-            raise RovalisError(status, message)
+            raise RovalisError(status, lib.rovalis_config_last_error(handle).decode(errors="replace"))
 
-    if (config.display_name, config.version, config.build, config.identifier) != (None, "", "", None):
-        name = config.display_name
-        if name is None:
-            name = os.path.basename(sys.argv[0]) or "python"
-        check(lib.rovalis_config_set_host(handle, _text(name), _text(config.version), _text(config.build),
-                                          _text(config.identifier)))
-    for key, value in config.info.items():
-        if isinstance(value, bool):
-            check(lib.rovalis_config_set_info_bool(handle, _text(key), value))
-        else:
-            check(lib.rovalis_config_set_info_string(handle, _text(key), _text(value)))
-    if config.data_root is not None:
-        check(lib.rovalis_config_set_data_root(handle, _text(config.data_root)))
-    if config.service_url is not None:
-        check(lib.rovalis_config_set_service_url(handle, _text(config.service_url)))
-    if config.wifi_only is not None:
-        check(lib.rovalis_config_set_wifi_only(handle, config.wifi_only))
-    if config.sleep_regions is not None:
-        regions = config.sleep_regions
-        check(lib.rovalis_config_set_sleep_regions(handle, regions.center_radius, regions.spread_factor,
-                                                   regions.outer_region_count, _text(regions.identifier_prefix)))
-    if config.simulated_device is not None:
-        device = config.simulated_device
-        check(lib.rovalis_config_use_simulated_device(handle, _text(device.trace), _text(device.scenario),
-                                                      device.seed))
+    try:
+        if (config.display_name, config.version, config.build, config.identifier) != (None, "", "", None):
+            name = config.display_name
+            if name is None:
+                name = os.path.basename(sys.argv[0]) or "python"
+            check(lib.rovalis_config_set_host(handle, _text(name), _text(config.version), _text(config.build),
+                                              _text(config.identifier)))
+        for key, value in config.info.items():
+            if isinstance(value, bool):
+                check(lib.rovalis_config_set_info_bool(handle, _text(key), value))
+            else:
+                check(lib.rovalis_config_set_info_string(handle, _text(key), _text(value)))
+        if config.data_root is not None:
+            check(lib.rovalis_config_set_data_root(handle, _text(config.data_root)))
+        if config.service_url is not None:
+            check(lib.rovalis_config_set_service_url(handle, _text(config.service_url)))
+        if config.wifi_only is not None:
+            check(lib.rovalis_config_set_wifi_only(handle, config.wifi_only))
+        if config.sleep_regions is not None:
+            regions = config.sleep_regions
+            check(lib.rovalis_config_set_sleep_regions(handle, regions.center_radius, regions.spread_factor,
+                                                       regions.outer_region_count, _text(regions.identifier_prefix)))
+        if config.simulated_device is not None:
+            device = config.simulated_device
+            check(lib.rovalis_config_use_simulated_device(handle, _text(device.trace), _text(device.scenario),
+                                                          device.seed))
+    except BaseException:
+        lib.rovalis_config_free(handle)
+        raise
     return handle
 
 
