@@ -1,21 +1,16 @@
 #include "upload/CurlUrlSession.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
 
 #include "platform/sim/SimulatedNetwork.h"
+#include "support/RawServer.h"
 #include "support/TestSupport.h"
 #include "upload/BackgroundTaskJournal.h"
 #include "util/VirtualRunLoop.h"
@@ -25,101 +20,10 @@ namespace rovalis {
 namespace {
 
 using namespace std::chrono_literals;
+using test::RawServer;
 using test::TempDir;
 
-constexpr auto kWait = 20s;
-
-// A loopback HTTP/1.1 peer that sees requests byte for byte, for what a structured server
-// hides (header order, connection reuse) or will not do (hang, cut a response short). One
-// connection at a time; until listen() its port refuses connections.
-class RawServer {
-public:
-    // Writes the response to fd; answers whether to keep reading requests on it.
-    using Handler = std::function<bool(int fd, const std::string& request)>;
-
-    explicit RawServer(Handler handler) : handler_(std::move(handler)) {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/api/event_batches";
-    }
-    ~RawServer() {
-        ::shutdown(fd_, SHUT_RDWR);
-        setConnection(-1);
-        if (thread_.joinable()) thread_.join();
-        ::close(fd_);
-    }
-
-    void listen() {
-        ASSERT_EQ(::listen(fd_, 16), 0);
-        thread_ = std::thread([this] {
-            for (int connection; (connection = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(connection)) {
-                ++accepted_;
-                setConnection(connection);
-                for (std::string request; !(request = readRequest(connection)).empty();) {
-                    if (!handler_(connection, request)) break;
-                }
-                setConnection(-1);
-            }
-        });
-    }
-    const std::string& url() const { return url_; }
-    int accepted() const { return accepted_.load(); }
-    std::vector<std::string> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
-    bool waitForRequests(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kWait, [&] { return requests_.size() >= count; });
-    }
-
-    static void respond(int fd, const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-    // Holds the connection without answering until the client gives up on it.
-    static bool hang(int fd, const std::string&) {
-        for (char byte; ::recv(fd, &byte, 1, 0) > 0;) {
-        }
-        return false;
-    }
-
-private:
-    // The next whole request, recorded; empty once the peer has gone.
-    std::string readRequest(int fd) {
-        std::string data;
-        for (char buffer[4096];;) {
-            const auto end = data.find("\r\n\r\n");
-            const auto at = data.find("Content-Length: ");
-            if (end != std::string::npos &&
-                data.size() >= end + 4 + (at < end ? std::stoul(data.substr(at + 16)) : 0)) {
-                break;
-            }
-            const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-            if (got <= 0) return {};
-            data.append(buffer, static_cast<std::size_t>(got));
-        }
-        std::lock_guard lock(mutex_);
-        requests_.push_back(data);
-        changed_.notify_all();
-        return data;
-    }
-    // Shuts the connection being replaced, so that a hanging handler ends with the server.
-    void setConnection(int connection) {
-        std::lock_guard lock(mutex_);
-        if (connection < 0 && connection_ >= 0) ::shutdown(connection_, SHUT_RDWR);
-        connection_ = connection;
-    }
-
-    Handler handler_;
-    int fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    std::string url_;
-    std::atomic<int> accepted_{0};
-    std::thread thread_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> requests_;
-    int connection_ = -1;
-};
+constexpr auto kWait = RawServer::kWait;
 
 bool answerCreated(int fd, const std::string&) {
     RawServer::respond(fd, "HTTP/1.1 201 Created\r\nContent-Length: 13\r\n\r\n{\"message\":1}");
