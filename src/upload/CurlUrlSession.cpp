@@ -298,8 +298,10 @@ private:
                 });
             };
             const auto stop = [&] { return stopping_.load() || task->cancelRequested_.load(); };
-            result = transfer_.perform(task->sending_, CurlTransfer::Body{task->data_, task->file_},
-                                       configuration_.timeoutIntervalForRequest, onData, stop);
+            const TransferLimits limits{configuration_.timeoutIntervalForRequest,
+                                        configuration_.minimumBytesPerSecond, configuration_.lowSpeedWindow};
+            result = transfer_.perform(task->sending_, CurlTransfer::Body{task->data_, task->file_}, limits, onData,
+                                       stop);
             if (!result.error) {
                 task->status_ = result.statusCode;
                 if (!buffered.empty()) {

@@ -65,6 +65,12 @@ struct UrlSessionConfiguration {
     bool sessionSendsLaunchEvents = false;
     // A request that makes no progress for this long fails with a time-out.
     double timeoutIntervalForRequest = 60.0;
+    // A request whose bytes, up and down together, average fewer than minimumBytesPerSecond
+    // over the last lowSpeedWindow seconds fails with a time-out too: a server that trickles
+    // a byte now and then never trips the idle time-out, yet must not hold an upload (and
+    // the queue waiting on it) for long. A minimum of zero turns the floor off.
+    double minimumBytesPerSecond = 1024.0;
+    double lowSpeedWindow = 60.0;
     // A background task that has not completed within this long fails with a time-out.
     double timeoutIntervalForResource = 7 * 24 * 3600.0;
 

@@ -228,6 +228,53 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
     EXPECT_EQ(delegate_->lines().back(), kDelivered);
 }
 
+// A server that keeps the connection alive with a byte now and then never trips the idle
+// time-out; the floor on the average rate fails it like a hung one (a background task waits
+// for its retry), while a large body taken at a modest, steady rate for longer than the
+// window goes through.
+TEST_F(CurlUrlSessionTest, TransferBelowTheProgressFloorTimesOutButASteadyLargeUploadDoesNot) {
+    const auto trickle = [](int fd, const std::string&) {
+        RawServer::respond(fd, "HTTP/1.1 201 Created\r\nContent-Length: 1000\r\n\r\n");
+        for (int sent = 0; sent < 1000 && ::send(fd, "x", 1, MSG_NOSIGNAL) == 1; ++sent) {
+            std::this_thread::sleep_for(200ms);
+        }
+        return false;
+    };
+    RawServer foregroundTrickle(trickle), backgroundTrickle(trickle), slowReader(answerCreated);
+    // Twice as long as the window, and the sender's socket buffer alone holds more than the
+    // window's worth: progress is what the peer has taken, not what the kernel has queued.
+    slowReader.readSlowly(2 << 20);
+    for (RawServer* server : {&foregroundTrickle, &backgroundTrickle, &slowReader}) server->listen();
+    auto factory = makeFactory();
+    const auto withShortWindow = [](UrlSessionConfiguration configuration) {
+        configuration.lowSpeedWindow = 1.0;  // the idle time-out stays at 60 s
+        return configuration;
+    };
+    auto backgroundDelegate = std::make_shared<Recorder>();
+    auto background = factory->makeSession(
+        withShortWindow(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("slow")),
+        backgroundDelegate);
+    background->uploadTaskWithRequestFromFile(uploadRequest(backgroundTrickle.url(), 3), bodyFile("batch", "abc"))
+        ->resume();
+    auto session = factory->makeSession(withShortWindow(UrlSessionConfiguration::defaultSessionConfiguration()),
+                                        delegate_);
+    session->uploadTaskWithRequest(uploadRequest(foregroundTrickle.url(), 3), "abc")->resume();
+    auto largeDelegate = std::make_shared<Recorder>();
+    auto largeSession = factory->makeSession(
+        withShortWindow(UrlSessionConfiguration::defaultSessionConfiguration()), largeDelegate);
+    const std::string large = binaryBody(4 << 20);
+    largeSession->uploadTaskWithRequest(uploadRequest(slowReader.url(), large.size()), large)->resume();
+
+    ASSERT_TRUE(delegate_->waitFor(1));
+    EXPECT_EQ(delegate_->lines()[0], "error -1001 The request timed out.");
+    ASSERT_TRUE(largeDelegate->waitFor(1));
+    EXPECT_EQ(largeDelegate->lines()[0], kDelivered);
+    EXPECT_TRUE(bodyOf(slowReader.requests().at(0)) == large);
+    runLoop_->runUntilIdle();  // until the background transfer has failed as well
+    EXPECT_EQ(runLoop_->nextPendingDelay(), CurlUrlSessionOptions{}.backgroundRetryDelay) << "a retry is due";
+    EXPECT_TRUE(backgroundDelegate->lines().empty());
+}
+
 TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBack) {
     RawServer server(answerCreated);  // refuses until it listens
     auto factory = makeFactory({.backgroundRetryDelay = 10, .backgroundRetryMaxDelay = 15});
