@@ -125,7 +125,8 @@ public:
     // Tasks that have not completed yet.
     virtual std::vector<std::shared_ptr<UrlSessionTask>> allTasks() = 0;
     // Cancels every task, then tells the delegate that the session became invalid. The
-    // session makes no task afterwards.
+    // session makes no task afterwards, and lives on until it has told its delegate, so the
+    // caller may let go of it right after this call.
     virtual void invalidateAndCancel() = 0;
 };
 

@@ -416,6 +416,36 @@ TEST_F(CurlUrlSessionTest, InvalidateAndCancelEndsEverythingThenRefusesTasks) {
     EXPECT_EQ(hung.accepted(), 1);
 }
 
+// The caller may let the session go right after invalidating it, as the API client does: the
+// session still ends its running and its waiting task, tells its delegate, and has already
+// forgotten them on disk, so that no later process sends them.
+TEST_F(CurlUrlSessionTest, InvalidatedBackgroundSessionCancelsEveryTaskAndForgetsThemAtOnce) {
+    RawServer refusing(answerCreated);  // never listening: its task waits for a retry
+    RawServer holding(RawServer::hang);
+    holding.listen();
+    const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", "bg");
+    delegate_->journal_ = journal.file();
+    auto session = backgroundSession(makeFactory(), "bg");
+    session->uploadTaskWithRequestFromFile(uploadRequest(refusing.url(), 3), bodyFile("waiting", "abc"))->resume();
+    session->uploadTaskWithRequestFromFile(uploadRequest(holding.url(), 3), bodyFile("running", "abc"))->resume();
+    ASSERT_TRUE(holding.waitForRequests(1));
+    ASSERT_EQ(BackgroundTaskJournal(dir_ / "BackgroundSessions", "bg").load().size(), 2u);
+
+    session->invalidateAndCancel();
+    EXPECT_FALSE(std::filesystem::exists(journal.file())) << "forgotten before the call returns";
+    session.reset();
+    ASSERT_TRUE(delegate_->waitFor(3));  // long before the held request's time-out
+    const std::string cancelled = "error -999 cancelled";
+    EXPECT_EQ(delegate_->lines(), (std::vector<std::string>{cancelled, cancelled, "invalid"}));
+
+    auto relaunched = std::make_shared<Recorder>();
+    EXPECT_TRUE(backgroundSession(makeFactory(), "bg", relaunched)->allTasks().empty());
+    runLoop_->fastForwardBy(3600);  // past every retry the old session had planned
+    EXPECT_EQ(holding.accepted(), 1);
+    EXPECT_TRUE(relaunched->lines().empty());
+    EXPECT_EQ(delegate_->lines().size(), 3u);
+}
+
 using CurlUrlSessionDeathTest = CurlUrlSessionTest;
 
 TEST_F(CurlUrlSessionDeathTest, BackgroundSessionRefusesUploadsFromMemory) {
