@@ -338,11 +338,19 @@ void RVLAPIClient::invalidateAndCancelSession(bool background, InvalidationBlock
     {
         std::lock_guard sessionsLock(sessionsMutex_);
         session = std::move(background ? internalBackgroundSession_ : internalForegroundSession_);
-        if (!session) return;
-        std::lock_guard lock(mutex_);
-        (background ? backgroundSessionInvalidationBlock_ : foregroundSessionInvalidationBlock_) = std::move(block);
+        if (session) {
+            std::lock_guard lock(mutex_);
+            (background ? backgroundSessionInvalidationBlock_ : foregroundSessionInvalidationBlock_) =
+                std::move(block);
+        }
     }
-    // The session tells its delegate when it has become invalid, perhaps right here.
+    if (!session) {
+        // Nothing to invalidate: a caller waiting for the block is not kept waiting.
+        if (block) block();
+        return;
+    }
+    // The session tells its delegate, on its own thread, once every task has been cancelled;
+    // it stays alive until then though this reference goes.
     session->invalidateAndCancel();
 }
 

@@ -445,6 +445,9 @@ TEST_F(APIClientTest, CompletionHandlerAndInvalidationBlockRunOnce) {
     client_->didBecomeInvalidWithError(*before, std::nullopt);  // a second report finds no block
     EXPECT_EQ(calls, 11);
     EXPECT_NE(client_->backgroundURLSession(), before);
+    // With no session to invalidate (none has been needed yet), the block runs at once.
+    client_->invalidateAndCancelForegroundSession([&calls] { calls += 100; });
+    EXPECT_EQ(calls, 111);
 }
 
 TEST(RVLCommons, BackgroundFilesAreNamedByMillisecondsAndPrivate) {
