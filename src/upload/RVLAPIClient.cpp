@@ -272,7 +272,6 @@ void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date tra
     request.properties[kTimestamp] = trackedTo;
     {
         std::lock_guard lock(mutex_);
-        responseData_.clear();
         sendEventsSuccessBlock_ = std::move(success);
         sendEventsFailureBlock_ = std::move(failure);
     }
@@ -293,10 +292,6 @@ void RVLAPIClient::sendEventsFileInBackground(const std::filesystem::path& file,
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
     if (lastStoredEventURI) request.textProperties[kLastStoredEventURI] = *lastStoredEventURI;
-    {
-        std::lock_guard lock(mutex_);
-        responseData_.clear();
-    }
     const auto session = backgroundURLSession();
     auto task = session->uploadTaskWithRequestFromFile(request, file);
     {
@@ -387,12 +382,11 @@ void RVLAPIClient::updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, D
     });
 }
 
-void RVLAPIClient::didReceiveData(UrlSession& /*session*/, UrlSessionTask& /*task*/, std::string_view data) {
-    std::lock_guard lock(mutex_);
+void RVLAPIClient::didReceiveData(UrlSession& /*session*/, UrlSessionTask& task, std::string_view data) {
+    std::string& body = task.delegateResponseBody();
     // A body beyond the limit is dropped: neither a message nor an error text needs more.
-    const std::size_t room =
-        responseData_.size() < options_.maxResponseBytes ? options_.maxResponseBytes - responseData_.size() : 0;
-    responseData_.append(data.substr(0, std::min(room, data.size())));
+    const std::size_t room = body.size() < options_.maxResponseBytes ? options_.maxResponseBytes - body.size() : 0;
+    body.append(data.substr(0, std::min(room, data.size())));
 }
 
 std::optional<nlohmann::json> RVLAPIClient::processResponseDataFrom(std::string_view responseData,
@@ -417,11 +411,8 @@ std::optional<nlohmann::json> RVLAPIClient::processResponseDataFrom(std::string_
 }
 
 void RVLAPIClient::didCompleteWithError(UrlSession& session, UrlSessionTask& task, const std::optional<Error>& error) {
-    std::string body;
-    {
-        std::lock_guard lock(mutex_);
-        body = responseData_;
-    }
+    // Taken from the task, which may be kept for a while yet.
+    const std::string body = std::exchange(task.delegateResponseBody(), {});
     const bool background = isBackgroundSession(session);
     const char* label = background ? "BG" : "FG";
 

@@ -93,6 +93,14 @@ public:
     virtual void resume() = 0;
     // Ends the task with a cancelled error (a task that has completed is left alone).
     virtual void cancel() = 0;
+
+    // Where the delegate gathers the task's response body as it arrives. It belongs to the
+    // task, so the bodies of two tasks never mix and every task starts with none; the
+    // session never touches it. Used on the session's delegate thread only.
+    std::string& delegateResponseBody() { return delegateResponseBody_; }
+
+private:
+    std::string delegateResponseBody_;
 };
 
 class UrlSession;
