@@ -473,7 +473,8 @@ TEST_F(APIClientTest, EachTaskKeepsItsOwnResponseBodyWhenAnswersInterleave) {
     });
     test::RawServer backgroundServer([&](int fd, const std::string&) {
         halfSent.wait_for(test::RawServer::kWait);
-        test::RawServer::respond(fd, "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 17\r\n\r\nbackground answer");
+        test::RawServer::respond(fd,
+                                 "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 17\r\n\r\nbackground answer");
         return false;
     });
     foregroundServer.listen();
@@ -487,14 +488,14 @@ TEST_F(APIClientTest, EachTaskKeepsItsOwnResponseBodyWhenAnswersInterleave) {
                     .store({JournaledTask{1, left, *batch, clock_->now()}}));
 
     const auto observer = std::make_shared<test::UploadObserver>();
+    std::promise<Error> foregroundFailure;  // outlives the client, which holds its callback
     const auto client = RVLAPIClient::create(
         foregroundServer.baseURL(), defaults_, defaults_, repository_, credentials_, credentials_, credentials_,
         debugEvents_, std::make_shared<CurlUrlSessionFactory>(journals, nullptr, main_, clock_), commons_,
         std::make_shared<SerialExecutor>("APIClientTest.main"), {});
     client->setSdkDelegate(observer);
-    std::promise<Error> foregroundFailure;
-    client->sendEvents(
-        "gzip-bytes", Date{1}, Date{2}, [](const auto&) {}, [&](const Error& error) { foregroundFailure.set_value(error); });
+    client->sendEvents("gzip-bytes", Date{1}, Date{2}, [](const auto&) {},
+                       [&](const Error& error) { foregroundFailure.set_value(error); });
     const auto backgroundOutcome = observer->waitForUploads(1);
     backgroundTold.set_value();
     ASSERT_EQ(backgroundOutcome.size(), 1u);
