@@ -179,15 +179,15 @@ TEST_F(UploadEndToEnd, InvalidatingTheForegroundSessionReleasesABlockedSend) {
     ASSERT_TRUE(collector->waitForStats(
         [](const auto& stats) { return stats.faultsInjected.contains("delay"); }, 30s));
 
-    std::promise<void> invalidated;
-    stack->apiClient->invalidateAndCancelForegroundSession([&invalidated] { invalidated.set_value(); });
+    const auto invalidated = std::make_shared<std::promise<void>>();
+    stack->apiClient->invalidateAndCancelForegroundSession([invalidated] { invalidated->set_value(); });
     if (sending.wait_for(20s) != std::future_status::ready) {
         // The future's destructor would wait for the send for ever.
         std::fputs("The invalidation did not release the blocked send.\n", stderr);
         std::abort();
     }
     EXPECT_FALSE(sending.get());
-    EXPECT_EQ(invalidated.get_future().wait_for(20s), std::future_status::ready);
+    EXPECT_EQ(invalidated->get_future().wait_for(20s), std::future_status::ready);
     const auto told = observer->waitForUploads(1);
     ASSERT_EQ(told.size(), 1u);
     ASSERT_TRUE(told[0].error);
