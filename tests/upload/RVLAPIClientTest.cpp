@@ -487,6 +487,7 @@ TEST_F(APIClientTest, EachTaskKeepsItsOwnResponseBodyWhenAnswersInterleave) {
     ASSERT_TRUE(BackgroundTaskJournal(journals, kRVLBackgroundSessionIdentifier)
                     .store({JournaledTask{1, left, *batch, clock_->now()}}));
 
+    credentials_->deviceId();  // made once here, not by the two sessions' threads at once
     const auto observer = std::make_shared<test::UploadObserver>();
     std::promise<Error> foregroundFailure;  // outlives the client, which holds its callback
     const auto client = RVLAPIClient::create(
