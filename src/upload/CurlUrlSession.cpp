@@ -189,11 +189,11 @@ public:
     // without completing anything or touching the journal again; the delegate is not called
     // any more, and a transfer under way ends promptly. An invalidated session has given the
     // journal up already and goes on telling its delegate of the cancellations.
-    void detach() { stop(StopReason::handedOver); }
+    void detach() { stopWorking(StopReason::handedOver); }
 
     // Stops, then joins the delegate thread (unless called on it).
     void shutdown() {
-        stop(StopReason::destroyed);
+        stopWorking(StopReason::destroyed);
         std::unique_ptr<SerialExecutor> executor;
         {
             std::lock_guard lock(mutex_);
@@ -209,7 +209,7 @@ public:
 private:
     enum class StopReason { handedOver, destroyed };
 
-    void stop(StopReason reason) {
+    void stopWorking(StopReason reason) {
         std::vector<std::shared_ptr<RunLoopTimer>> timers;
         {
             std::lock_guard lock(mutex_);
