@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -316,8 +317,13 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBa
 // session replaced while still held hands it over the same way and then stays silent.
 TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledUntilDeliveredAndResentAfterARelaunchOrATakeOver) {
     std::atomic<int> seen{0};
-    RawServer server([&seen](int fd, const std::string& request) {
-        return seen++ == 0 ? RawServer::hang(fd, request) : answerCreated(fd, request);
+    std::promise<void> restoredSeen;  // the resent request waits until the test has looked
+    const auto looked = restoredSeen.get_future().share();
+    RawServer server([&seen, looked](int fd, const std::string& request) {
+        const int number = seen++;
+        if (number == 0) return RawServer::hang(fd, request);
+        if (number == 1) looked.wait_for(kWait);
+        return answerCreated(fd, request);
     });
     server.listen();
     const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", "bg");
@@ -339,6 +345,7 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledUntilDeliveredAndResentAfter
     relaunched->journal_ = journal.file();
     auto session = backgroundSession(factory, "bg", relaunched);
     EXPECT_EQ(session->allTasks().size(), 1u);
+    restoredSeen.set_value();
     ASSERT_TRUE(relaunched->waitFor(3));
     // Removed from the disk only after the delegate had the outcome.
     EXPECT_EQ(relaunched->lines(), (std::vector<std::string>{"resend", kDelivered + " (journaled)", "finish"}));
