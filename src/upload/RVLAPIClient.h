@@ -72,7 +72,7 @@ std::string errorDebugDescription(const Error& error);
 struct RVLAPIClientOptions {
     // The foreground session's request time-out; none keeps the session's default (60 s).
     std::optional<double> foregroundTimeoutIntervalForRequest;
-    // The most of a response body that is kept (the rest is dropped as it arrives).
+    // The most of each response body that is kept (the rest is dropped as it arrives).
     std::size_t maxResponseBytes = 64 * 1024;
 };
 
@@ -123,7 +123,7 @@ public:
     void callCompletionHandlerForSession(UrlSession& session);
     void invalidateAndCancelBackgroundSession(InvalidationBlock block);
     void invalidateAndCancelForegroundSession(InvalidationBlock block);
-    // After the batch sent under `sent` was accepted: see renewBatchIdentityAfter.
+    // After the batch sent under `sent` was accepted: see RVLBatchIdModifier.
     void updateBatchIdContents(const BatchIdentity& sent);
 
     void setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate);
@@ -184,7 +184,6 @@ private:
     // Never held while a callback, a session or a collaborator is called.
     std::mutex mutex_;
     std::shared_ptr<UrlSessionTask> uploadTask_;
-    std::string responseData_;
     SuccessBlock sendEventsSuccessBlock_;
     FailureBlock sendEventsFailureBlock_;
     CompletionHandler completionHandler_;

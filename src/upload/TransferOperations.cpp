@@ -52,7 +52,7 @@ std::optional<PendingBatch> resumablePendingBatch(RVLPendingBatchStorable& batch
     Console::log("The pending batch " + batch->batchId +
                  " lost some of its events in the store; the rest go out in a new batch");
     batches.abandonPendingBatch(batch->batchId);
-    renewBatchIdentityAfter(batchIds, BatchIdentity{batch->batchId, batch->sequentialId});
+    batchIds.renewBatchIdentityAfter(BatchIdentity{batch->batchId, batch->sequentialId});
     return std::nullopt;
 }
 
@@ -194,7 +194,7 @@ std::optional<Error> RVLSendOperation::prepareAndSendData() {
                 Console::log("The service holds other content under batch " + identity.batchId +
                              "; its events go out again under a new batch id");
                 batches->abandonPendingBatch(identity.batchId);
-                renewBatchIdentityAfter(*batchIds, identity);
+                batchIds->renewBatchIdentityAfter(identity);
             }
             return error;
         }

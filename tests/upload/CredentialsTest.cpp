@@ -117,18 +117,18 @@ TEST_F(CredentialsTest, SequentialIdStartsAtZeroCountsAndRestartsOverADamagedTex
 TEST_F(CredentialsTest, AnAcceptedBatchRenewsTheIdentityOnceEvenWhenHandledAgainOrHalfway) {
     auto credentials = restart();
     const BatchIdentity sent{credentials.batchId(), credentials.sequentialId()};
-    renewBatchIdentityAfter(credentials, sent);
+    credentials.renewBatchIdentityAfter(sent);
     const BatchIdentity next{credentials.batchId(), credentials.sequentialId()};
     EXPECT_NE(next.batchId, sent.batchId);
     EXPECT_EQ(next.sequentialId, sent.sequentialId + 1);
-    renewBatchIdentityAfter(credentials, sent);  // the same acceptance again
+    credentials.renewBatchIdentityAfter(sent);  // the same acceptance again
     EXPECT_EQ((BatchIdentity{credentials.batchId(), credentials.sequentialId()}), next);
 
     // A restart after the new id was stored but before the number moved on.
     const BatchIdentity halfway{credentials.batchId(), credentials.sequentialId()};
     credentials.createBatchId();
     auto restarted = restart();
-    renewBatchIdentityAfter(restarted, halfway);
+    restarted.renewBatchIdentityAfter(halfway);
     EXPECT_EQ(restarted.sequentialId(), halfway.sequentialId + 1);
     EXPECT_EQ(restarted.batchId(), credentials.batchId()) << "the id was renewed already";
 }
