@@ -298,6 +298,9 @@ void RVLGeneralLocationManager::stopTrackingWithReason(std::int64_t reason) {
     const std::int64_t state = localTrackingStatePrivate_;
     if (state == 0) return;
     if (reason != 0 && state == -1) return;
+    for (const auto& tracker : locationManagers_) {
+        if (auto* preparable = dynamic_cast<RVLTrackingStopPreparable*>(tracker.get())) preparable->trackingWillStop();
+    }
     userDefaultsManager_->setStoredTrackingInterruptedReason(reason);
     toggleTrackingOffDate_ = platform_.dateSource->now();
     const auto eventURI = eventRepository_->insertToggleTrackingEventWithTrackedAtMs(*toggleTrackingOffDate_, false,

@@ -248,7 +248,7 @@ std::string eastOfHome(double metres) {
 TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServiceAndOneWakesTheSleepingSdk) {
     // Asleep at home, the device walks east past a weak iBeacon 110 m away (out of its reach at
     // home, inside the stay's centre region), on to a shop 400 m away with an iBeacon and an
-    // Eddystone beacon at the counter.
+    // Eddystone beacon at the counter, and stays there long enough to fall asleep.
     const std::string uuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
     const std::string shopEddystone = "0102030405060708090a0b0c0d0e0f10";
     SimulationOptions centreOnly;
@@ -263,8 +263,10 @@ TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServi
     ASSERT_FALSE(run.wakeReasons().empty());
     EXPECT_EQ(run.wakeReasons()[0], "beacon " + uuid + " 1.1 ranged in region beacon-line-1")
         << "the beacon on the way wakes the SDK before any geofence does";
+    // One scan per ranging window (one window per beacon region entered), then the scan at the
+    // shop's sleep.
     const auto scans = run.eventsOf("BeaconScan");
-    ASSERT_EQ(scans.size(), 2u) << "one scan per ranging window, one window per beacon region entered";
+    ASSERT_EQ(scans.size(), 3u);
     for (const auto& sighting : scans[0]["beacons"]) {
         EXPECT_EQ(sighting["protocol"], "IBeacon");
         EXPECT_EQ(sighting["minor"], 1);
@@ -275,6 +277,7 @@ TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServi
         if (sighting["protocol"] == "Eddystone") shopEddystoneSeen = shopEddystoneSeen || sighting["eid"] == shopEddystone;
     }
     EXPECT_TRUE(shopIBeacon && shopEddystoneSeen) << scans[1].dump();
+    for (const auto& sighting : scans[2]["beacons"]) EXPECT_EQ(sighting["eid"], shopEddystone);
     ASSERT_EQ(run.report.beacons.placed.size(), 3u);
     for (const auto& beacon : run.report.beacons.placed) EXPECT_GT(beacon.sightings, 0) << beacon.label;
     EXPECT_GE(run.report.beacons.regionEvents, 2);
