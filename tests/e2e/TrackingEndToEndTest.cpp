@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/sim/Scenario.h"
+#include "sim/ReportFigures.h"
 #include "sim/SimulationRunner.h"
 #include "support/TestSupport.h"
 
@@ -281,6 +282,17 @@ TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServi
     ASSERT_EQ(run.report.beacons.placed.size(), 3u);
     for (const auto& beacon : run.report.beacons.placed) EXPECT_GT(beacon.sightings, 0) << beacon.label;
     EXPECT_GE(run.report.beacons.regionEvents, 2);
+}
+
+TEST_F(TrackingEndToEnd, AStillPhoneAtTheEdgeOfABeaconsRangeSleepsThroughHoursOfItsRegionComingAndGoing) {
+    const std::filesystem::path data = ROVALIS_SOURCE_DATA_DIR;
+    const Replay run =
+        replay(readSimulationInput(data / "traces/still-3h.csv", data / "scenarios/still-ibeacon-55m.scenario"));
+    ASSERT_GE(run.report.beacons.regionEvents, 20) << "the beacon is at the edge of its range";
+    EXPECT_FALSE(run.eventsOf("BeaconScan").empty());
+    const ReportFigures figures = deriveFigures(run.report);
+    EXPECT_LE(figures.wakes, 1);
+    EXPECT_LE(figures.locationSeconds, 0.10 * run.report.energy.alwaysOnBaselineSeconds);
 }
 
 TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredExactlyOnce) {
