@@ -309,7 +309,8 @@ std::shared_ptr<GeofenceTracker> TrackerRepository::geofenceLocationTracker() {
 
 std::shared_ptr<BeaconTracker> TrackerRepository::beaconTracker() {
     if (!beaconTracker_) {
-        beaconTracker_ = BeaconTracker::create(beaconRegionsContainer(), geofenceAndBeaconLocationManager());
+        beaconTracker_ =
+            BeaconTracker::create(beaconRegionsContainer(), geofenceAndBeaconLocationManager(), beaconRanger());
     }
     return beaconTracker_;
 }
