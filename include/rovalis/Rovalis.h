@@ -71,6 +71,18 @@ public:
 };
 
 // What a host tells the SDK about itself. Everything but `host` is optional.
+// When an upload that makes too little progress fails with a time-out (NSURLErrorDomain -1001),
+// so that no service can hold the SDK's upload queue for long: no byte in either direction for
+// idleTimeout seconds, or fewer than minimumBytesPerSecond on average over the last
+// lowSpeedWindow seconds (0 switches that floor off). The defaults suit a phone's network.
+struct TransferLimits {
+    double idleTimeout = 60.0;
+    double minimumBytesPerSecond = 1024.0;
+    double lowSpeedWindow = 60.0;
+
+    friend bool operator==(const TransferLimits&, const TransferLimits&) = default;
+};
+
 struct RovalisConfiguration {
     // Display name, version, build, identifier, and the Info settings
     // ("RV_SDK_BEACON_TRACKING_ENABLED", "RV_SDK_EDDYSTONE_TRACKING_ENABLED").
@@ -92,6 +104,8 @@ struct RovalisConfiguration {
     // The regions laid around a stay; an invalid configuration is refused with a console
     // line and the defaults are used.
     SleepRegionConfiguration sleepRegions;
+    // When a slow upload is given up (both sessions).
+    TransferLimits transferLimits;
 };
 
 class RovalisCore {

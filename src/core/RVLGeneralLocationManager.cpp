@@ -145,6 +145,8 @@ void RVLGeneralLocationManager::createTrackers() {
         Console::log("the sleep region configuration is not valid; the default regions are used");
         sleepRegions = SleepRegionConfiguration{};
     }
+    RVLAPIClientOptions apiClientOptions;
+    apiClientOptions.transferLimits = configuration_.transferLimits;
     TrackerEnvironment environment{
         .platform = platform_,
         .dataRoot = dataRootFor(configuration_),
@@ -153,7 +155,7 @@ void RVLGeneralLocationManager::createTrackers() {
         .productionBaseURL = configuration_.productionBaseURL,
         .sleepRegions = RegionCalculator::sleepRegions(sleepRegions),
         .sessionOptions = {},
-        .apiClientOptions = {},
+        .apiClientOptions = apiClientOptions,
     };
     TrackerRepository repository(std::move(dependencies), std::move(environment));
     eventRepository_ = repository.eventRepository();

@@ -278,9 +278,12 @@ std::shared_ptr<UrlSession> RVLAPIClient::sessionFor(bool background) {
         configuration.sessionSendsLaunchEvents = true;
     } else {
         configuration = UrlSessionConfiguration::defaultSessionConfiguration();
-        if (options_.foregroundTimeoutIntervalForRequest) {
-            configuration.timeoutIntervalForRequest = *options_.foregroundTimeoutIntervalForRequest;
-        }
+    }
+    configuration.timeoutIntervalForRequest = options_.transferLimits.idleTimeout;
+    configuration.minimumBytesPerSecond = options_.transferLimits.minimumBytesPerSecond;
+    configuration.lowSpeedWindow = options_.transferLimits.lowSpeedWindow;
+    if (!background && options_.foregroundTimeoutIntervalForRequest) {
+        configuration.timeoutIntervalForRequest = *options_.foregroundTimeoutIntervalForRequest;
     }
     configuration.allowsCellularAccess = allowsCellular;
     // The old session is not invalidated: an upload still running in it finishes.

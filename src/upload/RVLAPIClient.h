@@ -17,6 +17,7 @@
 #include "core/UserDefaultsManager.h"
 #include "events/EventStoreInterfaces.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Rovalis.h"
 #include "rovalis/RovalisDelegate.h"
 #include "upload/CredentialsManager.h"
 #include "upload/RVLCommons.h"
@@ -70,7 +71,9 @@ std::string makeUserAgent(const UserAgentValues& values);
 std::string errorDebugDescription(const Error& error);
 
 struct RVLAPIClientOptions {
-    // The foreground session's request time-out; none keeps the session's default (60 s).
+    // When both sessions give a slow upload up.
+    TransferLimits transferLimits;
+    // The foreground session's idle time-out, in place of the limits' one.
     std::optional<double> foregroundTimeoutIntervalForRequest;
     // The most of each response body that is kept (the rest is dropped as it arrives).
     std::size_t maxResponseBytes = 64 * 1024;

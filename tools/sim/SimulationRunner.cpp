@@ -184,6 +184,7 @@ struct SimulationRunner::Run {
             collector::CollectorOptions collectorOptions;
             collectorOptions.port = 0;
             collectorOptions.databasePath = options.outDir / "collector.sqlite";
+            collectorOptions.faults = options.faults;
             collector = std::make_unique<collector::CollectorServer>(collectorOptions);
             collector->start();
             serviceURL = collector->baseURL();
@@ -211,6 +212,7 @@ struct SimulationRunner::Run {
         configuration.productionBaseURL = serviceURL;
         configuration.isIntegration = options.integrationBuild;
         configuration.sleepRegions = options.sleepRegions;
+        configuration.transferLimits = options.transferLimits;
         sdk = RovalisCore::makeInstance(configuration);
         sdk->initializeUsing(host, std::nullopt);
         // What the launch started finishes before the host's next call, as it would on a
@@ -487,6 +489,8 @@ SimulationReport SimulationRunner::run() {
         stats.batches = figures.value("batches", std::int64_t{0});
         stats.batchRequests = figures.value("batch_requests", std::int64_t{0});
         stats.duplicatesRefused = figures.value("duplicates_refused", std::int64_t{0});
+        stats.conflicts = figures.value("conflicts", std::int64_t{0});
+        stats.sequentialIdStepBacks = figures.value("sequential_id_step_backs", std::int64_t{0});
         stats.bodyBytes = figures.value("body_bytes", std::int64_t{0});
         stats.documentBytes = figures.value("document_bytes", std::int64_t{0});
     }
@@ -500,6 +504,9 @@ SimulationReport SimulationRunner::run() {
     report.delivery.batches = stats.batches;
     report.delivery.batchRequests = stats.batchRequests;
     report.delivery.duplicateBatchesRefused = stats.duplicatesRefused;
+    report.delivery.conflicts = stats.conflicts;
+    report.delivery.sequentialIdStepBacks = stats.sequentialIdStepBacks;
+    for (const auto& [kind, count] : stats.faultsInjected) report.delivery.faultsInjected += count;
     report.delivery.wireBytes = stats.bodyBytes;
     report.delivery.documentBytes = stats.documentBytes;
 

@@ -10,9 +10,11 @@
 #include <optional>
 #include <string>
 
+#include "collector/CollectorServer.h"
 #include "platform/sim/Scenario.h"
 #include "platform/sim/TruePath.h"
 #include "rovalis/HostInfo.h"
+#include "rovalis/Rovalis.h"
 #include "rovalis/SleepRegions.h"
 #include "sim/SimulationReport.h"
 
@@ -42,6 +44,10 @@ struct SimulationOptions {
     bool integrationBuild = false;
     // The regions the SDK lays around a stay.
     SleepRegionConfiguration sleepRegions;
+    // When the SDK gives a slow upload up.
+    TransferLimits transferLimits;
+    // The faults of the in-process collection service (with a service URL, none apply).
+    collector::FaultOptions faults;
 
     static HostInfo defaultHost();
 };
