@@ -8,6 +8,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <vector>
 
@@ -646,9 +647,9 @@ std::optional<std::string> checkObject(const Members& members, std::size_t count
 
 // Empty when the value has the field's shape; otherwise what is wrong with it.
 std::optional<std::string> checkValue(const Field& field, const Value& value) {
-    const std::string key = "key " + showText(field.key);
+    const auto key = [&field] { return "key " + showText(field.key); };
     auto wrongType = [&](const char* expected) {
-        return key + " must be " + expected + ", found " + nameOf(value.token);
+        return key() + " must be " + expected + ", found " + nameOf(value.token);
     };
     std::string scratch;
     switch (field.shape) {
@@ -668,36 +669,36 @@ std::optional<std::string> checkValue(const Field& field, const Value& value) {
             if (value.token != Token::string) return wrongType("a string");
             const std::string_view text = contentOf(value, scratch);
             if (std::find(field.allowed.begin(), field.allowed.end(), text) == field.allowed.end()) {
-                return key + " must be one of " + listOf(field.allowed) + ", found " + showText(text);
+                return key() + " must be one of " + listOf(field.allowed) + ", found " + showText(text);
             }
             return std::nullopt;
         }
         case Shape::latitude:
             if (!isNumber(value)) return wrongType("a number");
             if (const double number = doubleOf(value); !(number >= -90 && number <= 90)) {
-                return key + " is outside -90..90: " + std::string(value.text);
+                return key() + " is outside -90..90: " + std::string(value.text);
             }
             return std::nullopt;
         case Shape::longitude:
             if (!isNumber(value)) return wrongType("a number");
             if (const double number = doubleOf(value); !(number >= -180 && number <= 180)) {
-                return key + " is outside -180..180: " + std::string(value.text);
+                return key() + " is outside -180..180: " + std::string(value.text);
             }
             return std::nullopt;
         case Shape::accuracy:
             if (!isNumber(value)) return wrongType("a number");
-            if (doubleOf(value) < 0) return key + " is negative: " + std::string(value.text);
+            if (doubleOf(value) < 0) return key() + " is negative: " + std::string(value.text);
             return std::nullopt;
         case Shape::fraction:
             if (!isNumber(value)) return wrongType("a number");
             if (const double number = doubleOf(value); !(number >= 0 && number <= 1)) {
-                return key + " is outside 0..1: " + std::string(value.text);
+                return key() + " is outside 0..1: " + std::string(value.text);
             }
             return std::nullopt;
         case Shape::confidence:
             if (!fitsInt64(value)) return wrongType("an integer");
             if (const std::int64_t number = int64Of(value); number < 0 || number > 2) {
-                return key + " must be 0, 1 or 2, found " + std::string(value.text);
+                return key() + " must be 0, 1 or 2, found " + std::string(value.text);
             }
             return std::nullopt;
         case Shape::activities: {
@@ -714,7 +715,7 @@ std::optional<std::string> checkValue(const Field& field, const Value& value) {
                 if (!known) {
                     const std::string text = item.token == Token::string ? showText(contentOf(item, scratch))
                                                                          : std::string(item.text);
-                    problem = key + " item " + std::to_string(index) + " must be one of " + listOf(activityKinds) +
+                    problem = key() + " item " + std::to_string(index) + " must be one of " + listOf(activityKinds) +
                               ", found " + text;
                 }
             });
@@ -744,13 +745,13 @@ std::optional<std::string> checkValue(const Field& field, const Value& value) {
                     problem = which + " has no \"protocol\"";
                 }
             });
-            if (!problem && sightings == 0) return key + " is an empty list";
+            if (!problem && sightings == 0) return key() + " is an empty list";
             return problem;
         }
         case Shape::uuid:
             if (value.token != Token::string) return wrongType("a string");
             if (!isUuidText(contentOf(value, scratch))) {
-                return key + " is not a 36-character UUID: " + showText(contentOf(value, scratch));
+                return key() + " is not a 36-character UUID: " + showText(contentOf(value, scratch));
             }
             return std::nullopt;
     }
@@ -774,18 +775,18 @@ std::optional<std::string> checkObject(const Members& members, std::size_t count
     kind = findKind(discriminator, contentOf(name, scratch));
     if (!kind) return "unknown " + std::string(discriminator) + " " + showText(contentOf(name, scratch));
 
-    const std::string prefix = "(" + std::string(kind->name) + ") ";
+    const auto prefix = [kind] { return "(" + std::string(kind->name) + ") "; };
     const Member* time = findMember(members, count, "tracked_at_ms");
-    if (!time) return prefix + "missing key \"tracked_at_ms\"";
+    if (!time) return prefix() + "missing key \"tracked_at_ms\"";
     if (!fitsInt64(time->value)) {
-        return prefix + "key \"tracked_at_ms\" must be an integer, found " +
+        return prefix() + "key \"tracked_at_ms\" must be an integer, found " +
                (isNumber(time->value) ? std::string(time->value.text) : std::string(nameOf(time->value.token)));
     }
     trackedAtMs = int64Of(time->value);
     for (const auto& field : kind->fields) {
         const Member* member = findMember(members, count, field.key);
-        if (!member) return prefix + "missing key " + showText(field.key);
-        if (auto problem = checkValue(field, member->value)) return prefix + *problem;
+        if (!member) return prefix() + "missing key " + showText(field.key);
+        if (auto problem = checkValue(field, member->value)) return prefix() + *problem;
     }
     // Every key is the discriminator, the time or a field, and none comes twice: so there are
     // exactly as many as the kind has, and otherwise one is unexpected.
@@ -795,7 +796,7 @@ std::optional<std::string> checkObject(const Members& members, std::size_t count
             if (key == discriminator || key == "tracked_at_ms") continue;
             const bool known = std::any_of(kind->fields.begin(), kind->fields.end(),
                                            [key](const Field& field) { return field.key == key; });
-            if (!known) return prefix + "unexpected key " + showText(key);
+            if (!known) return prefix() + "unexpected key " + showText(key);
         }
     }
     return std::nullopt;
@@ -868,7 +869,18 @@ std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit,
         ~End() { inflateEnd(&stream); }
     } end{stream};
 
-    std::vector<unsigned char> chunk(64 * 1024);
+    // Inflated straight into `out`, sized at first by the gzip trailer's note of the length
+    // (modulo 2^32, and only a hint: the stream decides), one byte more so that the end is
+    // seen without another round; a byte past the limit means too much.
+    const std::size_t cap = limit == std::numeric_limits<std::size_t>::max() ? limit : limit + 1;
+    std::size_t hint = body.size() * 8;
+    if (body.size() >= 18) {
+        const auto* trailer = reinterpret_cast<const unsigned char*>(body.data() + body.size() - 4);
+        hint = (std::size_t{trailer[3]} << 24 | std::size_t{trailer[2]} << 16 | std::size_t{trailer[1]} << 8 |
+                std::size_t{trailer[0]}) + 1;
+    }
+    out.resize(std::min(std::max<std::size_t>(hint, 4096), cap));
+    std::size_t size = 0;
     std::size_t offset = 0;
     int status = Z_OK;
     while (status != Z_STREAM_END) {
@@ -878,20 +890,20 @@ std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit,
             stream.avail_in = static_cast<uInt>(piece);
             offset += piece;
         }
-        stream.next_out = chunk.data();
-        stream.avail_out = static_cast<uInt>(chunk.size());
+        if (size == out.size()) out.resize(std::min(out.size() * 2, cap));
+        const std::size_t room = std::min<std::size_t>(out.size() - size, UINT_MAX);
+        stream.next_out = reinterpret_cast<Bytef*>(out.data() + size);
+        stream.avail_out = static_cast<uInt>(room);
         status = inflate(&stream, Z_NO_FLUSH);
         if (status == Z_BUF_ERROR) return reject(400, "the gzip body is cut short");
         if (status != Z_OK && status != Z_STREAM_END) {
             return reject(400, std::string("the body is not a valid gzip stream: ") +
                                    (stream.msg ? stream.msg : "inflate failed"));
         }
-        const std::size_t produced = chunk.size() - stream.avail_out;
-        if (out.size() + produced > limit) {
-            return reject(413, "the inflated body exceeds " + std::to_string(limit) + " bytes");
-        }
-        out.append(reinterpret_cast<const char*>(chunk.data()), produced);
+        size += room - stream.avail_out;
+        if (size > limit) return reject(413, "the inflated body exceeds " + std::to_string(limit) + " bytes");
     }
+    out.resize(size);
     const std::size_t rest = stream.avail_in + (body.size() - offset);
     if (rest > 0) return reject(400, std::to_string(rest) + " bytes follow the end of the gzip stream");
     return std::nullopt;
