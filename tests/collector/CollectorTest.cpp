@@ -220,28 +220,60 @@ TEST_F(CollectorTest, RepeatedBatchIdIsSuccessForTheSameContentAndAConflictForOt
     EXPECT_EQ(json::parse(figures->body).at("conflicts"), 3);
 }
 
-TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndAFileWithoutContentDigestsStillTellsRepeatsApart) {
+TEST_F(CollectorTest, RestartKeepsBatchesAndFiguresAndAFileOfTheOldLayoutIsConverted) {
     CollectorOptions options;
     options.databasePath = dir_ / "collector.sqlite";
-    startServer(options);
-    ASSERT_EQ(upload("kept", 1).status, 200);
-    server_.reset();
+    const EventEncoder encoder;
     {
-        // The file as a collector from before the content digests wrote it.
-        sqlite::Database db(options.databasePath.string(), false);
-        db.exec("ALTER TABLE batches DROP COLUMN content_digest;");
+        // The file as earlier collectors wrote it: a row per event, no content digests.
+        sqlite::Database db(options.databasePath.string(), true);
+        db.exec("CREATE TABLE batches (row INTEGER PRIMARY KEY AUTOINCREMENT, batch_id TEXT NOT NULL UNIQUE,"
+                " sequential_id INTEGER NOT NULL, device_id TEXT NOT NULL, event_count INTEGER NOT NULL,"
+                " step TEXT NOT NULL, received_at_ms INTEGER NOT NULL, user_agent TEXT NOT NULL);"
+                "CREATE TABLE events (row INTEGER PRIMARY KEY AUTOINCREMENT, batch_row INTEGER NOT NULL,"
+                " position INTEGER NOT NULL, type TEXT NOT NULL, tracked_at_ms INTEGER NOT NULL, payload TEXT NOT NULL);"
+                "INSERT INTO batches VALUES (1, 'kept', 1, 'd', 2, 'first', 0, 'agent');");
+        for (std::size_t i = 0; i < someEvents.size(); ++i) {
+            sqlite::Statement insert(db, "INSERT INTO events (batch_row, position, type, tracked_at_ms, payload)"
+                                         " VALUES (1, ?, ?, 0, ?)");
+            insert.bind(1, static_cast<std::int64_t>(i));
+            insert.bindText(2, typeOf(someEvents[i]));
+            const std::string payload = encoder.encode(someEvents[i]);
+            insert.bindText(3, payload);
+            insert.run();
+        }
     }
     startServer(options);
-    EXPECT_EQ(server_->events().size(), 2u);
+    const auto converted = server_->events();
+    ASSERT_EQ(converted.size(), 2u);
+    EXPECT_EQ(converted[1].payload, encoder.encode(someEvents[1]));
+    EXPECT_EQ(converted[1].trackedAtMs, 1700000001000);
     EXPECT_EQ(upload("kept", 1).status, 200);
     EXPECT_EQ(upload("kept", 2).status, 409);
     EXPECT_EQ(upload("later", 3).status, 200);
+    EXPECT_EQ(upload("elsewhere", 1, "e").status, 200);
+    const Stats before = server_->stats();
+
     startServer(options);
     EXPECT_EQ(upload("later", 3).status, 200);
     EXPECT_EQ(upload("later", 4).status, 409);
-    const Stats stats = server_->stats();
-    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.devices), std::make_tuple(2, 4, 1));
+    const Stats after = server_->stats();
+    EXPECT_EQ(std::tie(after.batches, after.events, after.devices, after.sequentialIdGaps, after.eventsByType),
+              std::tie(before.batches, before.events, before.devices, before.sequentialIdGaps, before.eventsByType));
+    EXPECT_EQ(std::tie(after.batches, after.events, after.devices), std::make_tuple(3, 6, 2));
+    EXPECT_EQ(after.eventsByType, (std::map<std::string, std::int64_t>{{"Battery", 3}, {"Waypoint", 3}}));
     EXPECT_EQ(server_->batches().at(1).step, SequenceStep::gap);  // the device's history survived too
+
+    // A device's events a page at a time, across its batches.
+    httplib::Client client("127.0.0.1", server_->port());
+    const auto page = client.Get("/api/events?device_id=d&offset=1&limit=2");
+    ASSERT_TRUE(page);
+    const json events = json::parse(page->body);
+    ASSERT_EQ(events.size(), 2u) << page->body;
+    EXPECT_EQ(std::make_tuple(events[0]["batch_id"], events[0]["type"], events[1]["batch_id"], events[1]["type"]),
+              std::make_tuple("kept", "Battery", "later", "Waypoint"));
+    EXPECT_EQ(json::parse(client.Get("/api/events?device_id=d&offset=4")->body).size(), 0u);
+    EXPECT_EQ(client.Get("/api/events?limit=-1")->status, 400);
 }
 
 TEST_F(CollectorTest, PortInUseIsAClearError) {
