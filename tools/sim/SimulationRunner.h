@@ -42,6 +42,9 @@ struct SimulationOptions {
     bool integrationBuild = false;
     // The regions the SDK lays around a stay.
     SleepRegionConfiguration sleepRegions;
+    // Keep every delivered event for deliveredEvents(). Off, the report keeps only what it
+    // shows, so a month's replay takes no more memory than a day's.
+    bool keepDeliveredEvents = false;
 
     static HostInfo defaultHost();
 };
@@ -59,7 +62,7 @@ public:
     SimulationReport run();
 
     // The events the collection service holds at the end of the run, in arrival order, as
-    // {type, tracked_at_ms, payload} (filled by run()).
+    // {type, tracked_at_ms, payload} (filled by run() when keepDeliveredEvents is set).
     struct DeliveredEvent {
         std::string type;
         std::int64_t trackedAtMs = 0;
