@@ -67,7 +67,7 @@ std::string timeText(double seconds) {
 class SummaryReporter : public benchmark::ConsoleReporter {
 public:
     // Colours only on a terminal: the library's own choice is not made for a reporter of ours.
-    SummaryReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) == 1 ? OO_ColorTabular : OO_Tabular) {}
+    SummaryReporter() : ConsoleReporter(::isatty(STDOUT_FILENO) == 1 ? OO_Color : OO_None) {}
 
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
