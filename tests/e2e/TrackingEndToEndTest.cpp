@@ -92,6 +92,7 @@ class TrackingEndToEnd : public ::testing::Test {
 protected:
     Replay replay(SimulationInput input, SimulationOptions options = {}) {
         options.outDir = dir.path() / ("run" + std::to_string(++runs));
+        options.keepDeliveredEvents = true;
         SimulationRunner runner(std::move(input), std::move(options));
         Replay run;
         run.report = runner.run();

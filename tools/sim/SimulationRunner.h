@@ -48,6 +48,9 @@ struct SimulationOptions {
     TransferLimits transferLimits;
     // The faults of the in-process collection service (with a service URL, none apply).
     collector::FaultOptions faults;
+    // Keep every delivered event for deliveredEvents(). Off, the report keeps only what it
+    // shows, so a month's replay takes no more memory than a day's.
+    bool keepDeliveredEvents = false;
 
     static HostInfo defaultHost();
 };
@@ -65,7 +68,7 @@ public:
     SimulationReport run();
 
     // The events the collection service holds at the end of the run, in arrival order, as
-    // {type, tracked_at_ms, payload} (filled by run()).
+    // {type, tracked_at_ms, payload} (filled by run() when keepDeliveredEvents is set).
     struct DeliveredEvent {
         std::string type;
         std::int64_t trackedAtMs = 0;
