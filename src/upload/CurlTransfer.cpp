@@ -116,10 +116,19 @@ int seekBody(void* userdata, curl_off_t offset, int origin) {
 
 struct ResponseSink {
     const std::function<void(std::string_view)>* onData = nullptr;
+    std::size_t received = 0;
+    std::size_t limit = 0;
+    bool tooLong = false;
 };
 
 size_t writeResponse(char* data, size_t size, size_t count, void* userdata) {
-    const auto& sink = *static_cast<ResponseSink*>(userdata);
+    auto& sink = *static_cast<ResponseSink*>(userdata);
+    sink.received += size * count;
+    if (sink.received > sink.limit) {
+        // Fewer bytes than asked for end the transfer.
+        sink.tooLong = true;
+        return 0;
+    }
     (*sink.onData)(std::string_view(data, size * count));
     return size * count;
 }
@@ -356,7 +365,7 @@ CurlTransfer::~CurlTransfer() {
 
 void CurlTransfer::wakeUp() { curl_multi_wakeup(multiOf(multi_)); }
 
-CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& body, const TransferLimits& limits,
+CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& body, const CurlTransferLimits& limits,
                                          const std::function<void(std::string_view)>& onData,
                                          const std::function<bool()>& stop) {
     RequestTarget target;
@@ -406,7 +415,7 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
     // Reset forgets the options but keeps the connection cache of the multi handle.
     curl_easy_reset(easy);
     char errorBuffer[CURL_ERROR_SIZE] = {0};
-    ResponseSink sink{&onData};
+    ResponseSink sink{&onData, 0, limits.maxResponseBytes, false};
     Progress progress;
     const long timeoutMs = std::max(1L, static_cast<long>(limits.idleTimeoutSeconds * 1000.0));
 
@@ -501,6 +510,9 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
         break;
     }
     if (code == CURLE_OK) return CurlTransferResult{status, std::nullopt, false};
+    if (sink.tooLong) {
+        return CurlTransferResult{0, urlError(URLError::badServerResponse, "The server's answer is too long."), true};
+    }
     if (source.readFailed || code == CURLE_ABORTED_BY_CALLBACK) {
         return CurlTransferResult{0, urlError(URLError::cannotOpenFile, "The body file could not be read."), false};
     }

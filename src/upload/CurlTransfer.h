@@ -35,13 +35,17 @@ bool isLoopbackHost(std::string_view host);
 Error urlError(long code, std::string description);
 
 // What a transfer may take before it fails with a time-out.
-struct TransferLimits {
+struct CurlTransferLimits {
     // No byte moves in either direction for this long.
     double idleTimeoutSeconds = 60.0;
     // Fewer bytes than this a second, up and down together, on average over the last
     // lowSpeedWindowSeconds (judged once the transfer is that old). Zero turns it off.
     double minimumBytesPerSecond = 1024.0;
     double lowSpeedWindowSeconds = 60.0;
+    // A response body longer than this ends the transfer with a bad-server-response error: a
+    // service answers an upload in a few hundred bytes, and a body that goes on for ever
+    // would hold the upload however fast it came.
+    std::size_t maxResponseBytes = 1u << 20;
 };
 
 struct CurlTransferResult {
@@ -71,14 +75,14 @@ public:
     // onData as they arrive. Fails with a time-out when it breaks the limits, and with a
     // cancellation as soon as stop() is true (checked whenever the transfer wakes, which
     // wakeUp() forces). Called from one thread at a time.
-    CurlTransferResult perform(const UrlRequest& request, const Body& body, const TransferLimits& limits,
+    CurlTransferResult perform(const UrlRequest& request, const Body& body, const CurlTransferLimits& limits,
                                const std::function<void(std::string_view)>& onData,
                                const std::function<bool()>& stop);
     // The same with the given idle time-out and the default floor.
     CurlTransferResult perform(const UrlRequest& request, const Body& body, double idleTimeoutSeconds,
                                const std::function<void(std::string_view)>& onData,
                                const std::function<bool()>& stop) {
-        return perform(request, body, TransferLimits{.idleTimeoutSeconds = idleTimeoutSeconds}, onData, stop);
+        return perform(request, body, CurlTransferLimits{.idleTimeoutSeconds = idleTimeoutSeconds}, onData, stop);
     }
 
     // Makes a running perform() look at stop() at once. Safe from any thread.

@@ -314,7 +314,7 @@ private:
                 });
             };
             const auto stop = [&] { return stopping_.load() || task->cancelRequested_.load(); };
-            const TransferLimits limits{configuration_.timeoutIntervalForRequest,
+            const CurlTransferLimits limits{configuration_.timeoutIntervalForRequest,
                                         configuration_.minimumBytesPerSecond, configuration_.lowSpeedWindow};
             result = transfer_.perform(task->sending_, CurlTransfer::Body{task->data_, task->file_}, limits, onData,
                                        stop);

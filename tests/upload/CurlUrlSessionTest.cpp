@@ -173,9 +173,14 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
         RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"mess");
         return false;
     });
+    RawServer endless([](int fd, const std::string&) {
+        // An answer that would go on far longer than any service's.
+        RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Length: 4000000\r\n\r\n" + std::string(2000000, 'x'));
+        return false;
+    });
     RawServer refusing(RawServer::hang);  // bound, never listening
     RawServer server(answerCreated);
-    for (RawServer* listening : {&hung, &cutShort, &server}) listening->listen();
+    for (RawServer* listening : {&hung, &cutShort, &endless, &server}) listening->listen();
     auto factory = makeFactory();
     auto configuration = UrlSessionConfiguration::defaultSessionConfiguration();
     configuration.timeoutIntervalForRequest = 1.0;
@@ -189,6 +194,7 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
         {uploadRequest(hung.url(), 3), URLError::timedOut},
         {uploadRequest(refusing.url(), 3), URLError::cannotConnectToHost},
         {uploadRequest(cutShort.url(), 3), URLError::networkConnectionLost},
+        {uploadRequest(endless.url(), 3), URLError::badServerResponse},
         // Refused before connecting.
         {uploadRequest("http://collector.invalid/api/event_batches", 3), URLError::unsupportedURL},
         {uploadRequest("ftp://127.0.0.1:9/x", 3), URLError::unsupportedURL},
