@@ -1,7 +1,5 @@
 #pragma once
 
-#include <atomic>
-
 #include "rovalis/Date.h"
 
 namespace rovalis {
@@ -18,19 +16,6 @@ public:
 class SystemDateSource final : public RVLDateSource {
 public:
     Date now() const override;
-};
-
-// A clock that moves only when told to. Safe to read and set from any thread.
-class SettableDateSource final : public RVLDateSource {
-public:
-    explicit SettableDateSource(Date start = Date{1700000000.0}) : seconds_(start.secondsSince1970) {}
-
-    Date now() const override { return Date{seconds_.load()}; }
-    void setNow(Date date) { seconds_.store(date.secondsSince1970); }
-    void advance(double seconds);
-
-private:
-    std::atomic<double> seconds_;
 };
 
 }  // namespace rovalis

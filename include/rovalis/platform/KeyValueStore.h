@@ -31,21 +31,4 @@ public:
     virtual void removeObject(const std::string& key) = 0;
 };
 
-// Passes every call on to another store; a test double overrides only the member it wants
-// to disturb.
-class ForwardingKeyValueStore : public KeyValueStore {
-public:
-    explicit ForwardingKeyValueStore(std::shared_ptr<KeyValueStore> target) : target_(std::move(target)) {}
-
-    std::optional<Value> object(const std::string& key) const override { return target_->object(key); }
-    void setObject(const Value& value, const std::string& key) override { target_->setObject(value, key); }
-    void removeObject(const std::string& key) override { target_->removeObject(key); }
-
-protected:
-    KeyValueStore& target() const { return *target_; }
-
-private:
-    std::shared_ptr<KeyValueStore> target_;
-};
-
 }  // namespace rovalis
