@@ -95,7 +95,7 @@ void BeaconRanger::didExitBeaconRegion(const BeaconRegion& reported) {
 // ---- The window
 
 void BeaconRanger::openWindow(const BeaconRegion& region) {
-    window_.emplace();
+    window_ = Window{};
     window_->regionIdentifiers.push_back(region.identifier);
     scheduleClose();
     debugEventsManager_->insertBeaconRangingDebugEvent("forced ranging opened for beacon region " +
