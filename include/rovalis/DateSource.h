@@ -1,19 +1,20 @@
 #pragma once
 
 #include "rovalis/Date.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
 // Gives "now". Every component that takes a time gets one injected, so that time can be
 // controlled by tests and by the simulated device.
-class RVLDateSource {
+class ROVALIS_EXPORT RVLDateSource {
 public:
     virtual ~RVLDateSource() = default;
     virtual Date now() const = 0;
 };
 
 // The wall clock. The only place besides the production run loop that reads it.
-class SystemDateSource final : public RVLDateSource {
+class ROVALIS_EXPORT SystemDateSource final : public RVLDateSource {
 public:
     Date now() const override;
 };

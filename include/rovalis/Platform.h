@@ -6,6 +6,7 @@
 
 #include "rovalis/DateSource.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 #include "rovalis/RunLoop.h"
 #include "rovalis/platform/KeyValueStore.h"
 
@@ -25,7 +26,7 @@ class SystemStateType;
 // The platform services the SDK runs on, handed in one bundle to the composition root,
 // which builds every component from it; no component reaches for a global. A host or the
 // simulated device fills it in; on Linux the default bundle comes from the data root.
-struct Platform {
+struct ROVALIS_EXPORT Platform {
     std::shared_ptr<RVLDateSource> dateSource;
     // Carries every location callback, timer and tracker call, and the host's callbacks.
     std::shared_ptr<RunLoop> mainRunLoop;

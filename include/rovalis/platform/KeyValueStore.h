@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "rovalis/Date.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
@@ -19,7 +20,7 @@ using KeyValue = std::variant<Date, std::int64_t, double, bool, std::string, std
 // A durable, typed key-value store for the SDK's small persistent state (the user
 // defaults of a mobile platform). A value written is kept across process restarts. All
 // members are safe to call from any thread.
-class KeyValueStore {
+class ROVALIS_EXPORT KeyValueStore {
 public:
     using Value = KeyValue;
 

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // The kind of a keychain item. The SDK keeps only generic passwords.
@@ -45,7 +47,7 @@ struct KeychainLookup {
 // A secure store of small items, each keyed by service and account. The members mirror the
 // system keychain's calls: they report a status and never stop the program, so the caller
 // decides what a failure means. All members are safe to call from any thread.
-class KeychainStore {
+class ROVALIS_EXPORT KeychainStore {
 public:
     using Bytes = std::vector<std::uint8_t>;
 
