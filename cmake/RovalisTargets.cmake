@@ -15,3 +15,19 @@ function(rovalis_target_options target)
     target_link_options(${target} PRIVATE -fsanitize=${ROVALIS_SANITIZE})
   endif()
 endfunction()
+
+# The installed device list's directory relative to an installed directory (the library's or the
+# programs'): a relocated installation then finds its own, and no path of this machine goes
+# into a binary.
+function(rovalis_data_dir_relative_to variable from_dir)
+  set(prefix "/prefix")
+  foreach(dir from_dir CMAKE_INSTALL_DATADIR)
+    if(IS_ABSOLUTE "${${dir}}")
+      set(${dir}_full "${${dir}}")
+    else()
+      set(${dir}_full "${prefix}/${${dir}}")
+    endif()
+  endforeach()
+  file(RELATIVE_PATH relative "${from_dir_full}" "${CMAKE_INSTALL_DATADIR_full}/rovalis")
+  set(${variable} "${relative}" PARENT_SCOPE)
+endfunction()

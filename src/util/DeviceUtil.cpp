@@ -70,17 +70,21 @@ std::vector<std::filesystem::path> RVL_DeviceUtil::resourceDirectories() {
     if (const char* fromEnvironment = std::getenv("ROVALIS_RESOURCE_DIR"); fromEnvironment && *fromEnvironment) {
         add(fromEnvironment);
     }
-    // The file this function is in: the shared library, or the program a static one is linked
-    // into. For the program, dladdr may give its name as started (argv[0]), so only an
-    // absolute path counts; /proc/self/exe names the program in any case.
+    std::error_code noProgram;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", noProgram);
+    // The file this function is in, when it is a shared library. For a static library dladdr
+    // names the program instead, possibly as it was started (argv[0]); the program's own place
+    // comes next in any case.
     Dl_info self{};
     if (::dladdr(reinterpret_cast<const void*>(&RVL_DeviceUtil::resourceDirectories), &self) != 0 &&
         self.dli_fname != nullptr && self.dli_fname[0] == '/') {
-        add((std::filesystem::path(self.dli_fname).parent_path() / ROVALIS_DATA_FROM_LIBDIR).lexically_normal());
+        const std::filesystem::path library = self.dli_fname;
+        std::error_code ignored;
+        if (noProgram || !std::filesystem::equivalent(library, program, ignored)) {
+            add((library.parent_path() / ROVALIS_DATA_FROM_LIBDIR).lexically_normal());
+        }
     }
-    std::error_code error;
-    const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (!error) add((program.parent_path() / ROVALIS_DATA_FROM_BINDIR).lexically_normal());
+    if (!noProgram) add((program.parent_path() / ROVALIS_DATA_FROM_BINDIR).lexically_normal());
     add(fallback);
     return directories;
 }
