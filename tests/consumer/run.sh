@@ -26,7 +26,9 @@ shared=false
 # The shared library must be the installed one, not a copy in the build tree.
 check_links_installed() {
   if $shared; then
-    ldd "$1" | grep -qF "$libdir/librovalis.so" || fail "$1 does not load $libdir/librovalis.so"
+    local loaded
+    loaded=$(ldd "$1")
+    grep -qF "$libdir/librovalis.so" <<<"$loaded" || fail "$1 does not load $libdir/librovalis.so"
   fi
 }
 
