@@ -10,6 +10,12 @@ function(rovalis_target_options target)
   if(ROVALIS_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # GCC 12 at -O3 miscompiles a speculatively devirtualized call through a this-adjusting
+    # thunk: renewBatchIdentityAfter's call of CredentialsManager::bumpSequentialId became a
+    # jump to memcpy, which crashed every upload of a Release build.
+    target_compile_options(${target} PRIVATE -fno-devirtualize-speculatively)
+  endif()
   if(ROVALIS_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${ROVALIS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(${target} PRIVATE -fsanitize=${ROVALIS_SANITIZE})
