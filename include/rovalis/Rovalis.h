@@ -10,6 +10,7 @@
 #include <string>
 
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 #include "rovalis/HostInfo.h"
 #include "rovalis/InfoDictionary.h"
 #include "rovalis/Platform.h"
@@ -45,7 +46,7 @@ using LaunchOptions = InfoDictionary;
 // InternalInconsistencyException before initialisation. Operations may be called from any
 // thread; the tracking work itself runs on the SDK's main run loop, and the call returns once
 // it is done there.
-class Rovalis {
+class ROVALIS_EXPORT Rovalis {
 public:
     virtual ~Rovalis() = default;
 
@@ -108,7 +109,7 @@ struct RovalisConfiguration {
     TransferLimits transferLimits;
 };
 
-class RovalisCore {
+class ROVALIS_EXPORT RovalisCore {
 public:
     // The process-wide SDK, made on first use and never destroyed.
     static Rovalis& sharedInstance();

@@ -1,5 +1,5 @@
 // The C interface over the C++ one: handles, status codes and the callback bridge. The
-// simulated device's functions are in sim/SimulationCApi.cpp, in the simulator library.
+// simulated device's functions are in platform/sim/capi/SimulationCApi.cpp, in the simulator library.
 
 #include <cstring>
 #include <fstream>

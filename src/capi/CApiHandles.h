@@ -1,7 +1,7 @@
 #pragma once
 
 // What the C interface's handles hold, shared by its production part (CApi.cpp) and its
-// simulated-device part (sim/SimulationCApi.cpp), which lives in the simulator library.
+// simulated-device part (platform/sim/capi/SimulationCApi.cpp), which lives in the simulator library.
 
 #include <atomic>
 #include <condition_variable>

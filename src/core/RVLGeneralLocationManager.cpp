@@ -55,7 +55,6 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
     fill(platform.mainRunLoop, linux.mainRunLoop);
     fill(platform.keyValueStore, linux.keyValueStore);
     fill(platform.keychain, linux.keychain);
-    fill(platform.workTracker, linux.workTracker);
     fill(platform.network, linux.network);
     fill(platform.backgroundTasks, linux.backgroundTasks);
     fill(platform.notificationCenter, linux.notificationCenter);

@@ -80,7 +80,7 @@ void BeaconRanger::didEnterBeaconRegion(const BeaconRegion& reported) {
         return;
     }
     if (!window_) {
-        window_.emplace();
+        window_ = Window{};
         startScanning();
     }
     auto& entered = window_->regionIdentifiers;
@@ -112,7 +112,7 @@ void BeaconRanger::didFallAsleep() { scanAtMoment("sleep"); }
 void BeaconRanger::scanAtMoment(const std::string& moment) {
     // An open window scans already; without a scanner there is nothing to look with.
     if (trackingStopped_ || window_ || !eddystoneScanner_ || !eddystoneScanner_->isAvailable()) return;
-    window_.emplace();
+    window_ = Window{};
     window_->course.push_back("Eddystone scan opened at " + moment);
     scheduleClose();
     startScanning();

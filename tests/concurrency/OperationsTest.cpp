@@ -14,6 +14,7 @@
 #include "upload/RVLOperationsController.h"
 #include "upload/TransferOperations.h"
 #include "util/SerialExecutor.h"
+#include "util/SettableDateSource.h"
 #include "util/ThreadRunLoop.h"
 
 namespace rovalis {

@@ -7,6 +7,7 @@
 
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "support/ForwardingStores.h"
 #include "support/TestSupport.h"
 #include "rovalis/Uuid.h"
 
@@ -22,7 +23,7 @@ Bytes bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
 // Records the items added and updated ("<service> <account> <accessibility>"), can
 // refuse one kind of call with a status, and can answer lookups without their data.
-class FaultyKeychain : public ForwardingKeychainStore {
+class FaultyKeychain : public test::ForwardingKeychainStore {
 public:
     using ForwardingKeychainStore::ForwardingKeychainStore;
 

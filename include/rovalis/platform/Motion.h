@@ -6,6 +6,7 @@
 
 #include "rovalis/Date.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
@@ -20,7 +21,7 @@ struct AccelerometerData {
 
 // The device's accelerometer, one to one with the platform's motion manager. Used from the
 // main run loop; samples arrive on the queue given to startAccelerometerUpdates.
-class MotionManagerType {
+class ROVALIS_EXPORT MotionManagerType {
 public:
     using AccelerometerHandler = std::function<void(const AccelerometerData& sample)>;
 
@@ -58,7 +59,7 @@ enum class MotionAuthorizationStatus : std::int32_t { notDetermined = 0, restric
 
 // The motion-activity classifier. Used from the main run loop; classifications arrive on
 // the queue given to startActivityUpdates.
-class MotionActivityManagerType {
+class ROVALIS_EXPORT MotionActivityManagerType {
 public:
     using ActivityHandler = std::function<void(const MotionActivity& activity)>;
 
