@@ -3,11 +3,13 @@
 #include <functional>
 #include <string_view>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // The SDK's console: plain lines without levels. By default they go to standard output;
 // a host or a test can send them elsewhere.
-class Console {
+class ROVALIS_EXPORT Console {
 public:
     using Sink = std::function<void(std::string_view line)>;
 

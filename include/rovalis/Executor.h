@@ -5,10 +5,12 @@
 #include <type_traits>
 #include <utility>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // A queue that runs tasks one at a time, in the order they were given.
-class Executor {
+class ROVALIS_EXPORT Executor {
 public:
     virtual ~Executor() = default;
 

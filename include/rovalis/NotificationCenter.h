@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "rovalis/Export.h"
 #include "rovalis/InfoDictionary.h"
 
 namespace rovalis {
@@ -26,7 +27,7 @@ struct Notification {
 // An observer may remove itself or others, or add observers, from its callback: an observer
 // removed during a delivery is not called afterwards, one added during a delivery first
 // hears the next post.
-class NotificationCenter {
+class ROVALIS_EXPORT NotificationCenter {
 public:
     using ObserverToken = std::uint64_t;
     using Callback = std::function<void(const Notification&)>;

@@ -6,6 +6,7 @@
 
 #include "rovalis/DateSource.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 #include "rovalis/RunLoop.h"
 #include "rovalis/platform/KeyValueStore.h"
 
@@ -21,12 +22,11 @@ class NetworkMonitor;
 class NotificationCenter;
 class RVLDeviceInfoType;
 class SystemStateType;
-class WorkTracker;
 
 // The platform services the SDK runs on, handed in one bundle to the composition root,
 // which builds every component from it; no component reaches for a global. A host or the
 // simulated device fills it in; on Linux the default bundle comes from the data root.
-struct Platform {
+struct ROVALIS_EXPORT Platform {
     std::shared_ptr<RVLDateSource> dateSource;
     // Carries every location callback, timer and tracker call, and the host's callbacks.
     std::shared_ptr<RunLoop> mainRunLoop;
@@ -34,9 +34,6 @@ struct Platform {
     std::shared_ptr<KeyValueStore> keyValueStore;
     // Credentials.
     std::shared_ptr<KeychainStore> keychain;
-    // Optional: counts work queued anywhere, so that a virtual clock moves only when all of
-    // it has finished.
-    std::shared_ptr<WorkTracker> workTracker;
     // The network as the reachability service sees it; HTTP sessions consult it too.
     std::shared_ptr<NetworkMonitor> network;
     // Extra running time while a transfer must not be cut short.
@@ -58,7 +55,7 @@ struct Platform {
     // The operating system's version text, as sent to the collection service.
     std::string systemVersion;
 
-    // A new named serial queue with a thread of its own, whose work the tracker counts.
+    // A new named serial queue with a thread of its own.
     std::unique_ptr<Executor> makeSerialExecutor(std::string label) const;
 };
 

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 #include "rovalis/HostInfo.h"
 #include "rovalis/InfoDictionary.h"
 #include "rovalis/Platform.h"
@@ -45,7 +46,7 @@ using LaunchOptions = InfoDictionary;
 // InternalInconsistencyException before initialisation. Operations may be called from any
 // thread; the tracking work itself runs on the SDK's main run loop, and the call returns once
 // it is done there.
-class Rovalis {
+class ROVALIS_EXPORT Rovalis {
 public:
     virtual ~Rovalis() = default;
 
@@ -71,6 +72,18 @@ public:
 };
 
 // What a host tells the SDK about itself. Everything but `host` is optional.
+// When an upload that makes too little progress fails with a time-out (NSURLErrorDomain -1001),
+// so that no service can hold the SDK's upload queue for long: no byte in either direction for
+// idleTimeout seconds, or fewer than minimumBytesPerSecond on average over the last
+// lowSpeedWindow seconds (0 switches that floor off). The defaults suit a phone's network.
+struct TransferLimits {
+    double idleTimeout = 60.0;
+    double minimumBytesPerSecond = 1024.0;
+    double lowSpeedWindow = 60.0;
+
+    friend bool operator==(const TransferLimits&, const TransferLimits&) = default;
+};
+
 struct RovalisConfiguration {
     // Display name, version, build, identifier, and the Info settings
     // ("RV_SDK_BEACON_TRACKING_ENABLED", "RV_SDK_EDDYSTONE_TRACKING_ENABLED").
@@ -92,9 +105,11 @@ struct RovalisConfiguration {
     // The regions laid around a stay; an invalid configuration is refused with a console
     // line and the defaults are used.
     SleepRegionConfiguration sleepRegions;
+    // When a slow upload is given up (both sessions).
+    TransferLimits transferLimits;
 };
 
-class RovalisCore {
+class ROVALIS_EXPORT RovalisCore {
 public:
     // The process-wide SDK, made on first use and never destroyed.
     static Rovalis& sharedInstance();

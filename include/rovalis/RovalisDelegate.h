@@ -5,6 +5,7 @@
 
 #include "rovalis/Date.h"
 #include "rovalis/Error.h"
+#include "rovalis/Export.h"
 #include "rovalis/platform/Location.h"
 
 namespace rovalis {
@@ -14,7 +15,7 @@ namespace rovalis {
 //
 // The optional callbacks are separate interfaces that a delegate may also implement; the
 // SDK calls one only when the delegate implements it.
-class RovalisDelegate {
+class ROVALIS_EXPORT RovalisDelegate {
 public:
     virtual ~RovalisDelegate() = default;
 
@@ -24,20 +25,20 @@ public:
     virtual void locationAuthorizationStatusDidChange(std::int32_t status, bool precise) = 0;
 };
 
-class RovalisMotionActivityDelegate {
+class ROVALIS_EXPORT RovalisMotionActivityDelegate {
 public:
     virtual ~RovalisMotionActivityDelegate() = default;
     virtual void motionActivityAuthorized(bool authorized) = 0;
 };
 
-class RovalisLocationDelegate {
+class ROVALIS_EXPORT RovalisLocationDelegate {
 public:
     virtual ~RovalisLocationDelegate() = default;
     // A fix that was just stored as a waypoint.
     virtual void didTrackLocation(const Location& location) = 0;
 };
 
-class RovalisDataUploadDelegate {
+class ROVALIS_EXPORT RovalisDataUploadDelegate {
 public:
     virtual ~RovalisDataUploadDelegate() = default;
     // After each upload: the times of its oldest and newest events, and the error if it failed.

@@ -5,12 +5,13 @@
 
 #include "rovalis/Date.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
 // A timer scheduled on a run loop. The loop keeps a valid timer alive; the caller may keep
 // the handle to fire or invalidate it.
-class RunLoopTimer {
+class ROVALIS_EXPORT RunLoopTimer {
 public:
     virtual ~RunLoopTimer() = default;
 
@@ -27,7 +28,7 @@ public:
 
 // The main run loop: a serial executor that also runs timers. Timers take their time from
 // the loop's date source, never from the system clock directly.
-class RunLoop : public Executor {
+class ROVALIS_EXPORT RunLoop : public Executor {
 public:
     // Schedules callback to run on the loop intervalSeconds from now, and again every
     // intervalSeconds after each due time if repeats. Intervals below 0.1 ms count as 0.1 ms.

@@ -6,10 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // A 128-bit UUID. Its text form is the standard 36 characters, upper case.
-struct Uuid {
+struct ROVALIS_EXPORT Uuid {
     std::array<std::uint8_t, 16> bytes{};
 
     // A random (version 4) UUID.

@@ -1,5 +1,7 @@
 #include "core/PauseManager.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <utility>
 #include <nlohmann/json.hpp>
@@ -69,6 +71,14 @@ long preWakeUpReasonCode(std::string_view reason) {
         if (reason.find(rawText(candidate)) != std::string_view::npos) return static_cast<long>(candidate);
     }
     return static_cast<long>(PreWakeUp::Reason::unknown);
+}
+
+bool namesBeacon(std::string_view reason) {
+    constexpr std::string_view beacon = "beacon";
+    const auto equalIgnoringCase = [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+    };
+    return std::search(reason.begin(), reason.end(), beacon.begin(), beacon.end(), equalIgnoringCase) != reason.end();
 }
 
 // ---- PauseManager ----

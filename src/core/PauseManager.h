@@ -46,6 +46,9 @@ long preSleepReasonCode(std::string_view reason);
 // reason contains ("exited geofence" 0, "entered surrounding geofence" 1,
 // "significant location" 2); 3 (unknown) when none does.
 long preWakeUpReasonCode(std::string_view reason);
+// Whether a wake-up reason names a beacon: "beacon" in any letter case, as every reason of
+// beacon ranging does.
+bool namesBeacon(std::string_view reason);
 
 // Runs one short burst of best-accuracy fixes before a transition, records each usable fix
 // as a Waypoint, and hands the first fresh, accurate fix (or, at the time-out, the latest

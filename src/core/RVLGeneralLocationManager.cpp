@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/PauseManager.h"
 #include "core/TrackerRepository.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "rovalis/Console.h"
@@ -54,7 +55,6 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
     fill(platform.mainRunLoop, linux.mainRunLoop);
     fill(platform.keyValueStore, linux.keyValueStore);
     fill(platform.keychain, linux.keychain);
-    fill(platform.workTracker, linux.workTracker);
     fill(platform.network, linux.network);
     fill(platform.backgroundTasks, linux.backgroundTasks);
     fill(platform.notificationCenter, linux.notificationCenter);
@@ -144,6 +144,8 @@ void RVLGeneralLocationManager::createTrackers() {
         Console::log("the sleep region configuration is not valid; the default regions are used");
         sleepRegions = SleepRegionConfiguration{};
     }
+    RVLAPIClientOptions apiClientOptions;
+    apiClientOptions.transferLimits = configuration_.transferLimits;
     TrackerEnvironment environment{
         .platform = platform_,
         .dataRoot = dataRootFor(configuration_),
@@ -152,7 +154,7 @@ void RVLGeneralLocationManager::createTrackers() {
         .productionBaseURL = configuration_.productionBaseURL,
         .sleepRegions = RegionCalculator::sleepRegions(sleepRegions),
         .sessionOptions = {},
-        .apiClientOptions = {},
+        .apiClientOptions = apiClientOptions,
     };
     TrackerRepository repository(std::move(dependencies), std::move(environment));
     eventRepository_ = repository.eventRepository();
@@ -298,6 +300,9 @@ void RVLGeneralLocationManager::stopTrackingWithReason(std::int64_t reason) {
     const std::int64_t state = localTrackingStatePrivate_;
     if (state == 0) return;
     if (reason != 0 && state == -1) return;
+    for (const auto& tracker : locationManagers_) {
+        if (auto* preparable = dynamic_cast<RVLTrackingStopPreparable*>(tracker.get())) preparable->trackingWillStop();
+    }
     userDefaultsManager_->setStoredTrackingInterruptedReason(reason);
     toggleTrackingOffDate_ = platform_.dateSource->now();
     const auto eventURI = eventRepository_->insertToggleTrackingEventWithTrackedAtMs(*toggleTrackingOffDate_, false,
@@ -391,9 +396,23 @@ void RVLGeneralLocationManager::initiateSleepWithReason(const std::string& reaso
     operationsController_->performSlowDownOperationsWithReason(reason, lastLocation());
 }
 
+// A beacon is heard from where the phone sleeps as well as on the way somewhere else; while no
+// sleep region has reported a crossing, the phone has not left its centre region, and a beacon
+// heard again and again at the edge of its range must not keep waking it. Leaving is for the
+// regions to report. Without that evidence (a sleep without a centre, or after a crossing the
+// burst turned down) a beacon's wake-up goes to the location burst like any other.
 void RVLGeneralLocationManager::initiateWakeUpWithReason(const std::string& reason,
                                                          const std::optional<Location>& lastKnownLocation) {
     if (localTrackingStatePrivate_ != 1 || !isAsleep()) return;
+    const long kind = preWakeUpReasonCode(reason);
+    if (kind == static_cast<long>(PreWakeUp::Reason::exitedGeofence) ||
+        kind == static_cast<long>(PreWakeUp::Reason::enteredGeofence)) {
+        asleepInsideCentreRegion_ = false;
+    }
+    if (namesBeacon(reason) && asleepInsideCentreRegion_) {
+        Console::log("stays asleep inside its centre region: " + reason);
+        return;
+    }
     operationsController_->performSpeedUpOperationsWithReason(reason, lastKnownLocation);
 }
 
@@ -401,6 +420,7 @@ void RVLGeneralLocationManager::sleepWithCenterLocation(const std::optional<Loca
                                                         const std::string& reason) {
     if (isAsleep()) return;
     for (const auto& tracker : locationManagers_) tracker->slowDown(center);
+    asleepInsideCentreRegion_ = center.has_value();  // the geofence tracker laid its regions round it
     insertToggleStandbyEventsWithState(true, reason);
     platform_.notificationCenter->post(RVLSDKNotification, InfoDictionary{{"message", std::string("Asleep")}});
     setPaused(true);
@@ -408,6 +428,7 @@ void RVLGeneralLocationManager::sleepWithCenterLocation(const std::optional<Loca
 
 void RVLGeneralLocationManager::wakeUpWithReason(const std::string& reason, bool forced) {
     if (!isAsleep()) return;
+    asleepInsideCentreRegion_ = false;
     for (const auto& tracker : locationManagers_) tracker->speedUp();
     if (!forced) insertToggleStandbyEventsWithState(false, reason);
     platform_.notificationCenter->post(RVLSDKNotification, InfoDictionary{{"message", std::string("Awake")}});

@@ -151,6 +151,9 @@ private:
     std::atomic<int> paused_{-1};
     std::atomic<std::int64_t> localTrackingStatePrivate_{0};
     std::optional<Date> toggleTrackingOffDate_;
+    // Asleep with the sleep regions laid round a centre, and none of them crossed since: the
+    // regions' own evidence that the phone is still where it fell asleep. Main run loop only.
+    bool asleepInsideCentreRegion_ = false;
 
     // Held for an orderly end: the reachability reports stop before the send queue goes.
     std::shared_ptr<ReachabilityTracker> reachabilityTracker_;

@@ -20,6 +20,7 @@
 #include "sensing/SignificantLocationTracker.h"
 #include "sensing/StayDetector.h"
 #include "util/Fatal.h"
+#include "util/VirtualRunLoop.h"
 
 namespace rovalis {
 
@@ -90,7 +91,8 @@ std::shared_ptr<Executor> TrackerRepository::makeQueue(const std::string& label)
 std::shared_ptr<EventRepository> TrackerRepository::eventRepository() {
     if (!eventRepository_) {
         eventRepository_ = std::make_shared<EventRepository>(
-            environment_.dataRoot.privateDirectory("Store") / "RovalisSDK.sqlite", environment_.platform.workTracker,
+            environment_.dataRoot.privateDirectory("Store") / "RovalisSDK.sqlite",
+            workTrackerOf(environment_.platform.mainRunLoop),
             CommitDelay{environment_.platform.mainRunLoop, EventRepository::commitDelaySeconds});
     }
     return eventRepository_;
@@ -147,7 +149,7 @@ std::shared_ptr<RVLAPIClient> TrackerRepository::apiManager() {
             const Platform& platform = environment_.platform;
             auto sessions = std::make_shared<CurlUrlSessionFactory>(
                 environment_.dataRoot.privateDirectory("BackgroundSessions"), platform.network, platform.mainRunLoop,
-                platform.dateSource, platform.workTracker, environment_.sessionOptions);
+                platform.dateSource, workTrackerOf(platform.mainRunLoop), environment_.sessionOptions);
             auto defaults = userDefaultsManager();
             auto credentials = credentialsManager();
             apiManager_ = RVLAPIClient::create(baseURL(), defaults, defaults, eventRepository(), credentials,
@@ -164,7 +166,7 @@ std::shared_ptr<ReachabilityTracker> TrackerRepository::reachabilityTracker() {
         auto defaults = userDefaultsManager();
         reachabilityTracker_ = std::make_shared<ReachabilityTracker>(
             eventRepository(), defaults, defaults, platform.dateSource, *platform.network, hostOf(baseURL()),
-            makeQueue("org.rovalis.reachabilityTracker"), platform.workTracker);
+            makeQueue("org.rovalis.reachabilityTracker"), workTrackerOf(platform.mainRunLoop));
     }
     return reachabilityTracker_;
 }
@@ -310,7 +312,8 @@ std::shared_ptr<GeofenceTracker> TrackerRepository::geofenceLocationTracker() {
 
 std::shared_ptr<BeaconTracker> TrackerRepository::beaconTracker() {
     if (!beaconTracker_) {
-        beaconTracker_ = BeaconTracker::create(beaconRegionsContainer(), geofenceAndBeaconLocationManager());
+        beaconTracker_ =
+            BeaconTracker::create(beaconRegionsContainer(), geofenceAndBeaconLocationManager(), beaconRanger());
     }
     return beaconTracker_;
 }

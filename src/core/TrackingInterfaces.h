@@ -30,6 +30,14 @@ public:
     virtual void persistStateWithForced(bool forced) = 0;
 };
 
+// Optional for a tracker: ends what it has under way when tracking is being switched off,
+// before the switch-off is recorded, so that nothing it records lands after the switch-off.
+class RVLTrackingStopPreparable {
+public:
+    virtual ~RVLTrackingStopPreparable() = default;
+    virtual void trackingWillStop() = 0;
+};
+
 class RVLTrackingStateChangeable {
 public:
     virtual ~RVLTrackingStateChangeable() = default;

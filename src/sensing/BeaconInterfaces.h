@@ -1,7 +1,8 @@
 #pragma once
 
 // How the beacon components reach each other: region monitoring hands beacon-region reports
-// to ranging, and the Eddystone scanner hands its sightings to whoever scans.
+// to ranging, the beacon tracker tells ranging of the SDK's transitions, and the Eddystone
+// scanner hands its sightings to whoever scans.
 
 #include <functional>
 #include <string>
@@ -17,6 +18,20 @@ public:
     virtual ~BeaconRegionEventReceiving() = default;
     virtual void didEnterBeaconRegion(const BeaconRegion& region) = 0;
     virtual void didExitBeaconRegion(const BeaconRegion& region) = 0;
+};
+
+// What ranging hears of the SDK's state from the beacon tracker.
+class BeaconWindowControl {
+public:
+    virtual ~BeaconWindowControl() = default;
+    // Tracking runs: region entries and transitions open windows.
+    virtual void trackingStarted() = 0;
+    // The SDK woke up or fell asleep: each is a moment to look for Eddystone beacons.
+    virtual void didWakeUp() = 0;
+    virtual void didFallAsleep() = 0;
+    // Tracking is about to be switched off: the open window ends now, and none opens until
+    // tracking runs again.
+    virtual void trackingWillStop() = 0;
 };
 
 // One Eddystone beacon heard: its identifier as lower-case hex (namespace and instance of a

@@ -75,11 +75,22 @@ void BeaconRanger::didEnterBeaconRegion(const BeaconRegion& reported) {
         Console::log("entered a beacon region that is not the SDK's: " + reported.identifier);
         return;
     }
-    if (window_) {
-        extendWindow(*region);
-    } else {
-        openWindow(*region);
+    if (trackingStopped_) {
+        Console::log("entered beacon region " + region->identifier + " after tracking stopped");
+        return;
     }
+    if (!window_) {
+        window_ = Window{};
+        startScanning();
+    }
+    auto& entered = window_->regionIdentifiers;
+    const char* const step = entered.empty() ? "opened" : "extended";
+    if (std::find(entered.begin(), entered.end(), region->identifier) == entered.end()) {
+        entered.push_back(region->identifier);
+    }
+    window_->course.push_back(std::string("forced ranging ") + step + " for beacon region " + region->identifier);
+    scheduleClose();
+    rangeBeaconsOf(*region);
 }
 
 void BeaconRanger::didExitBeaconRegion(const BeaconRegion& reported) {
@@ -87,40 +98,39 @@ void BeaconRanger::didExitBeaconRegion(const BeaconRegion& reported) {
         Console::log("exited a beacon region that is not the SDK's: " + reported.identifier);
         return;
     }
-    // Leaving a region tells nothing a ranging could add: the beacons are out of reach.
+    // Leaving a region tells nothing a ranging could add: the beacons are out of reach. Nor is
+    // it recorded: at the edge of a beacon's range the region is left again and again.
     Console::log("exited beacon region " + reported.identifier);
-    debugEventsManager_->insertBeaconRangingDebugEvent("exited beacon region " + reported.identifier);
 }
 
-// ---- The window
+// ---- The SDK's transitions
 
-void BeaconRanger::openWindow(const BeaconRegion& region) {
-    window_.emplace();
-    window_->regionIdentifiers.push_back(region.identifier);
+void BeaconRanger::didWakeUp() { scanAtMoment("wake-up"); }
+
+void BeaconRanger::didFallAsleep() { scanAtMoment("sleep"); }
+
+void BeaconRanger::scanAtMoment(const std::string& moment) {
+    // An open window scans already; without a scanner there is nothing to look with.
+    if (trackingStopped_ || window_ || !eddystoneScanner_ || !eddystoneScanner_->isAvailable()) return;
+    window_ = Window{};
+    window_->course.push_back("Eddystone scan opened at " + moment);
     scheduleClose();
-    debugEventsManager_->insertBeaconRangingDebugEvent("forced ranging opened for beacon region " +
-                                                       region.identifier);
-    rangeBeaconsOf(region);
     startScanning();
 }
 
-void BeaconRanger::extendWindow(const BeaconRegion& region) {
-    auto& entered = window_->regionIdentifiers;
-    if (std::find(entered.begin(), entered.end(), region.identifier) == entered.end()) {
-        entered.push_back(region.identifier);
-    }
-    scheduleClose();
-    debugEventsManager_->insertBeaconRangingDebugEvent("forced ranging extended for beacon region " +
-                                                       region.identifier);
-    rangeBeaconsOf(region);
+void BeaconRanger::trackingWillStop() {
+    trackingStopped_ = true;
+    closeWindow(Closing::trackingStops);
 }
+
+// ---- The window
 
 void BeaconRanger::scheduleClose() {
     if (closeTimer_) closeTimer_->invalidate();
     window_->end = runLoop_->now().addingSeconds(forcedRangingDuration);
     std::weak_ptr<BeaconRanger> weak = weak_from_this();
     closeTimer_ = runLoop_->scheduleTimer(forcedRangingDuration, false, [weak] {
-        if (const auto self = weak.lock()) self->closeWindow();
+        if (const auto self = weak.lock()) self->closeWindow(Closing::onTime);
     });
 }
 
@@ -139,7 +149,7 @@ void BeaconRanger::rangeBeaconsOf(const BeaconRegion& region) {
 }
 
 void BeaconRanger::startScanning() {
-    if (!eddystoneScanner_) return;
+    if (!eddystoneScanner_ || window_->scanning) return;
     if (!eddystoneScanner_->isAvailable()) {
         Console::log("Eddystone scanning is unavailable");
         return;
@@ -149,6 +159,10 @@ void BeaconRanger::startScanning() {
     eddystoneScanner_->startScanning([weak](const EddystoneSighting& sighting) {
         if (const auto self = weak.lock()) self->didSeeEddystone(sighting);
     });
+}
+
+void BeaconRanger::keep(BeaconSighting sighting) {
+    if (window_->sightings.size() < maxSightingsPerWindow) window_->sightings.push_back(std::move(sighting));
 }
 
 void BeaconRanger::didRangeBeacons(const std::vector<RangedBeacon>& beacons,
@@ -161,7 +175,7 @@ void BeaconRanger::didRangeBeacons(const std::vector<RangedBeacon>& beacons,
     const Date roundTime = runLoop_->now();
     for (const RangedBeacon& beacon : beacons) {
         if (beacon.rssi == 0) continue;  // known from an earlier round, not heard in this one
-        window_->sightings.emplace_back(IBeacon(roundTime, beacon.uuid, beacon.major, beacon.minor, beacon.rssi));
+        keep(IBeacon(roundTime, beacon.uuid, beacon.major, beacon.minor, beacon.rssi));
         ++window_->iBeaconCount;
         auto& strongest = window_->strongestIBeacon;
         if (!strongest || beacon.rssi > strongest->rssi) {
@@ -172,24 +186,41 @@ void BeaconRanger::didRangeBeacons(const std::vector<RangedBeacon>& beacons,
 
 void BeaconRanger::didSeeEddystone(const EddystoneSighting& sighting) {
     if (!window_ || !window_->scanning) return;
-    window_->sightings.emplace_back(Eddystone(sighting.time, sighting.eid, sighting.rssi));
+    keep(Eddystone(sighting.time, sighting.eid, sighting.rssi));
     ++window_->eddystoneCount;
     auto& strongest = window_->strongestEddystone;
     if (!strongest || sighting.rssi > strongest->rssi) strongest = StrongestEddystone{sighting.eid, sighting.rssi};
 }
 
-void BeaconRanger::closeWindow() {
+void BeaconRanger::closeWindow(Closing closing) {
     if (!window_) return;
-    closeTimer_.reset();
+    if (closeTimer_) {
+        closeTimer_->invalidate();
+        closeTimer_.reset();
+    }
     stopRangingAndScanning();
     Window window = std::move(*window_);
     window_.reset();
 
-    if (!window.sightings.empty()) eventInserter_->insert(BeaconScan(window.end, std::move(window.sightings)));
-    debugEventsManager_->insertBeaconRangingDebugEvent(
-        "forced ranging closed with " + std::to_string(window.iBeaconCount) + " iBeacon and " +
-        std::to_string(window.eddystoneCount) + " Eddystone sightings");
+    if (window.sightings.empty()) {
+        ++silentWindows_;
+        Console::log(window.regionIdentifiers.empty()
+                         ? std::string("Eddystone scan heard nothing")
+                         : "forced ranging for beacon region " + window.regionIdentifiers.front() + " heard nothing");
+        return;
+    }
+    // Closed early as tracking stops, the window is stamped now, ahead of the switch-off.
+    const Date closed = std::min(window.end, runLoop_->now());
+    for (const std::string& step : window.course) debugEventsManager_->insertBeaconRangingDebugEvent(step);
+    eventInserter_->insert(BeaconScan(closed, std::move(window.sightings)));
+    debugEventsManager_->insertBeaconRangingDebugEvent(closingText(window, closing));
+    silentWindows_ = 0;
 
+    // A moment's scan is made awake or while falling asleep: it has nothing to wake.
+    if (closing == Closing::onTime && !window.regionIdentifiers.empty()) askToWakeUp(window);
+}
+
+void BeaconRanger::askToWakeUp(const Window& window) {
     const auto provider = wakeUpProvider_.lock();
     if (!provider) return;
     std::optional<Location> lastLocation;
@@ -202,17 +233,31 @@ void BeaconRanger::stopRangingAndScanning() {
     if (window_->scanning && eddystoneScanner_) eddystoneScanner_->stopScanning();
 }
 
-// Every reason names a beacon: a wake-up for a beacon needs no burst to prove movement.
+// "forced ranging closed with 412 iBeacon and 3 Eddystone sightings, 115 past the first 300
+// counted but not recorded, after 2 windows that heard nothing"
+std::string BeaconRanger::closingText(const Window& window, Closing closing) const {
+    std::string text = std::string(window.regionIdentifiers.empty() ? "Eddystone scan" : "forced ranging") +
+                       (closing == Closing::trackingStops ? " closed as tracking stops with " : " closed with ") +
+                       std::to_string(window.iBeaconCount) + " iBeacon and " + std::to_string(window.eddystoneCount) +
+                       " Eddystone sightings";
+    const std::size_t heard = window.iBeaconCount + window.eddystoneCount;
+    if (heard > maxSightingsPerWindow) {
+        text += ", " + std::to_string(heard - maxSightingsPerWindow) + " past the first " +
+                std::to_string(maxSightingsPerWindow) + " counted but not recorded";
+    }
+    if (silentWindows_ == 1) text += ", after 1 window that heard nothing";
+    if (silentWindows_ > 1) text += ", after " + std::to_string(silentWindows_) + " windows that heard nothing";
+    return text;
+}
+
+// Every reason names a beacon: that is how the SDK tells a beacon's wake-up from others.
 std::string BeaconRanger::wakeUpReason(const Window& window) {
     if (const auto& beacon = window.strongestIBeacon) {
         return "beacon " + beacon->uuid.uuidString() + " " + std::to_string(beacon->major) + "." +
                std::to_string(beacon->minor) + " ranged in region " + beacon->regionIdentifier;
     }
     const std::string& region = window.regionIdentifiers.front();
-    if (const auto& beacon = window.strongestEddystone) {
-        return "beacon " + beacon->eid + " seen during ranging of region " + region;
-    }
-    return "beacon region " + region + " entered";
+    return "beacon " + window.strongestEddystone->eid + " seen during ranging of region " + region;
 }
 
 }  // namespace rovalis

@@ -17,27 +17,41 @@
 
 namespace rovalis {
 
-// Ranges the beacons of a beacon region for a short window after the device enters it.
+// Ranges the beacons of a beacon region for a short window after the device enters it, and
+// scans for Eddystone beacons in short windows at the SDK's wake-ups and sleeps.
 //
 // An entry into one of the container's regions opens a forced-ranging window: the region's
 // beacons are ranged on the ranger's own location manager and, when there is an Eddystone
 // scanner, Eddystone beacons are scanned for at the same time. An entry while the window is
-// open extends it and ranges that region's beacons too; there is never a second window. Every
-// beacon heard is kept in arrival order. When the window closes, ranging and scanning stop,
-// the sightings are recorded as one BeaconScan event (none when nothing was heard), and the
-// SDK is asked to wake up with a reason that names the beacon; a beacon reason wakes it at
-// once, without a location burst. Exits are only logged.
+// open extends it and ranges that region's beacons too; there is never a second window.
+// Without iBeacon regions nothing would ever open a scan, so with an Eddystone scanner each
+// wake-up and each sleep opens a window of Eddystone scanning alone (unless one is open).
+//
+// Every beacon heard is kept in arrival order, up to maxSightingsPerWindow; later ones are
+// only counted. When the window closes, ranging and scanning stop and, if anything was heard,
+// the sightings are recorded as one BeaconScan event, the window's course as Debug events
+// under "Beacon Ranging", and a window that a region entry opened asks the SDK to wake up
+// with a reason naming the strongest beacon. A window that heard nothing records nothing and
+// wakes nothing: at the edge of its range a beacon's region is entered again and again.
+// Exits are only logged.
+//
+// The SDK decides on the wake-up: a still phone that hears a beacon from where it sleeps
+// stays asleep (see RVLGeneralLocationManager::initiateWakeUpWithReason).
 //
 // Lives on the main run loop; owned through a shared_ptr (create), because the forwarder,
 // the scanner's handler and the timer hold it weakly.
 class BeaconRanger final : public BeaconRegionEventReceiving,
                            public BeaconRangingDelegate,
+                           public BeaconWindowControl,
                            public std::enable_shared_from_this<BeaconRanger> {
 public:
     // Ten seconds give about ten ranging rounds at the platform's one round a second and many
     // Eddystone advertisements, while staying within the few seconds of background running
     // time a region event earns the app, and keep the radio on only briefly.
     static constexpr double forcedRangingDuration = 10.0;  // seconds
+    // Sightings one window records. A crowd of beacons advertising ten times a second would
+    // otherwise make one event of thousands; what a few hundred do not show, more do not either.
+    static constexpr std::size_t maxSightingsPerWindow = 300;
 
     // Makes the forwarder the location manager's delegate and this ranger the forwarder's.
     // The Eddystone scanner is absent when Eddystone tracking is off.
@@ -61,6 +75,11 @@ public:
     void didExitBeaconRegion(const BeaconRegion& region) override;
     // BeaconRangingDelegate
     void didRangeBeacons(const std::vector<RangedBeacon>& beacons, const BeaconIdentityConstraint& constraint) override;
+    // BeaconWindowControl
+    void trackingStarted() override { trackingStopped_ = false; }
+    void didWakeUp() override;
+    void didFallAsleep() override;
+    void trackingWillStop() override;
 
     bool isWindowOpen() const { return window_.has_value(); }
     // When the open window closes; none when no window is open.
@@ -85,11 +104,14 @@ private:
     };
     struct Window {
         Date end;
-        std::vector<std::string> regionIdentifiers;  // in entry order
+        // In entry order; none for a window a moment opened, until a region is entered.
+        std::vector<std::string> regionIdentifiers;
         std::vector<RangedConstraint> ranged;
         bool scanning = false;
-        std::vector<BeaconSighting> sightings;  // in arrival order
-        std::size_t iBeaconCount = 0;
+        // Recorded as Debug events when the window closes, and only if it heard anything.
+        std::vector<std::string> course;
+        std::vector<BeaconSighting> sightings;  // in arrival order, at most maxSightingsPerWindow
+        std::size_t iBeaconCount = 0;           // every sighting, kept or not
         std::size_t eddystoneCount = 0;
         std::optional<StrongestIBeacon> strongestIBeacon;
         std::optional<StrongestEddystone> strongestEddystone;
@@ -103,15 +125,19 @@ private:
                  std::weak_ptr<RVLInitiateWakeUpType> wakeUpProvider,
                  std::weak_ptr<RVLLocationUpdateReceiver> locationUpdateReceiver, std::shared_ptr<RunLoop> runLoop);
 
+    enum class Closing { onTime, trackingStops };
+
     std::optional<BeaconRegion> ownRegion(const std::string& identifier) const;
-    void openWindow(const BeaconRegion& region);
-    void extendWindow(const BeaconRegion& region);
+    void scanAtMoment(const std::string& moment);
     void scheduleClose();
     void rangeBeaconsOf(const BeaconRegion& region);
     void startScanning();
+    void keep(BeaconSighting sighting);
     void didSeeEddystone(const EddystoneSighting& sighting);
-    void closeWindow();
+    void closeWindow(Closing closing);
+    void askToWakeUp(const Window& window);
     void stopRangingAndScanning();
+    std::string closingText(const Window& window, Closing closing) const;
     static std::string wakeUpReason(const Window& window);
 
     const std::shared_ptr<LocationManagerType> locationManager_;
@@ -125,6 +151,9 @@ private:
     const std::shared_ptr<RunLoop> runLoop_;
     std::shared_ptr<RunLoopTimer> closeTimer_;
     std::optional<Window> window_;
+    bool trackingStopped_ = false;
+    // Windows that heard nothing since the last one that recorded; told in its closing text.
+    std::size_t silentWindows_ = 0;
 };
 
 }  // namespace rovalis

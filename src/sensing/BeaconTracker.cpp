@@ -6,16 +6,22 @@
 namespace rovalis {
 
 std::shared_ptr<BeaconTracker> BeaconTracker::create(std::shared_ptr<BeaconRegionsContainer> regions,
-                                                     std::shared_ptr<LocationManagerType> sharedLocationManager) {
-    if (!regions || !sharedLocationManager) fatalError("BeaconTracker needs beacon regions and a location manager");
-    return std::shared_ptr<BeaconTracker>(new BeaconTracker(std::move(regions), std::move(sharedLocationManager)));
+                                                     std::shared_ptr<LocationManagerType> sharedLocationManager,
+                                                     std::shared_ptr<BeaconWindowControl> ranging) {
+    if (!regions || !sharedLocationManager || !ranging) {
+        fatalError("BeaconTracker needs beacon regions, a location manager and beacon ranging");
+    }
+    return std::shared_ptr<BeaconTracker>(
+        new BeaconTracker(std::move(regions), std::move(sharedLocationManager), std::move(ranging)));
 }
 
 BeaconTracker::BeaconTracker(std::shared_ptr<BeaconRegionsContainer> regions,
-                             std::shared_ptr<LocationManagerType> sharedLocationManager)
-    : regions_(std::move(regions)), locationManager_(std::move(sharedLocationManager)) {}
+                             std::shared_ptr<LocationManagerType> sharedLocationManager,
+                             std::shared_ptr<BeaconWindowControl> ranging)
+    : regions_(std::move(regions)), locationManager_(std::move(sharedLocationManager)), ranging_(std::move(ranging)) {}
 
 void BeaconTracker::start() {
+    ranging_->trackingStarted();
     // A location source without Bluetooth (Linux) can neither watch nor range beacons.
     if (!locationManager_->isRangingAvailable()) {
         Console::log("beacon regions are not monitored: this device cannot detect beacons");

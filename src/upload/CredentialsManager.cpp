@@ -18,11 +18,13 @@ CredentialsManager::CredentialsManager(std::shared_ptr<KeychainStore> keychain, 
       sequentialIdRaw_(keychain, std::make_shared<SequentialIdKeychainItem>(keychainService(host))) {}
 
 std::string CredentialsManager::storedOrCreated(KeychainWrapper& wrapper) {
+    std::lock_guard lock(idsMutex_);
     if (auto stored = wrapper.value()) return std::move(*stored);
     return created(wrapper);
 }
 
 std::string CredentialsManager::created(KeychainWrapper& wrapper) {
+    std::lock_guard lock(idsMutex_);
     std::string id = Uuid::random().uuidString();
     wrapper.setValue(id);
     return id;
@@ -37,31 +39,43 @@ std::string CredentialsManager::batchId() { return storedOrCreated(batchIdRaw_);
 std::string CredentialsManager::createBatchId() { return created(batchIdRaw_); }
 
 std::int64_t CredentialsManager::sequentialId() {
+    std::lock_guard lock(idsMutex_);
+    return storedSequentialId();
+}
+
+std::int64_t CredentialsManager::storedSequentialId() {
     if (const auto text = sequentialIdRaw_.value(); text && !text->empty()) {
         std::int64_t value = 0;
         const char* end = text->data() + text->size();
         const auto [stop, error] = std::from_chars(text->data(), end, value);
         if (error == std::errc() && stop == end) return value;
     }
-    setSequentialId(0);
+    storeSequentialId(0);
     return 0;
 }
 
 void CredentialsManager::setSequentialId(std::int64_t sequentialId) {
+    std::lock_guard lock(idsMutex_);
+    storeSequentialId(sequentialId);
+}
+
+void CredentialsManager::storeSequentialId(std::int64_t sequentialId) {
     sequentialIdRaw_.setValue(std::to_string(sequentialId));
 }
 
 void CredentialsManager::bumpSequentialId() {
-    const std::int64_t current = sequentialId();
+    std::lock_guard lock(idsMutex_);
+    const std::int64_t current = storedSequentialId();
     if (current == std::numeric_limits<std::int64_t>::max()) {
         fatalError("Could not bump the sequential id: " + std::to_string(current) + " + 1 overflows a 64-bit integer");
     }
-    setSequentialId(current + 1);
+    storeSequentialId(current + 1);
 }
 
-void renewBatchIdentityAfter(RVLBatchIdModifier& ids, const BatchIdentity& sent) {
-    if (ids.batchId() == sent.batchId) ids.createBatchId();
-    if (ids.sequentialId() == sent.sequentialId) ids.bumpSequentialId();
+void CredentialsManager::renewBatchIdentityAfter(const BatchIdentity& sent) {
+    std::lock_guard lock(idsMutex_);
+    if (batchId() == sent.batchId) createBatchId();
+    if (sequentialId() == sent.sequentialId) bumpSequentialId();
 }
 
 }  // namespace rovalis

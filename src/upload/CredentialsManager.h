@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -29,16 +30,6 @@ public:
     virtual std::string deviceId() = 0;
 };
 
-// The pair that stamps each batch, renewed after each accepted upload.
-class RVLBatchIdModifier {
-public:
-    virtual ~RVLBatchIdModifier() = default;
-    virtual std::string batchId() = 0;
-    virtual std::int64_t sequentialId() = 0;
-    virtual std::string createBatchId() = 0;
-    virtual void bumpSequentialId() = 0;
-};
-
 // The pair a batch went out under.
 struct BatchIdentity {
     std::string batchId;
@@ -47,16 +38,28 @@ struct BatchIdentity {
     friend bool operator==(const BatchIdentity&, const BatchIdentity&) = default;
 };
 
-// After the service accepted the batch sent under `sent`: a new batch id and the next
-// sequential id, each only while the stored one is still the batch's. So an acceptance
-// handled twice (a batch sent again after a restart, or by both sessions) renews once, and
-// a restart in the middle of renewing finishes it without skipping a number.
-void renewBatchIdentityAfter(RVLBatchIdModifier& ids, const BatchIdentity& sent);
+// The pair that stamps each batch, renewed after each accepted upload.
+class RVLBatchIdModifier {
+public:
+    virtual ~RVLBatchIdModifier() = default;
+    virtual std::string batchId() = 0;
+    virtual std::int64_t sequentialId() = 0;
+    virtual std::string createBatchId() = 0;
+    virtual void bumpSequentialId() = 0;
+    // After the service accepted the batch sent under `sent`: a new batch id and the next
+    // sequential id, each only while the stored one is still the batch's, as one step. So an
+    // acceptance handled twice (a batch sent again after a restart, or accepted through both
+    // sessions at once) renews once, and a restart in the middle of renewing finishes it
+    // without skipping a number.
+    virtual void renewBatchIdentityAfter(const BatchIdentity& sent) = 0;
+};
 
 // The five small values kept in the keychain: the access token, the user id, the device
-// id, the batch id and the sequential id of batches. No lock is taken: every member makes
-// its keychain calls on the caller's thread, and the keychain serialises them. A keychain
-// failure stops the program (see KeychainItemOperations).
+// id, the batch id and the sequential id of batches. Every member makes its keychain calls
+// on the caller's thread. The three ids are read, made and renewed under one lock: two
+// threads reading a device id that is not stored yet (the sessions' threads at a launch)
+// would otherwise both make one, and the second add would fail. A keychain failure stops
+// the program (see KeychainItemOperations).
 class CredentialsManager final : public RVLAccessTokenModifier, public RVLDeviceIdAccessible, public RVLBatchIdModifier {
 public:
     // The items' service comes from the host (see keychainService).
@@ -87,11 +90,16 @@ public:
     void setSequentialId(std::int64_t sequentialId);
     // Stores the sequential id plus one; stops the program if that leaves the 64-bit range.
     void bumpSequentialId() override;
+    void renewBatchIdentityAfter(const BatchIdentity& sent) override;
 
 private:
     // The stored id of the wrapper, or a new one stored there.
-    static std::string storedOrCreated(KeychainWrapper& wrapper);
-    static std::string created(KeychainWrapper& wrapper);
+    std::string storedOrCreated(KeychainWrapper& wrapper);
+    std::string created(KeychainWrapper& wrapper);
+    std::int64_t storedSequentialId();
+    void storeSequentialId(std::int64_t sequentialId);
+
+    std::recursive_mutex idsMutex_;
 
     KeychainWrapper accessTokenRaw_;
     KeychainWrapper userIdRaw_;

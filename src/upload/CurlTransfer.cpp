@@ -2,16 +2,22 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <system_error>
+#include <vector>
 
 #include "util/Fatal.h"
 
@@ -110,10 +116,19 @@ int seekBody(void* userdata, curl_off_t offset, int origin) {
 
 struct ResponseSink {
     const std::function<void(std::string_view)>* onData = nullptr;
+    std::size_t received = 0;
+    std::size_t limit = 0;
+    bool tooLong = false;
 };
 
 size_t writeResponse(char* data, size_t size, size_t count, void* userdata) {
-    const auto& sink = *static_cast<ResponseSink*>(userdata);
+    auto& sink = *static_cast<ResponseSink*>(userdata);
+    sink.received += size * count;
+    if (sink.received > sink.limit) {
+        // Fewer bytes than asked for end the transfer.
+        sink.tooLong = true;
+        return 0;
+    }
     (*sink.onData)(std::string_view(data, size * count));
     return size * count;
 }
@@ -124,6 +139,67 @@ struct Progress {
     curl_off_t downloaded = 0;
     std::chrono::steady_clock::time_point lastMovement = std::chrono::steady_clock::now();
 };
+
+// Judges the average rate over the last window from samples of the bytes moved so far,
+// taken a few dozen times a window: the oldest sample kept is the newest one at least a
+// window old, so memory stays small however often the transfer wakes.
+class ProgressFloor {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    ProgressFloor(double bytesPerSecond, double windowSeconds, Clock::time_point start)
+        : bytesPerSecond_(bytesPerSecond),
+          window_(std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(windowSeconds))),
+          step_(window_ / 32) {
+        samples_.push_back({start, 0});
+    }
+
+    // Whether fewer bytes than the floor moved over the last window, once there is one.
+    bool isBelow(Clock::time_point now, curl_off_t moved) {
+        if (bytesPerSecond_ <= 0 || window_ <= Clock::duration::zero()) return false;
+        if (now - samples_.back().at >= step_) samples_.push_back({now, moved});
+        while (samples_.size() > 1 && now - samples_[1].at >= window_) samples_.pop_front();
+        const auto span = now - samples_.front().at;
+        if (span < window_) return false;
+        const double seconds = std::chrono::duration<double>(span).count();
+        return static_cast<double>(moved - samples_.front().moved) < bytesPerSecond_ * seconds;
+    }
+
+private:
+    struct Sample {
+        Clock::time_point at;
+        curl_off_t moved;
+    };
+    const double bytesPerSecond_;
+    const Clock::duration window_;
+    const Clock::duration step_;
+    std::deque<Sample> samples_;
+};
+
+// The sockets of the connections a transfer handle has open (cached ones included), kept
+// by libcurl's open and close callbacks.
+curl_socket_t openSocket(void* clientp, curlsocktype, curl_sockaddr* address) {
+    const curl_socket_t socket = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (socket != CURL_SOCKET_BAD) static_cast<std::vector<int>*>(clientp)->push_back(socket);
+    return socket;
+}
+
+int closeSocket(void* clientp, curl_socket_t socket) {
+    std::erase(*static_cast<std::vector<int>*>(clientp), socket);
+    return ::close(socket);
+}
+
+// Bytes handed to the sockets that the peers have not acknowledged yet. libcurl counts a
+// body as sent once the kernel has taken it, and a send buffer may hold megabytes that a
+// slow link then takes a long time to carry. A cached connection has none.
+curl_off_t unacknowledgedBytes(const std::vector<int>& sockets) {
+    curl_off_t total = 0;
+    for (const int socket : sockets) {
+        int queued = 0;
+        if (::ioctl(socket, SIOCOUTQ, &queued) == 0) total += queued;
+    }
+    return total;
+}
 
 int onProgress(void* userdata, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
     auto& progress = *static_cast<Progress*>(userdata);
@@ -289,7 +365,7 @@ CurlTransfer::~CurlTransfer() {
 
 void CurlTransfer::wakeUp() { curl_multi_wakeup(multiOf(multi_)); }
 
-CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& body, double idleTimeoutSeconds,
+CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& body, const CurlTransferLimits& limits,
                                          const std::function<void(std::string_view)>& onData,
                                          const std::function<bool()>& stop) {
     RequestTarget target;
@@ -339,9 +415,9 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
     // Reset forgets the options but keeps the connection cache of the multi handle.
     curl_easy_reset(easy);
     char errorBuffer[CURL_ERROR_SIZE] = {0};
-    ResponseSink sink{&onData};
+    ResponseSink sink{&onData, 0, limits.maxResponseBytes, false};
     Progress progress;
-    const long timeoutMs = std::max(1L, static_cast<long>(idleTimeoutSeconds * 1000.0));
+    const long timeoutMs = std::max(1L, static_cast<long>(limits.idleTimeoutSeconds * 1000.0));
 
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -373,14 +449,19 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &onProgress);
     curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &progress);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &openSocket);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, &openSockets_);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &closeSocket);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, &openSockets_);
 
     CURLM* multi = multiOf(multi_);
     if (curl_multi_add_handle(multi, easy) != CURLM_OK) {
         return refused(urlError(URLError::unknown, "The transfer could not be started."));
     }
-    enum class Ending { finished, stopped, idle, failed } ending = Ending::failed;
+    enum class Ending { finished, stopped, timedOut, failed } ending = Ending::failed;
     CURLcode code = CURLE_OK;
     const auto idleLimit = std::chrono::milliseconds(timeoutMs);
+    ProgressFloor floor(limits.minimumBytesPerSecond, limits.lowSpeedWindowSeconds, progress.lastMovement);
     for (;;) {
         int running = 0;
         if (curl_multi_perform(multi, &running) != CURLM_OK) break;
@@ -401,10 +482,13 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
             break;
         }
         // Idle means no byte moved either way: a server that took the body and never
-        // answers is caught as well as one that never reads it.
-        const auto idleFor = std::chrono::steady_clock::now() - progress.lastMovement;
-        if (idleFor >= idleLimit) {
-            ending = Ending::idle;
+        // answers is caught as well as one that never reads it. The floor catches one that
+        // keeps the connection alive with a byte now and then.
+        const auto now = std::chrono::steady_clock::now();
+        const auto idleFor = now - progress.lastMovement;
+        const curl_off_t moved = progress.uploaded - unacknowledgedBytes(openSockets_) + progress.downloaded;
+        if (idleFor >= idleLimit || floor.isBelow(now, moved)) {
+            ending = Ending::timedOut;
             break;
         }
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(idleLimit - idleFor).count();
@@ -418,7 +502,7 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
     switch (ending) {
     case Ending::stopped:
         return CurlTransferResult{0, urlError(URLError::cancelled, "cancelled"), false};
-    case Ending::idle:
+    case Ending::timedOut:
         return CurlTransferResult{0, urlError(URLError::timedOut, "The request timed out."), true};
     case Ending::failed:
         return CurlTransferResult{0, urlError(URLError::unknown, "The transfer failed inside libcurl."), true};
@@ -426,6 +510,9 @@ CurlTransferResult CurlTransfer::perform(const UrlRequest& request, const Body& 
         break;
     }
     if (code == CURLE_OK) return CurlTransferResult{status, std::nullopt, false};
+    if (sink.tooLong) {
+        return CurlTransferResult{0, urlError(URLError::badServerResponse, "The server's answer is too long."), true};
+    }
     if (source.readFailed || code == CURLE_ABORTED_BY_CALLBACK) {
         return CurlTransferResult{0, urlError(URLError::cannotOpenFile, "The body file could not be read."), false};
     }

@@ -2,7 +2,7 @@
 
 // The thin libcurl layer under the URL sessions: one HTTP request at a time over an easy
 // handle that is kept (with its connections) between requests. Bounded by a connect and an
-// idle time-out, and interruptible from any thread.
+// idle time-out and by a floor on its average rate, and interruptible from any thread.
 
 #include <atomic>
 #include <filesystem>
@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "rovalis/Error.h"
 #include "upload/UrlSession.h"
@@ -32,6 +33,20 @@ std::optional<Error> checkRequest(const UrlRequest& request, RequestTarget* targ
 bool isLoopbackHost(std::string_view host);
 
 Error urlError(long code, std::string description);
+
+// What a transfer may take before it fails with a time-out.
+struct CurlTransferLimits {
+    // No byte moves in either direction for this long.
+    double idleTimeoutSeconds = 60.0;
+    // Fewer bytes than this a second, up and down together, on average over the last
+    // lowSpeedWindowSeconds (judged once the transfer is that old). Zero turns it off.
+    double minimumBytesPerSecond = 1024.0;
+    double lowSpeedWindowSeconds = 60.0;
+    // A response body longer than this ends the transfer with a bad-server-response error: a
+    // service answers an upload in a few hundred bytes, and a body that goes on for ever
+    // would hold the upload however fast it came.
+    std::size_t maxResponseBytes = 1u << 20;
+};
 
 struct CurlTransferResult {
     // The HTTP status of the response; 0 when none arrived.
@@ -57,12 +72,18 @@ public:
     };
 
     // Sends the request and waits for the whole response, handing the body's bytes to
-    // onData as they arrive. Fails with a time-out when no byte moves in either direction
-    // for idleTimeoutSeconds, and with a cancellation as soon as stop() is true (checked
-    // whenever the transfer wakes, which wakeUp() forces). Called from one thread at a time.
-    CurlTransferResult perform(const UrlRequest& request, const Body& body, double idleTimeoutSeconds,
+    // onData as they arrive. Fails with a time-out when it breaks the limits, and with a
+    // cancellation as soon as stop() is true (checked whenever the transfer wakes, which
+    // wakeUp() forces). Called from one thread at a time.
+    CurlTransferResult perform(const UrlRequest& request, const Body& body, const CurlTransferLimits& limits,
                                const std::function<void(std::string_view)>& onData,
                                const std::function<bool()>& stop);
+    // The same with the given idle time-out and the default floor.
+    CurlTransferResult perform(const UrlRequest& request, const Body& body, double idleTimeoutSeconds,
+                               const std::function<void(std::string_view)>& onData,
+                               const std::function<bool()>& stop) {
+        return perform(request, body, CurlTransferLimits{.idleTimeoutSeconds = idleTimeoutSeconds}, onData, stop);
+    }
 
     // Makes a running perform() look at stop() at once. Safe from any thread.
     void wakeUp();
@@ -71,6 +92,8 @@ private:
     // The libcurl multi and easy handles (kept opaque here).
     void* multi_;
     void* easy_;
+    // The sockets of the connections open on them, for what their send queues still hold.
+    std::vector<int> openSockets_;
 };
 
 }  // namespace rovalis

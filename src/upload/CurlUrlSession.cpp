@@ -146,23 +146,16 @@ public:
             task->phase_ = Phase::queued;
             // On disk before the first byte goes out, so a process that dies mid-transfer
             // leaves the task for the next one.
-            if (journal_) writeJournalLocked();
+            writeJournalLocked();
         }
         post([task](SessionCore& core) { core.run(task); });
     }
 
     void cancel(const std::shared_ptr<CurlUrlSessionTask>& task) {
         std::lock_guard lock(mutex_);
-        if (task->phase_ == Phase::completed || task->phase_ == Phase::ending) return;
-        task->cancelRequested_ = true;
-        if (task->phase_ == Phase::running) {
-            // The transfer notices and completes the task itself.
-            transfer_.wakeUp();
-            return;
-        }
-        if (task->retryTimer_) task->retryTimer_->invalidate();
-        task->phase_ = Phase::ending;
-        postLocked([task](SessionCore& core) { core.complete(task, urlError(URLError::cancelled, "cancelled")); });
+        // Off the disk at once: a process that dies before the cancellation is delivered
+        // must not send the upload again.
+        if (cancelLocked(task)) writeJournalLocked();
     }
 
     std::vector<std::shared_ptr<UrlSessionTask>> allTasks() {
@@ -172,44 +165,35 @@ public:
         return result;
     }
 
-    void invalidateAndCancel() {
-        std::vector<std::shared_ptr<CurlUrlSessionTask>> tasks;
-        {
-            std::lock_guard lock(mutex_);
-            if (invalidated_) return;
-            invalidated_ = true;
-            for (const auto& [identifier, task] : tasks_) tasks.push_back(task);
-        }
-        for (const auto& task : tasks) cancel(task);
-        // Queued after the cancellations, so the delegate hears of them first.
-        post([](SessionCore& core) {
+    // Cancels every task and forgets the journal at once, then, after the cancellations,
+    // tells the delegate that the session is invalid. The handle stays alive until then, so
+    // the caller may let go of it as soon as this returns.
+    void invalidateAndCancel(std::shared_ptr<UrlSession> handle) {
+        std::lock_guard lock(mutex_);
+        if (invalidated_) return;
+        invalidated_ = true;
+        // A session that handed its tasks over has nothing left to end or to tell.
+        if (stopping_) return;
+        for (const auto& [identifier, task] : tasks_) cancelLocked(task);
+        // The whole file goes, a task whose outcome is being delivered right now included:
+        // from here on a newer session of this identifier may be writing it.
+        if (journal_) journal_->store({});
+        postLocked([handle = std::move(handle)](SessionCore& core) {
             core.withDelegate([&](UrlSessionDelegate& delegate, UrlSession& session) {
                 delegate.didBecomeInvalidWithError(session, std::nullopt);
             });
         });
     }
 
-    // Stops for good without completing anything or touching the journal again: what is
-    // journaled stays for the next session with this identifier. The delegate is not
-    // called any more; a transfer under way ends promptly.
-    void detach() {
-        std::vector<std::shared_ptr<RunLoopTimer>> timers;
-        {
-            std::lock_guard lock(mutex_);
-            if (stopping_) return;
-            stopping_ = true;
-            for (const auto& [identifier, task] : tasks_) {
-                if (task->retryTimer_) timers.push_back(task->retryTimer_);
-            }
-        }
-        for (const auto& timer : timers) timer->invalidate();
-        if (watch_) watch_->setCallback({}, nullptr);
-        transfer_.wakeUp();
-    }
+    // Leaves what is journaled to a newer session of this identifier: stops for good
+    // without completing anything or touching the journal again; the delegate is not called
+    // any more, and a transfer under way ends promptly. An invalidated session has given the
+    // journal up already and goes on telling its delegate of the cancellations.
+    void detach() { stopWorking(StopReason::handedOver); }
 
-    // Detaches, then joins the delegate thread (unless called on it).
+    // Stops, then joins the delegate thread (unless called on it).
     void shutdown() {
-        detach();
+        stopWorking(StopReason::destroyed);
         std::unique_ptr<SerialExecutor> executor;
         {
             std::lock_guard lock(mutex_);
@@ -223,6 +207,38 @@ public:
     }
 
 private:
+    enum class StopReason { handedOver, destroyed };
+
+    void stopWorking(StopReason reason) {
+        std::vector<std::shared_ptr<RunLoopTimer>> timers;
+        {
+            std::lock_guard lock(mutex_);
+            if (stopping_ || (reason == StopReason::handedOver && invalidated_)) return;
+            stopping_ = true;
+            for (const auto& [identifier, task] : tasks_) {
+                if (task->retryTimer_) timers.push_back(task->retryTimer_);
+            }
+        }
+        for (const auto& timer : timers) timer->invalidate();
+        if (watch_) watch_->setCallback({}, nullptr);
+        transfer_.wakeUp();
+    }
+
+    // Whether the task was still to be cancelled. A running task is completed by its
+    // transfer, which the wake-up makes notice at once; any other is completed in turn.
+    bool cancelLocked(const std::shared_ptr<CurlUrlSessionTask>& task) {
+        if (task->phase_ == Phase::completed || task->phase_ == Phase::ending || task->cancelRequested_) return false;
+        task->cancelRequested_ = true;
+        if (task->phase_ == Phase::running) {
+            transfer_.wakeUp();
+            return true;
+        }
+        if (task->retryTimer_) task->retryTimer_->invalidate();
+        task->phase_ = Phase::ending;
+        postLocked([task](SessionCore& core) { core.complete(task, urlError(URLError::cancelled, "cancelled")); });
+        return true;
+    }
+
     void post(std::function<void(SessionCore&)> work) {
         std::lock_guard lock(mutex_);
         postLocked(std::move(work));
@@ -298,8 +314,10 @@ private:
                 });
             };
             const auto stop = [&] { return stopping_.load() || task->cancelRequested_.load(); };
-            result = transfer_.perform(task->sending_, CurlTransfer::Body{task->data_, task->file_},
-                                       configuration_.timeoutIntervalForRequest, onData, stop);
+            const CurlTransferLimits limits{configuration_.timeoutIntervalForRequest,
+                                        configuration_.minimumBytesPerSecond, configuration_.lowSpeedWindow};
+            result = transfer_.perform(task->sending_, CurlTransfer::Body{task->data_, task->file_}, limits, onData,
+                                       stop);
             if (!result.error) {
                 task->status_ = result.statusCode;
                 if (!buffered.empty()) {
@@ -310,21 +328,15 @@ private:
             }
         }
         if (stopping_) return;  // the task stays journaled for the next session
-        if (task->cancelRequested_) {
-            complete(task, urlError(URLError::cancelled, "cancelled"));
-            return;
-        }
-        if (result.error && result.transient && configuration_.isBackground()) {
-            scheduleRetry(task);
-            return;
-        }
-        complete(task, result.error);
+        if (result.error && result.transient && configuration_.isBackground() && scheduleRetry(task)) return;
+        complete(task, task->cancelRequested_ ? urlError(URLError::cancelled, "cancelled") : result.error);
     }
 
-    // Delegate thread.
-    void scheduleRetry(const std::shared_ptr<CurlUrlSessionTask>& task) {
+    // Delegate thread. Whether the task now waits for its retry; a task asked to cancel
+    // (perhaps while its transfer was ending) does not.
+    bool scheduleRetry(const std::shared_ptr<CurlUrlSessionTask>& task) {
         std::lock_guard lock(mutex_);
-        if (task->phase_ != Phase::running) return;
+        if (task->phase_ != Phase::running || task->cancelRequested_) return false;
         task->phase_ = Phase::waiting;
         const double backoff = options_.backgroundRetryDelay * std::pow(2.0, std::min(task->failures_, 30));
         ++task->failures_;
@@ -335,6 +347,7 @@ private:
         task->retryTimer_ = runLoop_->scheduleTimer(delay, false, [weak, task] {
             if (auto core = weak.lock()) core->retryNow(task);
         });
+        return true;
     }
 
     void retryNow(const std::shared_ptr<CurlUrlSessionTask>& task) {
@@ -397,14 +410,18 @@ private:
     }
 
     void writeJournalLocked() {
+        // Once handed over or invalidated, the journal is no longer this session's.
+        if (!journal_ || stopping_ || invalidated_) return;
         std::vector<JournaledTask> entries;
         const auto add = [&](const CurlUrlSessionTask& task) {
+            // A cancelled upload is never sent again.
+            if (!task.file_ || task.cancelRequested_) return;
             entries.push_back(JournaledTask{task.identifier_, BackgroundTaskJournal::withoutCredentials(task.original_),
                                             *task.file_, task.created_});
         };
         for (const auto& [identifier, task] : delivering_) add(*task);
         for (const auto& [identifier, task] : tasks_) {
-            if (task->phase_ != Phase::suspended && task->file_) add(*task);
+            if (task->phase_ != Phase::suspended) add(*task);
         }
         // A journal that cannot be written costs only the task's survival of this process.
         journal_->store(entries);
@@ -440,7 +457,7 @@ void CurlUrlSessionTask::cancel() {
     if (auto core = core_.lock()) core->cancel(shared_from_this());
 }
 
-class CurlUrlSession final : public UrlSession {
+class CurlUrlSession final : public UrlSession, public std::enable_shared_from_this<CurlUrlSession> {
 public:
     CurlUrlSession(const UrlSessionConfiguration& configuration, std::weak_ptr<UrlSessionDelegate> delegate,
                    std::optional<BackgroundTaskJournal> journal, std::shared_ptr<NetworkMonitor> network,
@@ -474,7 +491,7 @@ public:
 
     std::vector<std::shared_ptr<UrlSessionTask>> allTasks() override { return core_->allTasks(); }
 
-    void invalidateAndCancel() override { core_->invalidateAndCancel(); }
+    void invalidateAndCancel() override { core_->invalidateAndCancel(shared_from_this()); }
 
     // Leaves this session's background tasks to a newer session of the same identifier.
     void detach() { core_->detach(); }

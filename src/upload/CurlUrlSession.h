@@ -3,7 +3,8 @@
 // URL sessions over libcurl. Each session has its own delegate thread, on which its tasks
 // run one at a time and its delegate is called. A background session journals its pending
 // tasks on disk before they start, retries transport failures until the task completes,
-// and when made again by a later process resumes the tasks an earlier one left.
+// and when made again by a later process resumes the tasks an earlier one left. A task
+// that is cancelled, or whose session is invalidated, leaves the journal at once.
 
 #include <filesystem>
 #include <map>
@@ -39,7 +40,9 @@ public:
                           std::shared_ptr<WorkTracker> workTracker = nullptr, CurlUrlSessionOptions options = {});
 
     // A background session made while an older one of the same identifier is still held
-    // takes over its pending tasks; the older one stops and tells its delegate nothing more.
+    // takes over its pending tasks; the older one stops and tells its delegate nothing more
+    // (unless it was invalidated: then it has no tasks left to give, and finishes telling
+    // its delegate of their cancellation).
     std::shared_ptr<UrlSession> makeSession(const UrlSessionConfiguration& configuration,
                                             std::weak_ptr<UrlSessionDelegate> delegate) override;
 

@@ -278,9 +278,12 @@ std::shared_ptr<UrlSession> RVLAPIClient::sessionFor(bool background) {
         configuration.sessionSendsLaunchEvents = true;
     } else {
         configuration = UrlSessionConfiguration::defaultSessionConfiguration();
-        if (options_.foregroundTimeoutIntervalForRequest) {
-            configuration.timeoutIntervalForRequest = *options_.foregroundTimeoutIntervalForRequest;
-        }
+    }
+    configuration.timeoutIntervalForRequest = options_.transferLimits.idleTimeout;
+    configuration.minimumBytesPerSecond = options_.transferLimits.minimumBytesPerSecond;
+    configuration.lowSpeedWindow = options_.transferLimits.lowSpeedWindow;
+    if (!background && options_.foregroundTimeoutIntervalForRequest) {
+        configuration.timeoutIntervalForRequest = *options_.foregroundTimeoutIntervalForRequest;
     }
     configuration.allowsCellularAccess = allowsCellular;
     // The old session is not invalidated: an upload still running in it finishes.
@@ -315,7 +318,6 @@ void RVLAPIClient::startForegroundUpload(
     attachBatchIdentity(request, batch);
     {
         std::lock_guard lock(mutex_);
-        responseData_.clear();
         sendEventsSuccessBlock_ = std::move(success);
         sendEventsFailureBlock_ = std::move(failure);
     }
@@ -336,10 +338,6 @@ void RVLAPIClient::sendEventsFileInBackground(const std::filesystem::path& file,
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
     attachBatchIdentity(request, batch);
-    {
-        std::lock_guard lock(mutex_);
-        responseData_.clear();
-    }
     const auto session = backgroundURLSession();
     auto task = session->uploadTaskWithRequestFromFile(request, file);
     {
@@ -381,15 +379,23 @@ void RVLAPIClient::invalidateAndCancelSession(bool background, InvalidationBlock
     {
         std::lock_guard sessionsLock(sessionsMutex_);
         session = std::move(background ? internalBackgroundSession_ : internalForegroundSession_);
-        if (!session) return;
-        std::lock_guard lock(mutex_);
-        (background ? backgroundSessionInvalidationBlock_ : foregroundSessionInvalidationBlock_) = std::move(block);
+        if (session) {
+            std::lock_guard lock(mutex_);
+            (background ? backgroundSessionInvalidationBlock_ : foregroundSessionInvalidationBlock_) =
+                std::move(block);
+        }
     }
-    // The session tells its delegate when it has become invalid, perhaps right here.
+    if (!session) {
+        // Nothing to invalidate: a caller waiting for the block is not kept waiting.
+        if (block) block();
+        return;
+    }
+    // The session tells its delegate, on its own thread, once every task has been cancelled;
+    // it stays alive until then though this reference goes.
     session->invalidateAndCancel();
 }
 
-void RVLAPIClient::updateBatchIdContents(const BatchIdentity& sent) { renewBatchIdentityAfter(*batchIdManager_, sent); }
+void RVLAPIClient::updateBatchIdContents(const BatchIdentity& sent) { batchIdManager_->renewBatchIdentityAfter(sent); }
 
 void RVLAPIClient::setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate) {
     std::lock_guard lock(mutex_);
@@ -419,12 +425,11 @@ void RVLAPIClient::updateTransmitDataDelegateWithTrackedFrom(Date trackedFrom, D
     });
 }
 
-void RVLAPIClient::didReceiveData(UrlSession& /*session*/, UrlSessionTask& /*task*/, std::string_view data) {
-    std::lock_guard lock(mutex_);
+void RVLAPIClient::didReceiveData(UrlSession& /*session*/, UrlSessionTask& task, std::string_view data) {
+    std::string& body = task.delegateResponseBody();
     // A body beyond the limit is dropped: neither a message nor an error text needs more.
-    const std::size_t room =
-        responseData_.size() < options_.maxResponseBytes ? options_.maxResponseBytes - responseData_.size() : 0;
-    responseData_.append(data.substr(0, std::min(room, data.size())));
+    const std::size_t room = body.size() < options_.maxResponseBytes ? options_.maxResponseBytes - body.size() : 0;
+    body.append(data.substr(0, std::min(room, data.size())));
 }
 
 std::optional<nlohmann::json> RVLAPIClient::processResponseDataFrom(std::string_view responseData,
@@ -449,11 +454,8 @@ std::optional<nlohmann::json> RVLAPIClient::processResponseDataFrom(std::string_
 }
 
 void RVLAPIClient::didCompleteWithError(UrlSession& session, UrlSessionTask& task, const std::optional<Error>& error) {
-    std::string body;
-    {
-        std::lock_guard lock(mutex_);
-        body = responseData_;
-    }
+    // Taken from the task, which may be kept for a while yet.
+    const std::string body = std::exchange(task.delegateResponseBody(), {});
     const bool background = isBackgroundSession(session);
     const char* label = background ? "BG" : "FG";
 

@@ -17,6 +17,7 @@
 #include "core/UserDefaultsManager.h"
 #include "events/EventStoreInterfaces.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Rovalis.h"
 #include "rovalis/RovalisDelegate.h"
 #include "upload/CredentialsManager.h"
 #include "upload/RVLCommons.h"
@@ -70,9 +71,11 @@ std::string makeUserAgent(const UserAgentValues& values);
 std::string errorDebugDescription(const Error& error);
 
 struct RVLAPIClientOptions {
-    // The foreground session's request time-out; none keeps the session's default (60 s).
+    // When both sessions give a slow upload up.
+    TransferLimits transferLimits;
+    // The foreground session's idle time-out, in place of the limits' one.
     std::optional<double> foregroundTimeoutIntervalForRequest;
-    // The most of a response body that is kept (the rest is dropped as it arrives).
+    // The most of each response body that is kept (the rest is dropped as it arrives).
     std::size_t maxResponseBytes = 64 * 1024;
 };
 
@@ -130,7 +133,7 @@ public:
     void callCompletionHandlerForSession(UrlSession& session);
     void invalidateAndCancelBackgroundSession(InvalidationBlock block);
     void invalidateAndCancelForegroundSession(InvalidationBlock block);
-    // After the batch sent under `sent` was accepted: see renewBatchIdentityAfter.
+    // After the batch sent under `sent` was accepted: see RVLBatchIdModifier.
     void updateBatchIdContents(const BatchIdentity& sent);
 
     void setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate);
@@ -191,7 +194,6 @@ private:
     // Never held while a callback, a session or a collaborator is called.
     std::mutex mutex_;
     std::shared_ptr<UrlSessionTask> uploadTask_;
-    std::string responseData_;
     SuccessBlock sendEventsSuccessBlock_;
     FailureBlock sendEventsFailureBlock_;
     CompletionHandler completionHandler_;

@@ -41,7 +41,8 @@ RVLOperationsController::RVLOperationsController(
 template <typename T>
 bool RVLOperationsController::isQueued() const {
     for (const auto& operation : eventsOperationQueue_.operations()) {
-        if (typeid(*operation) == typeid(T)) return true;
+        const auto& queued = *operation;
+        if (typeid(queued) == typeid(T)) return true;
     }
     return false;
 }
@@ -103,7 +104,8 @@ void RVLOperationsController::cancelAllOperations() { eventsOperationQueue_.canc
 
 void RVLOperationsController::cancelAnyPendingSlowDownOperations() {
     for (const auto& operation : eventsOperationQueue_.operations()) {
-        if (typeid(*operation) == typeid(RVLSlowDownOperation)) operation->cancel();
+        const auto& queued = *operation;
+        if (typeid(queued) == typeid(RVLSlowDownOperation)) operation->cancel();
     }
 }
 

@@ -1,18 +1,8 @@
 #include "upload/StateOperations.h"
 
-#include <algorithm>
-#include <cctype>
-
 namespace rovalis {
 
 namespace {
-
-bool containsBeacon(const std::string& reason) {
-    std::string lower = reason;
-    std::transform(lower.begin(), lower.end(), lower.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return lower.find("beacon") != std::string::npos;
-}
 
 // Runs work on the main queue: in place when already there.
 void onMainQueue(Executor& mainQueue, std::function<void()> work) {
@@ -67,13 +57,9 @@ RVLSpeedUpOperation::RVLSpeedUpOperation(std::weak_ptr<RVLWakeupable> wakeupProv
                              std::move(pauseManagerFactory)),
       wakeupProvider_(std::move(wakeupProvider)) {}
 
+// Every reason, a beacon's too, is put to the burst: a beacon at the edge of its range is heard
+// now and then by a phone that never moves, and waking it for that kept it awake.
 void RVLSpeedUpOperation::executeOnMainQueue() {
-    if (containsBeacon(reason())) {
-        // A beacon is proof enough of movement: no burst.
-        if (auto provider = wakeupProvider_.lock()) provider->wakeUpWithReason(reason(), false);
-        finish();
-        return;
-    }
     auto self = std::static_pointer_cast<RVLSpeedUpOperation>(shared_from_this());
     startBurst().wakeupWithReason(reason(), lastKnownLocation(), [self](bool moved) {
         if (moved) {

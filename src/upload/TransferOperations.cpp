@@ -53,7 +53,7 @@ std::optional<PendingBatchOutline> resumablePendingBatchOutline(RVLPendingBatchS
     Console::log("The pending batch " + outline->batchId +
                  " lost some of its events in the store; the rest go out in a new batch");
     batches.abandonPendingBatch(outline->batchId);
-    renewBatchIdentityAfter(batchIds, BatchIdentity{outline->batchId, outline->sequentialId});
+    batchIds.renewBatchIdentityAfter(BatchIdentity{outline->batchId, outline->sequentialId});
     return std::nullopt;
 }
 
@@ -256,7 +256,7 @@ std::optional<Error> RVLSendOperation::concludeAttempt(const std::optional<Error
             Console::log("The service holds other content under batch " + identity.batchId +
                          "; its events go out again under a new batch id");
             batches->abandonPendingBatch(identity.batchId);
-            renewBatchIdentityAfter(*batchIds, identity);
+            batchIds->renewBatchIdentityAfter(identity);
         }
         return error;
     }

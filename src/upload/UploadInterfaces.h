@@ -31,7 +31,7 @@ public:
     // True exactly when an access token is stored.
     virtual bool canSendEvents() = 0;
     // Uploads the gzip-compressed pending batch sent under `batch` in the foreground. On
-    // acceptance the stored batch identity is renewed (renewBatchIdentityAfter) before the
+    // acceptance the stored batch identity is renewed (RVLBatchIdModifier) before the
     // success callback runs; exactly one of the callbacks runs, on the session's delegate
     // thread.
     virtual void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,

@@ -65,6 +65,12 @@ struct UrlSessionConfiguration {
     bool sessionSendsLaunchEvents = false;
     // A request that makes no progress for this long fails with a time-out.
     double timeoutIntervalForRequest = 60.0;
+    // A request whose bytes, up and down together, average fewer than minimumBytesPerSecond
+    // over the last lowSpeedWindow seconds fails with a time-out too: a server that trickles
+    // a byte now and then never trips the idle time-out, yet must not hold an upload (and
+    // the queue waiting on it) for long. A minimum of zero turns the floor off.
+    double minimumBytesPerSecond = 1024.0;
+    double lowSpeedWindow = 60.0;
     // A background task that has not completed within this long fails with a time-out.
     double timeoutIntervalForResource = 7 * 24 * 3600.0;
 
@@ -87,6 +93,14 @@ public:
     virtual void resume() = 0;
     // Ends the task with a cancelled error (a task that has completed is left alone).
     virtual void cancel() = 0;
+
+    // Where the delegate gathers the task's response body as it arrives. It belongs to the
+    // task, so the bodies of two tasks never mix and every task starts with none; the
+    // session never touches it. Used on the session's delegate thread only.
+    std::string& delegateResponseBody() { return delegateResponseBody_; }
+
+private:
+    std::string delegateResponseBody_;
 };
 
 class UrlSession;
@@ -119,7 +133,8 @@ public:
     // Tasks that have not completed yet.
     virtual std::vector<std::shared_ptr<UrlSessionTask>> allTasks() = 0;
     // Cancels every task, then tells the delegate that the session became invalid. The
-    // session makes no task afterwards.
+    // session makes no task afterwards, and lives on until it has told its delegate, so the
+    // caller may let go of it right after this call.
     virtual void invalidateAndCancel() = 0;
 };
 

@@ -10,10 +10,4 @@ Date SystemDateSource::now() const {
     return Date{duration<double>(sinceEpoch).count()};
 }
 
-void SettableDateSource::advance(double seconds) {
-    double current = seconds_.load();
-    while (!seconds_.compare_exchange_weak(current, current + seconds)) {
-    }
-}
-
 }  // namespace rovalis

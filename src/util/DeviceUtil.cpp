@@ -1,7 +1,9 @@
 #include "util/DeviceUtil.h"
 
+#include <dlfcn.h>
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
@@ -14,6 +16,7 @@ namespace {
 
 std::mutex resourceMutex;
 std::filesystem::path resourceOverride;
+std::filesystem::path resourceFallback;
 
 std::optional<nlohmann::json> readList(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);
@@ -45,23 +48,55 @@ void RVL_DeviceUtil::setResourceDirectory(std::filesystem::path directory) {
     resourceOverride = std::move(directory);
 }
 
-std::filesystem::path RVL_DeviceUtil::resourceDirectory() {
+void RVL_DeviceUtil::setFallbackResourceDirectory(std::filesystem::path directory) {
+    std::lock_guard lock(resourceMutex);
+    resourceFallback = std::move(directory);
+}
+
+std::vector<std::filesystem::path> RVL_DeviceUtil::resourceDirectories() {
+    std::filesystem::path fallback;
     {
         std::lock_guard lock(resourceMutex);
-        if (!resourceOverride.empty()) return resourceOverride;
+        if (!resourceOverride.empty()) return {resourceOverride};
+        fallback = resourceFallback;
     }
+    std::vector<std::filesystem::path> directories;
+    const auto add = [&directories](const std::filesystem::path& directory) {
+        if (directory.empty()) return;
+        if (std::find(directories.begin(), directories.end(), directory) == directories.end()) {
+            directories.push_back(directory);
+        }
+    };
     if (const char* fromEnvironment = std::getenv("ROVALIS_RESOURCE_DIR"); fromEnvironment && *fromEnvironment) {
-        return fromEnvironment;
+        add(fromEnvironment);
     }
-    return ROVALIS_SOURCE_DATA_DIR;
+    std::error_code noProgram;
+    const auto program = std::filesystem::read_symlink("/proc/self/exe", noProgram);
+    // The file this function is in, when it is a shared library. For a static library dladdr
+    // names the program instead, possibly as it was started (argv[0]); the program's own place
+    // comes next in any case.
+    Dl_info self{};
+    if (::dladdr(reinterpret_cast<const void*>(&RVL_DeviceUtil::resourceDirectories), &self) != 0 &&
+        self.dli_fname != nullptr && self.dli_fname[0] == '/') {
+        const std::filesystem::path library = self.dli_fname;
+        std::error_code ignored;
+        if (noProgram || !std::filesystem::equivalent(library, program, ignored)) {
+            add((library.parent_path() / ROVALIS_DATA_FROM_LIBDIR).lexically_normal());
+        }
+    }
+    if (!noProgram) add((program.parent_path() / ROVALIS_DATA_FROM_BINDIR).lexically_normal());
+    add(fallback);
+    return directories;
 }
 
 std::optional<nlohmann::json> RVL_DeviceUtil::getDeviceList() {
-    const std::filesystem::path directory = resourceDirectory();
-    const std::filesystem::path ownBundle = directory / "DeviceUtil";
-    // The list's own folder when it is there; otherwise the resource directory itself.
-    if (std::filesystem::is_directory(ownBundle)) return readList(ownBundle / "DeviceList.json");
-    return readList(directory / "DeviceList.json");
+    for (const auto& directory : resourceDirectories()) {
+        // The list's own folder when it is there; otherwise the directory itself.
+        const std::filesystem::path ownBundle = directory / "DeviceUtil";
+        if (std::filesystem::is_directory(ownBundle)) return readList(ownBundle / "DeviceList.json");
+        if (std::filesystem::exists(directory / "DeviceList.json")) return readList(directory / "DeviceList.json");
+    }
+    return std::nullopt;
 }
 
 std::optional<nlohmann::json> RVL_DeviceUtil::entryForThisDevice() {

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -38,11 +39,16 @@ public:
     // Writes the two console lines about an unlisted device.
     static void logMessage(const std::string& hardwareString);
 
-    // The directory the list is looked up in: "<dir>/DeviceUtil/DeviceList.json" first,
-    // then "<dir>/DeviceList.json". Defaults to $ROVALIS_RESOURCE_DIR, else the data
-    // directory the library was built with. An empty path restores the default.
+    // The directories the list is looked up in, in order; the first that holds it (as
+    // "<dir>/DeviceUtil/DeviceList.json" or "<dir>/DeviceList.json") is read. A directory set
+    // with setResourceDirectory is the only one (an empty path removes it). Otherwise:
+    // $ROVALIS_RESOURCE_DIR; the installed data directory next to the library and next to the
+    // program (<libdir>/../share/rovalis and <bindir>/../share/rovalis, which for a static
+    // library are the same); and last the fallback a program of the build tree names (the
+    // test programs name the source tree's data/).
     static void setResourceDirectory(std::filesystem::path directory);
-    static std::filesystem::path resourceDirectory();
+    static void setFallbackResourceDirectory(std::filesystem::path directory);
+    static std::vector<std::filesystem::path> resourceDirectories();
 
     // What hardwareSimpleDescription does to a description, on its own.
     static std::string simpleDescription(const std::string& description);

@@ -126,4 +126,9 @@ std::optional<double> VirtualRunLoop::nextPendingDelay() const {
 
 bool VirtualRunLoop::hasPendingTasks() const { return queue_->hasDueWork(); }
 
+std::shared_ptr<WorkTracker> workTrackerOf(const std::shared_ptr<RunLoop>& mainRunLoop) {
+    const auto* virtualLoop = dynamic_cast<const VirtualRunLoop*>(mainRunLoop.get());
+    return virtualLoop ? virtualLoop->workTracker() : nullptr;
+}
+
 }  // namespace rovalis

@@ -6,8 +6,8 @@
 #include <optional>
 #include <thread>
 
-#include "rovalis/DateSource.h"
 #include "rovalis/RunLoop.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis {
 
@@ -60,6 +60,7 @@ public:
     bool hasPendingTasks() const;
 
     const std::shared_ptr<SettableDateSource>& clock() const { return clock_; }
+    const std::shared_ptr<WorkTracker>& workTracker() const { return tracker_; }
 
 private:
     // Makes the calling thread the loop's runner while `body` runs.
@@ -76,5 +77,9 @@ private:
     std::mutex driving_;
     std::uint64_t idleListener_ = 0;
 };
+
+// The tracker a virtual main run loop waits for, which the SDK's executors, stores and
+// transfers report their work to; none for any other loop, where nothing needs counting.
+std::shared_ptr<WorkTracker> workTrackerOf(const std::shared_ptr<RunLoop>& mainRunLoop);
 
 }  // namespace rovalis

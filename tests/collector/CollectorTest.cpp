@@ -220,28 +220,60 @@ TEST_F(CollectorTest, RepeatedBatchIdIsSuccessForTheSameContentAndAConflictForOt
     EXPECT_EQ(json::parse(figures->body).at("conflicts"), 3);
 }
 
-TEST_F(CollectorTest, RestartOnTheSameFileKeepsBatchesAndAFileWithoutContentDigestsStillTellsRepeatsApart) {
+TEST_F(CollectorTest, RestartKeepsBatchesAndFiguresAndAFileOfTheOldLayoutIsConverted) {
     CollectorOptions options;
     options.databasePath = dir_ / "collector.sqlite";
-    startServer(options);
-    ASSERT_EQ(upload("kept", 1).status, 200);
-    server_.reset();
+    const EventEncoder encoder;
     {
-        // The file as a collector from before the content digests wrote it.
-        sqlite::Database db(options.databasePath.string(), false);
-        db.exec("ALTER TABLE batches DROP COLUMN content_digest;");
+        // The file as earlier collectors wrote it: a row per event, no content digests.
+        sqlite::Database db(options.databasePath.string(), true);
+        db.exec("CREATE TABLE batches (row INTEGER PRIMARY KEY AUTOINCREMENT, batch_id TEXT NOT NULL UNIQUE,"
+                " sequential_id INTEGER NOT NULL, device_id TEXT NOT NULL, event_count INTEGER NOT NULL,"
+                " step TEXT NOT NULL, received_at_ms INTEGER NOT NULL, user_agent TEXT NOT NULL);"
+                "CREATE TABLE events (row INTEGER PRIMARY KEY AUTOINCREMENT, batch_row INTEGER NOT NULL,"
+                " position INTEGER NOT NULL, type TEXT NOT NULL, tracked_at_ms INTEGER NOT NULL, payload TEXT NOT NULL);"
+                "INSERT INTO batches VALUES (1, 'kept', 1, 'd', 2, 'first', 0, 'agent');");
+        for (std::size_t i = 0; i < someEvents.size(); ++i) {
+            sqlite::Statement insert(db, "INSERT INTO events (batch_row, position, type, tracked_at_ms, payload)"
+                                         " VALUES (1, ?, ?, 0, ?)");
+            insert.bind(1, static_cast<std::int64_t>(i));
+            insert.bindText(2, typeOf(someEvents[i]));
+            const std::string payload = encoder.encode(someEvents[i]);
+            insert.bindText(3, payload);
+            insert.run();
+        }
     }
     startServer(options);
-    EXPECT_EQ(server_->events().size(), 2u);
+    const auto converted = server_->events();
+    ASSERT_EQ(converted.size(), 2u);
+    EXPECT_EQ(converted[1].payload, encoder.encode(someEvents[1]));
+    EXPECT_EQ(converted[1].trackedAtMs, 1700000001000);
     EXPECT_EQ(upload("kept", 1).status, 200);
     EXPECT_EQ(upload("kept", 2).status, 409);
     EXPECT_EQ(upload("later", 3).status, 200);
+    EXPECT_EQ(upload("elsewhere", 1, "e").status, 200);
+    const Stats before = server_->stats();
+
     startServer(options);
     EXPECT_EQ(upload("later", 3).status, 200);
     EXPECT_EQ(upload("later", 4).status, 409);
-    const Stats stats = server_->stats();
-    EXPECT_EQ(std::tie(stats.batches, stats.events, stats.devices), std::make_tuple(2, 4, 1));
+    const Stats after = server_->stats();
+    EXPECT_EQ(std::tie(after.batches, after.events, after.devices, after.sequentialIdGaps, after.eventsByType),
+              std::tie(before.batches, before.events, before.devices, before.sequentialIdGaps, before.eventsByType));
+    EXPECT_EQ(std::tie(after.batches, after.events, after.devices), std::make_tuple(3, 6, 2));
+    EXPECT_EQ(after.eventsByType, (std::map<std::string, std::int64_t>{{"Battery", 3}, {"Waypoint", 3}}));
     EXPECT_EQ(server_->batches().at(1).step, SequenceStep::gap);  // the device's history survived too
+
+    // A device's events a page at a time, across its batches.
+    httplib::Client client("127.0.0.1", server_->port());
+    const auto page = client.Get("/api/events?device_id=d&offset=1&limit=2");
+    ASSERT_TRUE(page);
+    const json events = json::parse(page->body);
+    ASSERT_EQ(events.size(), 2u) << page->body;
+    EXPECT_EQ(std::make_tuple(events[0]["batch_id"], events[0]["type"], events[1]["batch_id"], events[1]["type"]),
+              std::make_tuple("kept", "Battery", "later", "Waypoint"));
+    EXPECT_EQ(json::parse(client.Get("/api/events?device_id=d&offset=4")->body).size(), 0u);
+    EXPECT_EQ(client.Get("/api/events?limit=-1")->status, 400);
 }
 
 TEST_F(CollectorTest, PortInUseIsAClearError) {
@@ -434,6 +466,80 @@ TEST(CollectorDocument, ShapesAndEventsThatDifferFromTheSdksAreRefused) {
     ASSERT_EQ(parsed.events.size(), 2u);
     EXPECT_EQ(parsed.events[1].payload, waypoint);
     EXPECT_EQ(parsed.events[1].trackedAtMs, 7);
+}
+
+// Read in one pass without a tree, the document is still refused as not JSON exactly when a
+// JSON parser would refuse it: mutated SDK batches against nlohmann's verdict.
+TEST(CollectorDocument, TextIsRefusedAsNotJsonExactlyWhenAJsonParserRefusesIt) {
+    const Uuid beacon = *Uuid::parse("E2C56DB5-DFFB-48D2-B060-D0F5A71096E0");
+    const std::vector<EventRecord> records = {
+        Waypoint(Date{1700000000.25}, 52.5, 13.4, 1.5, 270.25, 5, 34.5, "regular"),
+        Acceleration(Date{1700000001}, Decimal{981, 2}),
+        ToggleStandby(Date{1700000002}, true, "caf\xC3\xA9 \"quoted\" \xF0\x9F\x9A\xB2 / tab\t"),
+        BeaconScan(Date{1700000003}, {IBeacon(Date{1700000003}, beacon, 1, 2, -60)}),
+        IOSActivity(Date{1700000004}, IOSActivity::Confidence::high, {IOSActivity::Activity::walking})};
+    EventEncoder encoder;
+    std::vector<EventPayload> payloads;
+    for (const auto& record : records) {
+        payloads.push_back(EventPayload{std::string(typeOf(record)), trackedAtOf(record), encoder.encode(record), ""});
+    }
+    const std::string document = EventBatchGenerator().generateEventBatchFrom(payloads, "m", 1);
+    BatchDocument parsed;
+    ASSERT_FALSE(parseBatchDocument(document, parsed));
+    ASSERT_EQ(parsed.events.size(), records.size());
+
+    // Bytes that matter to JSON's grammar, put in, swapped in or taken out at random places.
+    const std::string alphabet = "{}[]\",:\\/-+.eE0123456789tfnu \t\n\x01\x7F\xC3\xA9\xED\xA0\xF4\x90";
+    std::mt19937 random(11);
+    int notJson = 0;
+    for (int round = 0; round < 4000; ++round) {
+        std::string text = document;
+        for (int edits = 1 + static_cast<int>(random() % 3); edits > 0; --edits) {
+            const std::size_t at = random() % text.size();
+            const char byte = alphabet[random() % alphabet.size()];
+            switch (random() % 3) {
+            case 0: text[at] = byte; break;
+            case 1: text.insert(text.begin() + static_cast<std::ptrdiff_t>(at), byte); break;
+            default: text.erase(at, 1); break;
+            }
+        }
+        const auto rejection = parseBatchDocument(text, parsed);
+        const bool refusedAsJson = rejection && rejection->status == 400;
+        EXPECT_EQ(refusedAsJson, !json::accept(text)) << text << "\n" << (rejection ? rejection->message : "");
+        notJson += refusedAsJson;
+    }
+    EXPECT_GT(notJson, 1000);  // the mutations do reach the grammar
+    // And the grammar's edges, each as the sequential id's value.
+    for (const std::string value :
+         {"01", "-0", "-", "1.", ".5", "1e", "1e+", "+1", "1E-2", "0.5e3", "1e400", "-1e400", "tru", "true", "nul",
+          "[1,]", "[,1]", "[1 2]", "{\"a\":1,}", "{\"a\" 1}", "{1:2}", "\"\\x\"", "\"\\u12\"", "\"\\u00e9\"",
+          "\"\\ud83d\\ude00\"", "\"\\udc00\"", "\"\\ud83d\"", "\"\\ud83dx\"", "\"a\x01\"", "\"\x7F\"",
+          "\"\xC0\x80\"", "\"\xED\xA0\x80\"", "\"\xF4\x90\x80\x80\"", "\"\xE2\x82\"", "\"\xF0\x9F\x98\x80\""}) {
+        const std::string text = R"({"id":"e","sequential_id":)" + value + R"(,"events":[]})";
+        const auto rejection = parseBatchDocument(text, parsed);
+        EXPECT_EQ(rejection && rejection->status == 400, !json::accept(text)) << value;
+    }
+
+    // Escapes the SDK does not write still spell keys and enumerations; nested objects must
+    // not repeat a key either.
+    const std::string escaped = R"({"id":"e","sequential_id":1,"events":[{"st\u0061tus":"W\u0049FI",)"
+                                R"("tracked_at_ms":1,"type":"Connectivity"}]})";
+    ASSERT_FALSE(parseBatchDocument(escaped, parsed)) << escaped;
+    EXPECT_EQ(parsed.events.at(0).type, "Connectivity");
+    const std::vector<std::tuple<std::string, int, const char*>> cases = {
+        {R"({"id":"e","sequential_id":1,"events":[{"beacons":[{"rssi":1,"rssi":2}],"tracked_at_ms":1,"type":"BeaconScan"}]})",
+         422, "duplicate key \"rssi\""},
+        {R"({"id":"e","sequential_id":1e400,"events":[]})", 400, "not JSON"},
+        {R"({"id":"\ud800","sequential_id":1,"events":[]})", 400, "not JSON"},
+        {R"({"id":"e","sequential_id":1,"events":[]} [])", 400, "not JSON"},
+        {"", 400, "not JSON"},
+    };
+    for (const auto& [text, status, reason] : cases) {
+        const auto rejection = parseBatchDocument(text, parsed);
+        ASSERT_TRUE(rejection) << text;
+        EXPECT_EQ(rejection->status, status) << text << ": " << rejection->message;
+        EXPECT_NE(rejection->message.find(reason), std::string::npos) << text << ": " << rejection->message;
+    }
 }
 
 // ---- Fault injection ----

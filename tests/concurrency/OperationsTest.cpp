@@ -14,6 +14,7 @@
 #include "upload/RVLOperationsController.h"
 #include "upload/TransferOperations.h"
 #include "util/SerialExecutor.h"
+#include "util/SettableDateSource.h"
 #include "util/ThreadRunLoop.h"
 
 namespace rovalis {
@@ -371,13 +372,27 @@ TEST_F(ControllerTest, SlowDownRunsAfterAFailedSendAndGroupsReportFailure) {
     EXPECT_EQ(transitions->recorded(), (std::vector<std::string>{"slept:stay"}));
 }
 
-TEST_F(ControllerTest, BeaconWakeUpSkipsTheBurst) {
-    controller->performSpeedUpOperationsWithReason("Beacon region entered", std::nullopt);
+// A beacon heard is no proof of movement: a phone that never moves hears one at the edge of
+// its range now and then.
+TEST_F(ControllerTest, BeaconWakeUpIsDecidedByTheBurstLikeAnyOther) {
+    controller->performSpeedUpOperationsWithReason("Beacon E2C5 1.7 ranged in region lobby", std::nullopt);
+    ASSERT_TRUE(pauseManager->waitForReasons(1));
+    {
+        std::lock_guard lock(pauseManager->mutex);
+        pauseManager->wakeCompletion(false);  // not moved: stays asleep
+    }
+    ASSERT_TRUE(drained());
+    controller->performSpeedUpOperationsWithReason("beacon aa01 seen during ranging of region lobby", std::nullopt);
+    ASSERT_TRUE(pauseManager->waitForReasons(2));
+    {
+        std::lock_guard lock(pauseManager->mutex);
+        EXPECT_EQ(pauseManager->reasons, (std::vector<std::string>{"wake:Beacon E2C5 1.7 ranged in region lobby",
+                                                                   "wake:beacon aa01 seen during ranging of region lobby"}));
+        pauseManager->wakeCompletion(true);
+    }
     ASSERT_TRUE(drained());
     mainLoop->sync([] {});
-    EXPECT_EQ(transitions->recorded(), (std::vector<std::string>{"woke:Beacon region entered"}));
-    std::lock_guard lock(pauseManager->mutex);
-    EXPECT_TRUE(pauseManager->reasons.empty());
+    EXPECT_EQ(transitions->recorded(), (std::vector<std::string>{"woke:beacon aa01 seen during ranging of region lobby"}));
 }
 
 TEST_F(ControllerTest, FailedPreShutdownFallsBackToBackgroundTimeThatEndsOnce) {

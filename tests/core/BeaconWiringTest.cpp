@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "core/RVLGeneralLocationManager.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/sim/SimulatedDevice.h"
+#include "sensing/BeaconFrames.h"
 #include "sensing/BeaconTracker.h"
 #include "sensing/GeofenceTracker.h"
 #include "sensing/SDKSettingsTracker.h"
@@ -24,11 +27,32 @@ public:
     void stopScanning() override {}
 };
 
+// A beacon next to the phone: every scan hears one Eddystone UID advertisement at once.
+class OneEddystoneNearby final : public BluetoothScannerType {
+public:
+    bool isScanningAvailable() const override { return true; }
+    bool isScanning() const override { return scanning_; }
+    void startScanning(std::vector<std::uint16_t>, std::shared_ptr<Executor> queue,
+                       AdvertisementHandler handler) override {
+        scanning_ = true;
+        const EddystoneUid frame{-20, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, {11, 12, 13, 14, 15, 16}};
+        const BleAdvertisement advertisement{"C0:FF:EE:00:00:01", -60, {},
+                                             {{kEddystoneServiceUUID, encodeEddystoneFrame(frame)}}, Date{start}};
+        queue->async([handler, advertisement] { handler(advertisement); });
+    }
+    void stopScanning() override { scanning_ = false; }
+
+private:
+    bool scanning_ = false;
+};
+
 // An SDK on a simulated device that stays at home, launched with the Info settings a test gives;
 // it counts the Bluetooth scanners the SDK makes.
 class BeaconWiring : public ::testing::Test {
 protected:
-    void launch(const InfoDictionary& info) {
+    void launch(const InfoDictionary& info, std::function<std::shared_ptr<BluetoothScannerType>()> makeScanner = [] {
+        return std::make_shared<QuietBluetoothScanner>();
+    }) {
         sdk.reset();
         scannersMade = 0;
         RovalisConfiguration configuration;
@@ -36,9 +60,9 @@ protected:
         configuration.dataRoot = dir.path();
         configuration.productionBaseURL = "http://127.0.0.1:9/";
         configuration.platform = device.makeProcessPlatform(defaults, keychain);
-        configuration.platform->makeBluetoothScanner = [this] {
+        configuration.platform->makeBluetoothScanner = [this, makeScanner] {
             ++scannersMade;
-            return std::make_shared<QuietBluetoothScanner>();
+            return makeScanner();
         };
         sdk = std::make_shared<RVLGeneralLocationManager>(configuration);
         sdk->initializeUsing(nullptr, std::nullopt);
@@ -97,6 +121,25 @@ TEST_F(BeaconWiring, TheEddystoneScannerIsMadeOnlyWithItsOwnSwitchOnTopOfBeaconT
         launch(info);
         EXPECT_EQ(scannersMade, made) << name;
     }
+}
+
+TEST_F(BeaconWiring, AScanUnderWayWhenTrackingStopsIsRecordedBeforeTheSwitchOff) {
+    launch({{beaconSwitch, true}, {eddystoneSwitch, true}}, [] { return std::make_shared<OneEddystoneNearby>(); });
+    sdk->start();  // the wake-up at the start scans
+    device.runUntil(device.now().addingSeconds(3));
+    sdk->stop();
+    device.runUntil(device.now().addingSeconds(60));
+
+    std::vector<std::string> types;
+    std::vector<std::int64_t> times;
+    for (const auto& event : sdk->eventRepository()->fetchEventsPayloadTo(std::nullopt, 0)) {
+        if (event.type != "BeaconScan" && event.type != "ToggleTracking") continue;
+        types.push_back(event.type);
+        times.push_back(nlohmann::json::parse(event.payload)["tracked_at_ms"].get<std::int64_t>());
+    }
+    EXPECT_EQ(types, (std::vector<std::string>{"ToggleTracking", "BeaconScan", "ToggleTracking"}));
+    ASSERT_EQ(times.size(), 3u);
+    EXPECT_LE(times[1], times[2]);
 }
 
 }  // namespace

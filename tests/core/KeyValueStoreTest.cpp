@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "platform/linux/SqliteKeyValueStore.h"
+#include "support/ForwardingStores.h"
 #include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
 
@@ -133,7 +134,7 @@ TEST_F(SqliteKeyValueStoreFile, ConcurrentWritersOfDifferentKeysAllLand) {
 
 TEST(ForwardingKeyValueStore, PassesEveryCallToItsTarget) {
     auto target = std::make_shared<InMemoryKeyValueStore>();
-    ForwardingKeyValueStore store(target);
+    test::ForwardingKeyValueStore store(target);
     store.setObject(true, "kept");
     EXPECT_EQ(target->object("kept"), KeyValue(true));
     EXPECT_EQ(store.object("kept"), KeyValue(true));

@@ -4,21 +4,23 @@
 
 #include "platform/linux/LinuxPlatform.h"
 #include "support/TestSupport.h"
+#include "util/VirtualRunLoop.h"
 #include "util/WorkTracker.h"
 
 namespace rovalis {
 namespace {
 
-TEST(Platform, SerialExecutorsItMakesReportTheirWorkToTheTracker) {
+TEST(Platform, SerialExecutorsItMakesReportTheirWorkToAVirtualMainLoopsTracker) {
+    const auto tracker = std::make_shared<WorkTracker>();
     Platform platform;
-    platform.workTracker = std::make_shared<WorkTracker>();
+    platform.mainRunLoop = std::make_shared<VirtualRunLoop>(std::make_shared<SettableDateSource>(), tracker);
     auto executor = platform.makeSerialExecutor("test.platform");
     std::promise<void> release;
     auto released = release.get_future().share();
     executor->async([released] { released.wait(); });
-    EXPECT_FALSE(platform.workTracker->isIdle());
+    EXPECT_FALSE(tracker->isIdle());
     release.set_value();
-    platform.workTracker->waitUntilIdle();
+    tracker->waitUntilIdle();
 
     Platform untracked;
     auto plain = untracked.makeSerialExecutor("test.plain");

@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/PauseManager.h"
 #include "core/RVLGeneralLocationManager.h"
 #include "events/SqliteDatabase.h"
 #include "platform/linux/FileKeychain.h"
@@ -240,6 +241,45 @@ TEST_F(TrackingCore, SleepAndWakeRecordToggleStandbyAndPostBothNotificationsOnly
     EXPECT_EQ(standby[0]["toggle_standby_reason"], "no movement in 10 minutes");
     EXPECT_EQ(standby[1]["toggle_standby_state"], false);
     EXPECT_EQ(stored("GeofenceCreate").size(), 7u);  // the sleep laid the regions
+}
+
+TEST_F(TrackingCore, ABeaconWakesNoPhoneInsideItsCentreRegionAndOtherwiseGoesToTheBurstLikeAnyWakeUp) {
+    // Where the phone fell asleep, recorded so loosely that no burst at home finds it moved.
+    defaults->setObject(*PauseRecord{home.latitude, home.longitude, 1000.0, device.now()}.encode(),
+                        "RVL_MANAGERS_PAUSED");
+    const Location centre{home, 40.0, 8.0, 5.0, 0.0, -1.0, device.now()};
+    const std::string beacon = "beacon E2C56DB5-DFFB-48D2-B060-D0F5A71096E0 1.7 ranged in region lobby";
+    const auto wakeUpAndWait = [&](const std::string& reason) {
+        sdk->initiateWakeUpWithReason(reason, centre);
+        device.runUntil(device.now().addingSeconds(60));
+    };
+    // The bursts of beacon wake-ups; the significant-change service asks for its own after a sleep.
+    const auto beaconBursts = [&] {
+        const auto bursts = stored("PreWakeUp");
+        return std::count_if(bursts.begin(), bursts.end(), [](const json& each) { return each["reason"] == "unknown"; });
+    };
+    sdk->start();
+    settle();
+
+    sdk->sleepWithCenterLocation(centre, "no movement in 10 minutes");
+    wakeUpAndWait(beacon);
+    EXPECT_EQ(beaconBursts(), 0);
+    EXPECT_TRUE(console.contains("stays asleep inside its centre region: " + beacon));
+
+    // A crossing of a sleep region takes the evidence away: the next beacon is put to a burst.
+    wakeUpAndWait("entered surrounding geofence RVLSleepRegion_3");
+    wakeUpAndWait(beacon);
+    EXPECT_EQ(beaconBursts(), 1);
+    EXPECT_TRUE(sdk->isAsleep());
+
+    // So is a beacon heard in a sleep without a centre (no regions laid); no record, so moved.
+    sdk->wakeUpWithReason("exited geofence RVLSleepRegion_00", false);
+    sdk->sleepWithCenterLocation(std::nullopt, "no movement in 10 minutes");
+    defaults->removeObject("RVL_MANAGERS_PAUSED");
+    wakeUpAndWait(beacon);
+    EXPECT_EQ(beaconBursts(), 2);
+    EXPECT_FALSE(sdk->isAsleep());
+    EXPECT_EQ(stored("ToggleStandby").back()["toggle_standby_reason"], beacon);
 }
 
 TEST_F(TrackingCore, ARelaunchResumesTrackingSilentlyAndANewBuildRecordsTheAppUpdatePairInOrder) {

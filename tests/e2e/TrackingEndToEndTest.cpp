@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/sim/Scenario.h"
+#include "sim/ReportFigures.h"
 #include "sim/SimulationRunner.h"
 #include "support/TestSupport.h"
 
@@ -91,6 +92,7 @@ class TrackingEndToEnd : public ::testing::Test {
 protected:
     Replay replay(SimulationInput input, SimulationOptions options = {}) {
         options.outDir = dir.path() / ("run" + std::to_string(++runs));
+        options.keepDeliveredEvents = true;
         SimulationRunner runner(std::move(input), std::move(options));
         Replay run;
         run.report = runner.run();
@@ -245,10 +247,10 @@ std::string eastOfHome(double metres) {
     return text;
 }
 
-TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServiceAndOneWakesTheSleepingSdk) {
+TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServiceAndTheSleepIsLeftByItsRegion) {
     // Asleep at home, the device walks east past a weak iBeacon 110 m away (out of its reach at
     // home, inside the stay's centre region), on to a shop 400 m away with an iBeacon and an
-    // Eddystone beacon at the counter.
+    // Eddystone beacon at the counter, and stays there long enough to fall asleep.
     const std::string uuid = "E2C56DB5-DFFB-48D2-B060-D0F5A71096E0";
     const std::string shopEddystone = "0102030405060708090a0b0c0d0e0f10";
     SimulationOptions centreOnly;
@@ -261,10 +263,12 @@ TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServi
                               centreOnly);
 
     ASSERT_FALSE(run.wakeReasons().empty());
-    EXPECT_EQ(run.wakeReasons()[0], "beacon " + uuid + " 1.1 ranged in region beacon-line-1")
-        << "the beacon on the way wakes the SDK before any geofence does";
+    EXPECT_EQ(run.wakeReasons()[0], "exited geofence RVLSleepRegion_00")
+        << "a beacon heard inside the centre region is no evidence of having left it";
+    // One scan per ranging window (one window per beacon region entered), then the scan at the
+    // shop's sleep.
     const auto scans = run.eventsOf("BeaconScan");
-    ASSERT_EQ(scans.size(), 2u) << "one scan per ranging window, one window per beacon region entered";
+    ASSERT_EQ(scans.size(), 3u);
     for (const auto& sighting : scans[0]["beacons"]) {
         EXPECT_EQ(sighting["protocol"], "IBeacon");
         EXPECT_EQ(sighting["minor"], 1);
@@ -275,9 +279,21 @@ TEST_F(TrackingEndToEnd, BeaconsPassedOnATripAreRangedIntoScansThatReachTheServi
         if (sighting["protocol"] == "Eddystone") shopEddystoneSeen = shopEddystoneSeen || sighting["eid"] == shopEddystone;
     }
     EXPECT_TRUE(shopIBeacon && shopEddystoneSeen) << scans[1].dump();
+    for (const auto& sighting : scans[2]["beacons"]) EXPECT_EQ(sighting["eid"], shopEddystone);
     ASSERT_EQ(run.report.beacons.placed.size(), 3u);
     for (const auto& beacon : run.report.beacons.placed) EXPECT_GT(beacon.sightings, 0) << beacon.label;
     EXPECT_GE(run.report.beacons.regionEvents, 2);
+}
+
+TEST_F(TrackingEndToEnd, AStillPhoneAtTheEdgeOfABeaconsRangeSleepsThroughHoursOfItsRegionComingAndGoing) {
+    const std::filesystem::path data = ROVALIS_SOURCE_DATA_DIR;
+    const Replay run =
+        replay(readSimulationInput(data / "traces/still-3h.csv", data / "scenarios/still-ibeacon-55m.scenario"));
+    ASSERT_GE(run.report.beacons.regionEvents, 20) << "the beacon is at the edge of its range";
+    EXPECT_FALSE(run.eventsOf("BeaconScan").empty());
+    const ReportFigures figures = deriveFigures(run.report);
+    EXPECT_LE(figures.wakes, 1);
+    EXPECT_LE(figures.locationSeconds, 0.10 * run.report.energy.alwaysOnBaselineSeconds);
 }
 
 TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredExactlyOnce) {

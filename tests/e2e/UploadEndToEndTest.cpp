@@ -6,7 +6,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <map>
 #include <mutex>
 #include <set>
@@ -235,6 +237,40 @@ TEST_F(UploadEndToEnd, HungServerTimesOutAndTheQueueMovesOn) {
     EXPECT_EQ(collector->stats().duplicatesRefused, 1);
     EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 10);
     EXPECT_EQ(collector->stats().eventsByType.at("Debug"), 1);
+}
+
+// A send waits on its upload's callback; invalidating the session (and letting it go, as the
+// client does) must end that upload, so that the send and the queue behind it move on.
+TEST_F(UploadEndToEnd, InvalidatingTheForegroundSessionReleasesABlockedSend) {
+    auto stack = makeStack();
+    stack->credentials->setAccessToken(sampleAccessToken());
+    stack->storeWaypoints(10);
+    FaultOptions hold;
+    hold.delayMs = 60000;
+    collector->setFaults(hold);
+    auto sending = std::async(std::launch::async, [&stack] { return stack->sendEvents(); });
+    ASSERT_TRUE(collector->waitForStats(
+        [](const auto& stats) { return stats.faultsInjected.contains("delay"); }, 30s));
+
+    const auto invalidated = std::make_shared<std::promise<void>>();
+    stack->apiClient->invalidateAndCancelForegroundSession([invalidated] { invalidated->set_value(); });
+    if (sending.wait_for(20s) != std::future_status::ready) {
+        // The future's destructor would wait for the send for ever.
+        std::fputs("The invalidation did not release the blocked send.\n", stderr);
+        std::abort();
+    }
+    EXPECT_FALSE(sending.get());
+    EXPECT_EQ(invalidated->get_future().wait_for(20s), std::future_status::ready);
+    const auto told = observer->waitForUploads(1);
+    ASSERT_EQ(told.size(), 1u);
+    ASSERT_TRUE(told[0].error);
+    EXPECT_EQ(told[0].error->domain, NSURLErrorDomain);
+    EXPECT_EQ(told[0].error->code, URLError::cancelled);
+
+    // The next send gets a new session and goes through.
+    collector->setFaults({});
+    EXPECT_TRUE(stack->sendEvents());
+    EXPECT_EQ(collector->stats().eventsByType.at("Waypoint"), 10);
 }
 
 TEST_F(UploadEndToEnd, PreShutdownWithTheServiceDownFallsBackToABackgroundUploadFromAFile) {

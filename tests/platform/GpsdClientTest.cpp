@@ -19,6 +19,7 @@
 
 #include "platform/linux/GpsdLocationService.h"
 #include "support/TestSupport.h"
+#include "util/SettableDateSource.h"
 #include "util/ThreadRunLoop.h"
 
 namespace rovalis {

@@ -8,6 +8,7 @@
 #include "support/FakeDevice.h"
 #include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis {
 namespace {

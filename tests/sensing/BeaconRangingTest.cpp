@@ -8,7 +8,6 @@
 #include "sensing/RegionMonitoringReceiver.h"
 #include "support/RecordingLocationManager.h"
 #include "support/TestSupport.h"
-#include "upload/StateOperations.h"
 #include "util/VirtualRunLoop.h"
 
 namespace rovalis {
@@ -224,47 +223,58 @@ TEST_F(BeaconRangerTest, AnEntryDuringTheWindowExtendsItAndRangesThatRegionToo) 
                                    "forced ranging closed with 2 iBeacon and 0 Eddystone sightings"}));
 }
 
-TEST_F(BeaconRangerTest, TheWakeUpReasonNamesTheStrongestBeaconAndWakesAtOnce) {
+TEST_F(BeaconRangerTest, TheWakeUpReasonNamesTheStrongestBeaconAndAWindowThatHeardNothingRecordsAndAsksNothing) {
     struct Case {
         std::vector<RangedBeacon> round;
         std::vector<std::pair<std::string, long>> eddystones;
-        std::string reason;
+        std::optional<std::string> reason;
     };
     const std::vector<Case> cases = {
         // An iBeacon wins over a stronger Eddystone.
         {{beacon(kitchen, 2, -90), beacon(kitchen, 3, -61), beacon(kitchen, 4, -75)},
          {{"aa01", -40}},
          "beacon " + kitchenUuid.uuidString() + " 1.3 ranged in region Kitchen"},
+        {{beacon(kitchen, 2, 0)}, {}, std::nullopt},  // at the edge of its range: entered, not heard
+        {{}, {}, std::nullopt},
         {{}, {{"aa01", -88}, {"bb02", -66}, {"cc03", -70}}, "beacon bb02 seen during ranging of region Kitchen"},
-        {{beacon(kitchen, 2, 0)}, {}, "beacon region Kitchen entered"},
     };
+    Texts expected;
     for (std::size_t i = 0; i < cases.size(); ++i) {
         ranger->didEnterBeaconRegion(kitchen);
         at(20.0 * i + 1);
         locations->deliverRound(cases[i].round, kitchen);
         for (const auto& [eid, rssi] : cases[i].eddystones) scanner->hear(eid, rssi, loop->now());
         at(20.0 * i + 20);
-        EXPECT_EQ(wakeUp->reasons.at(i), cases[i].reason);
+        if (cases[i].reason) expected.push_back(*cases[i].reason);
+        EXPECT_EQ(wakeUp->reasons, expected) << i;
     }
-    EXPECT_EQ(scans().size(), 2u);  // nothing heard, nothing recorded
-    EXPECT_EQ(debugTexts().back(), "forced ranging closed with 0 iBeacon and 0 Eddystone sightings");
+    EXPECT_EQ(scans().size(), 2u);
+    EXPECT_EQ(debugTexts(), (Texts{"forced ranging opened for beacon region Kitchen",
+                                   "forced ranging closed with 3 iBeacon and 1 Eddystone sightings",
+                                   "forced ranging opened for beacon region Kitchen",
+                                   "forced ranging closed with 0 iBeacon and 3 Eddystone sightings, after 2 windows "
+                                   "that heard nothing"}));
+    EXPECT_TRUE(console.contains("forced ranging for beacon region Kitchen heard nothing"));
+}
 
-    // A beacon reason wakes the SDK straight away: the speed-up never starts a location burst.
-    struct Woken final : RVLWakeupable {
-        void wakeUpWithReason(const std::string& reason, bool) override { reasons.push_back(reason); }
-        Texts reasons;
-    };
-    const auto woken = std::make_shared<Woken>();
-    const auto noBurst = [](auto, auto) -> std::shared_ptr<PauseManagerType> {
-        ADD_FAILURE() << "a location burst";
-        return nullptr;
-    };
-    std::make_shared<RVLSpeedUpOperation>(woken, std::weak_ptr<RVLEventInsertable>{},
-                                          std::weak_ptr<RVLUserDefaultsModifier>{}, wakeUp->reasons.back(),
-                                          std::nullopt, loop, noBurst)
-        ->start();
-    loop->runUntilIdle();
-    EXPECT_EQ(woken->reasons, Texts{"beacon region Kitchen entered"});
+TEST_F(BeaconRangerTest, AWindowRecordsTheFirst300SightingsAndCountsTheRest) {
+    ranger->didEnterBeaconRegion(kitchen);
+    for (int round = 1; round <= 4; ++round) {
+        at(round);
+        std::vector<RangedBeacon> crowd;
+        for (std::uint16_t minor = 0; minor < 100; ++minor) crowd.push_back(beacon(kitchen, minor, -70));
+        locations->deliverRound(crowd, kitchen);
+    }
+    scanner->hear("aa01", -50, loop->now());  // past the limit, yet the strongest
+    at(10);
+    const auto recorded = stored("BeaconScan");
+    ASSERT_EQ(recorded.size(), 1u);
+    ASSERT_EQ(recorded[0]["beacons"].size(), BeaconRanger::maxSightingsPerWindow);
+    EXPECT_EQ(recorded[0]["beacons"].back()["minor"], 99);
+    EXPECT_EQ(recorded[0]["beacons"].back()["tracked_at_ms"], static_cast<std::int64_t>(start + 3) * 1000);
+    EXPECT_EQ(debugTexts().back(),
+              "forced ranging closed with 400 iBeacon and 1 Eddystone sightings, 101 past the first 300 counted but "
+              "not recorded");
 }
 
 TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThatGoesStopsBoth) {
@@ -283,7 +293,7 @@ TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThat
     at(20);
     EXPECT_EQ(scanner->starts + scanner->stops, 0);
     EXPECT_TRUE(locations->beaconCalls.empty());
-    EXPECT_EQ(wakeUp->reasons.back(), "beacon region Kitchen entered");
+    EXPECT_EQ(wakeUp->reasons.size(), 1u);  // nothing could be heard
 
     scanner->available = locations->rangingAvailable = true;
     ranger->didEnterBeaconRegion(kitchen);
@@ -294,19 +304,85 @@ TEST_F(BeaconRangerTest, WithoutEddystoneOrRangingAWindowStillRunsAndARangerThat
     EXPECT_FALSE(scanner->isScanning());
     at(60);
     EXPECT_EQ(scans().size(), 1u);
-    EXPECT_EQ(wakeUp->reasons.size(), 2u);
+    EXPECT_EQ(wakeUp->reasons.size(), 1u);
 }
 
 // ---- Watching the regions, and the hand-off from region monitoring
 
+// ---- The SDK's transitions
+
+TEST_F(BeaconRangerTest, EachWakeUpAndSleepScansForEddystoneBeaconsAndRecordsWhatItHeardWithoutAskingToWake) {
+    ranger->didWakeUp();
+    EXPECT_TRUE(scanner->isScanning());
+    EXPECT_TRUE(locations->beaconCalls.empty()) << "a moment ranges no iBeacon region";
+    at(2);
+    scanner->hear("00112233445566778899aabbccddeeff", -70, loop->now());
+    ranger->didFallAsleep();  // a window is open: it scans already
+    EXPECT_EQ(scanner->starts, 1);
+    at(10);
+    EXPECT_EQ(scans(), Texts{"10: Eddystone 00112233445566778899aabbccddeeff -70 @2"});
+    EXPECT_TRUE(wakeUp->reasons.empty());
+
+    ranger->didFallAsleep();  // nothing near: nothing recorded
+    at(20);
+    EXPECT_EQ(scanner->stops, 2);
+    EXPECT_EQ(scans().size(), 1u);
+
+    // A region entered during a moment's scan makes it a ranging window, which asks to wake.
+    ranger->didWakeUp();
+    at(25);
+    ranger->didEnterBeaconRegion(kitchen);
+    at(26);
+    locations->deliverRound({beacon(kitchen, 7, -71)}, kitchen);
+    at(34.99);
+    EXPECT_EQ(scans().size(), 1u) << "the entry extended the window";
+    at(35);
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon " + kitchenUuid.uuidString() + " 1.7 ranged in region Kitchen"});
+    EXPECT_EQ(debugTexts(), (Texts{"Eddystone scan opened at wake-up",
+                                   "Eddystone scan closed with 0 iBeacon and 1 Eddystone sightings",
+                                   "Eddystone scan opened at wake-up", "forced ranging opened for beacon region Kitchen",
+                                   "forced ranging closed with 1 iBeacon and 0 Eddystone sightings, after 1 window "
+                                   "that heard nothing"}));
+
+    // Without Eddystone tracking a transition scans for nothing.
+    makeRanger(nullptr);
+    ranger->didWakeUp();
+    EXPECT_FALSE(ranger->isWindowOpen());
+}
+
+TEST_F(BeaconRangerTest, TrackingThatStopsClosesTheWindowAtOnceWithoutAWakeUpAndNoneOpensUntilItStartsAgain) {
+    ranger->didEnterBeaconRegion(kitchen);
+    at(1);
+    locations->deliverRound({beacon(kitchen, 7, -71)}, kitchen);
+    at(3);
+    ranger->trackingWillStop();
+    EXPECT_EQ(scans(), Texts{"3: IBeacon E2C5 1.7 -71 @1"});
+    EXPECT_TRUE(locations->ranged.empty());
+    EXPECT_FALSE(scanner->isScanning());
+    EXPECT_EQ(debugTexts().back(), "forced ranging closed as tracking stops with 1 iBeacon and 0 Eddystone sightings");
+
+    ranger->didEnterBeaconRegion(kitchen);
+    ranger->didFallAsleep();
+    EXPECT_FALSE(ranger->isWindowOpen());
+    at(30);
+    EXPECT_TRUE(wakeUp->reasons.empty());
+
+    ranger->trackingStarted();
+    ranger->didEnterBeaconRegion(kitchen);
+    EXPECT_TRUE(ranger->isWindowOpen());
+}
+
 TEST_F(BeaconRangerTest, TheBeaconTrackerWatchesTheSdksRegionsAsleepAndAwakeAndTouchesNoOther) {
     locations->beaconRegions = {neighbour};
-    const auto tracker = BeaconTracker::create(regions, locations);
+    const auto tracker = BeaconTracker::create(regions, locations, ranger);
     tracker->start();
     EXPECT_EQ(locations->beaconCalls,
               (Texts{"startMonitoringBeaconRegion:Kitchen", "startMonitoringBeaconRegion:Shop"}));
     tracker->slowDown(std::nullopt);  // asleep and awake alike
+    EXPECT_TRUE(scanner->isScanning()) << "a sleep is a moment to scan";
     tracker->speedUp();
+    tracker->trackingWillStop();
+    EXPECT_FALSE(scanner->isScanning());
     tracker->stop();
     tracker->start();
     tracker->halt();
@@ -335,15 +411,17 @@ TEST_F(BeaconRangerTest, RegionMonitoringHandsBeaconCrossingsToRangingWhichOnlyL
     EXPECT_TRUE(console.contains("entered a beacon region that is not the SDK's: Neighbour"));
     enter(shop);
     at(5);
+    locations->deliverRound({beacon(shop, 4, -80)}, shop);
     enter(neighbour);  // extends nothing
     exit(shop);
     EXPECT_EQ(ranger->windowEnd(), Date{start + 10});
     at(60);
     EXPECT_EQ(locations->beaconCalls, (Texts{"startRangingBeacons:Shop", "stopRangingBeacons:Shop"}));
-    EXPECT_EQ(wakeUp->reasons, Texts{"beacon region Shop entered"});
-    EXPECT_EQ(debugTexts(), (Texts{"exited beacon region Kitchen", "forced ranging opened for beacon region Shop",
-                                   "exited beacon region Shop",
-                                   "forced ranging closed with 0 iBeacon and 0 Eddystone sightings"}));
+    EXPECT_EQ(wakeUp->reasons, Texts{"beacon " + shopUuid.uuidString() + " 3.4 ranged in region Shop"});
+    // Exits are only logged: at the edge of a beacon's range they come again and again.
+    EXPECT_EQ(debugTexts(), (Texts{"forced ranging opened for beacon region Shop",
+                                   "forced ranging closed with 1 iBeacon and 0 Eddystone sightings"}));
+    EXPECT_TRUE(console.contains("exited beacon region Shop"));
     EXPECT_TRUE(stored("GeofenceTrigger").empty());
 
     // Beacon tracking off: no ranger to hand them to.

@@ -10,6 +10,7 @@
 #include "sensing/SensingFakes.h"
 #include "support/RecordingLocationManager.h"
 #include "support/TestSupport.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis {
 namespace {

@@ -11,6 +11,7 @@
 #include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
 #include "util/SerialExecutor.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis {
 namespace {

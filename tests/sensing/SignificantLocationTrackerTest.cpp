@@ -6,6 +6,7 @@
 #include "support/RecordingLocationManager.h"
 #include "support/SpoiledFixes.h"
 #include "support/TestSupport.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis {
 namespace {

@@ -58,7 +58,15 @@ SimulationReport sampleReport() {
     report.scenario = {{at(12, 30), "network offline"}, {at(12, 36), "relaunch as build 41"}};
     report.energy.locationSeconds = {{"ten-metre", 4320.0}, {"hundred-metre", 2160.0}, {"kilometre", 2160.0}};
     report.energy.alwaysOnBaselineSeconds = 86400.0;
-    report.delivery = {100, 90, 10, 0, 0, 4, 5, 1, 1000, 7500, {{"visit", 10}, {"location", 60}, {"motion", 30}}};
+    report.delivery = {.recorded = 100,
+                       .accepted = 90,
+                       .leftInStore = 10,
+                       .batches = 4,
+                       .batchRequests = 5,
+                       .duplicateBatchesRefused = 1,
+                       .wireBytes = 1000,
+                       .documentBytes = 7500,
+                       .eventsByType = {{"visit", 10}, {"location", 60}, {"motion", 30}}};
     return report;
 }
 

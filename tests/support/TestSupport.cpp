@@ -1,8 +1,6 @@
 #include "support/TestSupport.h"
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -22,12 +20,6 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
-}
-
-unsigned fileMode(const std::filesystem::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
 }
 
 std::string readFile(const std::filesystem::path& path) {

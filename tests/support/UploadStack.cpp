@@ -12,6 +12,16 @@ namespace rovalis::test {
 
 namespace {
 
+RVLAPIClientOptions apiClientOptions(const UploadStackOptions& options) {
+    RVLAPIClientOptions apiOptions;
+    apiOptions.foregroundTimeoutIntervalForRequest = options.foregroundTimeout;
+    return apiOptions;
+}
+
+}  // namespace
+
+namespace {
+
 HostInfo sampleHost() {
     HostInfo host;
     host.displayName = "Upload Tests";
@@ -65,7 +75,7 @@ UploadStack::UploadStack(UploadStackOptions options)
           options.baseURL, userDefaults, userDefaults, events, credentials, credentials, credentials, debugEvents,
           std::make_shared<CurlUrlSessionFactory>(dataRoot.privateDirectory("BackgroundSessions"), network,
                                                   mainRunLoop, dateSource, nullptr, options.sessions),
-          commons, mainRunLoop, RVLAPIClientOptions{.foregroundTimeoutIntervalForRequest = options.foregroundTimeout})),
+          commons, mainRunLoop, apiClientOptions(options))),
       reachability(std::make_shared<ReachabilityTracker>(events, userDefaults, userDefaults, dateSource, *network,
                                                          "127.0.0.1",
                                                          std::make_shared<SerialExecutor>("reachability.tests", reachabilityWork),

@@ -7,6 +7,7 @@
 
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "support/ForwardingStores.h"
 #include "support/TestSupport.h"
 #include "rovalis/Uuid.h"
 
@@ -22,7 +23,7 @@ Bytes bytes(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
 // Records the items added and updated ("<service> <account> <accessibility>"), can
 // refuse one kind of call with a status, and can answer lookups without their data.
-class FaultyKeychain : public ForwardingKeychainStore {
+class FaultyKeychain : public test::ForwardingKeychainStore {
 public:
     using ForwardingKeychainStore::ForwardingKeychainStore;
 
@@ -117,18 +118,18 @@ TEST_F(CredentialsTest, SequentialIdStartsAtZeroCountsAndRestartsOverADamagedTex
 TEST_F(CredentialsTest, AnAcceptedBatchRenewsTheIdentityOnceEvenWhenHandledAgainOrHalfway) {
     auto credentials = restart();
     const BatchIdentity sent{credentials.batchId(), credentials.sequentialId()};
-    renewBatchIdentityAfter(credentials, sent);
+    credentials.renewBatchIdentityAfter(sent);
     const BatchIdentity next{credentials.batchId(), credentials.sequentialId()};
     EXPECT_NE(next.batchId, sent.batchId);
     EXPECT_EQ(next.sequentialId, sent.sequentialId + 1);
-    renewBatchIdentityAfter(credentials, sent);  // the same acceptance again
+    credentials.renewBatchIdentityAfter(sent);  // the same acceptance again
     EXPECT_EQ((BatchIdentity{credentials.batchId(), credentials.sequentialId()}), next);
 
     // A restart after the new id was stored but before the number moved on.
     const BatchIdentity halfway{credentials.batchId(), credentials.sequentialId()};
     credentials.createBatchId();
     auto restarted = restart();
-    renewBatchIdentityAfter(restarted, halfway);
+    restarted.renewBatchIdentityAfter(halfway);
     EXPECT_EQ(restarted.sequentialId(), halfway.sequentialId + 1);
     EXPECT_EQ(restarted.batchId(), credentials.batchId()) << "the id was renewed already";
 }

@@ -1,21 +1,17 @@
 #include "upload/CurlUrlSession.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
 
 #include "platform/sim/SimulatedNetwork.h"
+#include "support/RawServer.h"
 #include "support/TestSupport.h"
 #include "upload/BackgroundTaskJournal.h"
 #include "util/VirtualRunLoop.h"
@@ -25,101 +21,10 @@ namespace rovalis {
 namespace {
 
 using namespace std::chrono_literals;
+using test::RawServer;
 using test::TempDir;
 
-constexpr auto kWait = 20s;
-
-// A loopback HTTP/1.1 peer that sees requests byte for byte, for what a structured server
-// hides (header order, connection reuse) or will not do (hang, cut a response short). One
-// connection at a time; until listen() its port refuses connections.
-class RawServer {
-public:
-    // Writes the response to fd; answers whether to keep reading requests on it.
-    using Handler = std::function<bool(int fd, const std::string& request)>;
-
-    explicit RawServer(Handler handler) : handler_(std::move(handler)) {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&address), length), 0);
-        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
-        url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/api/event_batches";
-    }
-    ~RawServer() {
-        ::shutdown(fd_, SHUT_RDWR);
-        setConnection(-1);
-        if (thread_.joinable()) thread_.join();
-        ::close(fd_);
-    }
-
-    void listen() {
-        ASSERT_EQ(::listen(fd_, 16), 0);
-        thread_ = std::thread([this] {
-            for (int connection; (connection = ::accept(fd_, nullptr, nullptr)) >= 0; ::close(connection)) {
-                ++accepted_;
-                setConnection(connection);
-                for (std::string request; !(request = readRequest(connection)).empty();) {
-                    if (!handler_(connection, request)) break;
-                }
-                setConnection(-1);
-            }
-        });
-    }
-    const std::string& url() const { return url_; }
-    int accepted() const { return accepted_.load(); }
-    std::vector<std::string> requests() const {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
-    bool waitForRequests(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kWait, [&] { return requests_.size() >= count; });
-    }
-
-    static void respond(int fd, const std::string& bytes) { ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
-    // Holds the connection without answering until the client gives up on it.
-    static bool hang(int fd, const std::string&) {
-        for (char byte; ::recv(fd, &byte, 1, 0) > 0;) {
-        }
-        return false;
-    }
-
-private:
-    // The next whole request, recorded; empty once the peer has gone.
-    std::string readRequest(int fd) {
-        std::string data;
-        for (char buffer[4096];;) {
-            const auto end = data.find("\r\n\r\n");
-            const auto at = data.find("Content-Length: ");
-            if (end != std::string::npos &&
-                data.size() >= end + 4 + (at < end ? std::stoul(data.substr(at + 16)) : 0)) {
-                break;
-            }
-            const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-            if (got <= 0) return {};
-            data.append(buffer, static_cast<std::size_t>(got));
-        }
-        std::lock_guard lock(mutex_);
-        requests_.push_back(data);
-        changed_.notify_all();
-        return data;
-    }
-    // Shuts the connection being replaced, so that a hanging handler ends with the server.
-    void setConnection(int connection) {
-        std::lock_guard lock(mutex_);
-        if (connection < 0 && connection_ >= 0) ::shutdown(connection_, SHUT_RDWR);
-        connection_ = connection;
-    }
-
-    Handler handler_;
-    int fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-    std::string url_;
-    std::atomic<int> accepted_{0};
-    std::thread thread_;
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> requests_;
-    int connection_ = -1;
-};
+constexpr auto kWait = RawServer::kWait;
 
 bool answerCreated(int fd, const std::string&) {
     RawServer::respond(fd, "HTTP/1.1 201 Created\r\nContent-Length: 13\r\n\r\n{\"message\":1}");
@@ -268,9 +173,14 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
         RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n{\"mess");
         return false;
     });
+    RawServer endless([](int fd, const std::string&) {
+        // An answer that would go on far longer than any service's.
+        RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Length: 4000000\r\n\r\n" + std::string(2000000, 'x'));
+        return false;
+    });
     RawServer refusing(RawServer::hang);  // bound, never listening
     RawServer server(answerCreated);
-    for (RawServer* listening : {&hung, &cutShort, &server}) listening->listen();
+    for (RawServer* listening : {&hung, &cutShort, &endless, &server}) listening->listen();
     auto factory = makeFactory();
     auto configuration = UrlSessionConfiguration::defaultSessionConfiguration();
     configuration.timeoutIntervalForRequest = 1.0;
@@ -284,6 +194,7 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
         {uploadRequest(hung.url(), 3), URLError::timedOut},
         {uploadRequest(refusing.url(), 3), URLError::cannotConnectToHost},
         {uploadRequest(cutShort.url(), 3), URLError::networkConnectionLost},
+        {uploadRequest(endless.url(), 3), URLError::badServerResponse},
         // Refused before connecting.
         {uploadRequest("http://collector.invalid/api/event_batches", 3), URLError::unsupportedURL},
         {uploadRequest("ftp://127.0.0.1:9/x", 3), URLError::unsupportedURL},
@@ -322,6 +233,53 @@ TEST_F(CurlUrlSessionTest, FailuresBecomeUrlErrorsAndRefusedRequestsNeverConnect
     session->uploadTaskWithRequest(uploadRequest(server.url(), 3), "abc")->resume();
     ASSERT_TRUE(delegate_->waitFor(cases.size() + 2));
     EXPECT_EQ(delegate_->lines().back(), kDelivered);
+}
+
+// A server that keeps the connection alive with a byte now and then never trips the idle
+// time-out; the floor on the average rate fails it like a hung one (a background task waits
+// for its retry), while a large body taken at a modest, steady rate for longer than the
+// window goes through.
+TEST_F(CurlUrlSessionTest, TransferBelowTheProgressFloorTimesOutButASteadyLargeUploadDoesNot) {
+    const auto trickle = [](int fd, const std::string&) {
+        RawServer::respond(fd, "HTTP/1.1 201 Created\r\nContent-Length: 1000\r\n\r\n");
+        for (int sent = 0; sent < 1000 && ::send(fd, "x", 1, MSG_NOSIGNAL) == 1; ++sent) {
+            std::this_thread::sleep_for(200ms);
+        }
+        return false;
+    };
+    RawServer foregroundTrickle(trickle), backgroundTrickle(trickle), slowReader(answerCreated);
+    // Twice as long as the window, and the sender's socket buffer alone holds more than the
+    // window's worth: progress is what the peer has taken, not what the kernel has queued.
+    slowReader.readSlowly(2 << 20);
+    for (RawServer* server : {&foregroundTrickle, &backgroundTrickle, &slowReader}) server->listen();
+    auto factory = makeFactory();
+    const auto withShortWindow = [](UrlSessionConfiguration configuration) {
+        configuration.lowSpeedWindow = 1.0;  // the idle time-out stays at 60 s
+        return configuration;
+    };
+    auto backgroundDelegate = std::make_shared<Recorder>();
+    auto background = factory->makeSession(
+        withShortWindow(UrlSessionConfiguration::backgroundSessionConfigurationWithIdentifier("slow")),
+        backgroundDelegate);
+    background->uploadTaskWithRequestFromFile(uploadRequest(backgroundTrickle.url(), 3), bodyFile("batch", "abc"))
+        ->resume();
+    auto session = factory->makeSession(withShortWindow(UrlSessionConfiguration::defaultSessionConfiguration()),
+                                        delegate_);
+    session->uploadTaskWithRequest(uploadRequest(foregroundTrickle.url(), 3), "abc")->resume();
+    auto largeDelegate = std::make_shared<Recorder>();
+    auto largeSession = factory->makeSession(
+        withShortWindow(UrlSessionConfiguration::defaultSessionConfiguration()), largeDelegate);
+    const std::string large = binaryBody(4 << 20);
+    largeSession->uploadTaskWithRequest(uploadRequest(slowReader.url(), large.size()), large)->resume();
+
+    ASSERT_TRUE(delegate_->waitFor(1));
+    EXPECT_EQ(delegate_->lines()[0], "error -1001 The request timed out.");
+    ASSERT_TRUE(largeDelegate->waitFor(1));
+    EXPECT_EQ(largeDelegate->lines()[0], kDelivered);
+    EXPECT_TRUE(bodyOf(slowReader.requests().at(0)) == large);
+    runLoop_->runUntilIdle();  // until the background transfer has failed as well
+    EXPECT_EQ(runLoop_->nextPendingDelay(), CurlUrlSessionOptions{}.backgroundRetryDelay) << "a retry is due";
+    EXPECT_TRUE(backgroundDelegate->lines().empty());
 }
 
 TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBack) {
@@ -365,8 +323,13 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsRetriedUntilTheServiceAndNetworkAreBa
 // session replaced while still held hands it over the same way and then stays silent.
 TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledUntilDeliveredAndResentAfterARelaunchOrATakeOver) {
     std::atomic<int> seen{0};
-    RawServer server([&seen](int fd, const std::string& request) {
-        return seen++ == 0 ? RawServer::hang(fd, request) : answerCreated(fd, request);
+    std::promise<void> restoredSeen;  // the resent request waits until the test has looked
+    const auto looked = restoredSeen.get_future().share();
+    RawServer server([&seen, looked](int fd, const std::string& request) {
+        const int number = seen++;
+        if (number == 0) return RawServer::hang(fd, request);
+        if (number == 1) looked.wait_for(kWait);
+        return answerCreated(fd, request);
     });
     server.listen();
     const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", "bg");
@@ -388,6 +351,7 @@ TEST_F(CurlUrlSessionTest, BackgroundTaskIsJournaledUntilDeliveredAndResentAfter
     relaunched->journal_ = journal.file();
     auto session = backgroundSession(factory, "bg", relaunched);
     EXPECT_EQ(session->allTasks().size(), 1u);
+    restoredSeen.set_value();
     ASSERT_TRUE(relaunched->waitFor(3));
     // Removed from the disk only after the delegate had the outcome.
     EXPECT_EQ(relaunched->lines(), (std::vector<std::string>{"resend", kDelivered + " (journaled)", "finish"}));
@@ -463,6 +427,36 @@ TEST_F(CurlUrlSessionTest, InvalidateAndCancelEndsEverythingThenRefusesTasks) {
     EXPECT_TRUE(session->allTasks().empty());
     EXPECT_EQ(console.lines().size(), 1u);
     EXPECT_EQ(hung.accepted(), 1);
+}
+
+// The caller may let the session go right after invalidating it, as the API client does: the
+// session still ends its running and its waiting task, tells its delegate, and has already
+// forgotten them on disk, so that no later process sends them.
+TEST_F(CurlUrlSessionTest, InvalidatedBackgroundSessionCancelsEveryTaskAndForgetsThemAtOnce) {
+    RawServer refusing(answerCreated);  // never listening: its task waits for a retry
+    RawServer holding(RawServer::hang);
+    holding.listen();
+    const BackgroundTaskJournal journal(dir_ / "BackgroundSessions", "bg");
+    delegate_->journal_ = journal.file();
+    auto session = backgroundSession(makeFactory(), "bg");
+    session->uploadTaskWithRequestFromFile(uploadRequest(refusing.url(), 3), bodyFile("waiting", "abc"))->resume();
+    session->uploadTaskWithRequestFromFile(uploadRequest(holding.url(), 3), bodyFile("running", "abc"))->resume();
+    ASSERT_TRUE(holding.waitForRequests(1));
+    ASSERT_EQ(BackgroundTaskJournal(dir_ / "BackgroundSessions", "bg").load().size(), 2u);
+
+    session->invalidateAndCancel();
+    EXPECT_FALSE(std::filesystem::exists(journal.file())) << "forgotten before the call returns";
+    session.reset();
+    ASSERT_TRUE(delegate_->waitFor(3));  // long before the held request's time-out
+    const std::string cancelled = "error -999 cancelled";
+    EXPECT_EQ(delegate_->lines(), (std::vector<std::string>{cancelled, cancelled, "invalid"}));
+
+    auto relaunched = std::make_shared<Recorder>();
+    EXPECT_TRUE(backgroundSession(makeFactory(), "bg", relaunched)->allTasks().empty());
+    runLoop_->fastForwardBy(3600);  // past every retry the old session had planned
+    EXPECT_EQ(holding.accepted(), 1);
+    EXPECT_TRUE(relaunched->lines().empty());
+    EXPECT_EQ(delegate_->lines().size(), 3u);
 }
 
 using CurlUrlSessionDeathTest = CurlUrlSessionTest;

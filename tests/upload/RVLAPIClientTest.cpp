@@ -2,15 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+
 #include "core/DebugEventsManager.h"
 #include "core/UserDefaultsManager.h"
 #include "events/EventRepository.h"
 #include "platform/linux/FileKeychain.h"
+#include "support/RawServer.h"
 #include "support/TestSupport.h"
+#include "support/UploadStack.h"
+#include "upload/BackgroundTaskJournal.h"
 #include "upload/CredentialsManager.h"
+#include "upload/CurlUrlSession.h"
 #include "upload/RVLCommons.h"
 #include "util/DeviceUtil.h"
 #include "util/InMemoryKeyValueStore.h"
+#include "util/SerialExecutor.h"
 #include "util/VirtualRunLoop.h"
 
 namespace rovalis {
@@ -452,6 +459,61 @@ TEST_F(APIClientTest, CompletionHandlerAndInvalidationBlockRunOnce) {
     client_->didBecomeInvalidWithError(*before, std::nullopt);  // a second report finds no block
     EXPECT_EQ(calls, 11);
     EXPECT_NE(client_->backgroundURLSession(), before);
+    // With no session to invalidate (none has been needed yet), the block runs at once.
+    client_->invalidateAndCancelForegroundSession([&calls] { calls += 100; });
+    EXPECT_EQ(calls, 111);
+}
+
+// Over real sessions: an upload left pending by an earlier process is answered while the
+// answer to a foreground upload is half in. Task identifiers start at 1 in each session, so
+// both tasks are number 1; each outcome still carries its own body and nothing else.
+TEST_F(APIClientTest, EachTaskKeepsItsOwnResponseBodyWhenAnswersInterleave) {
+    std::promise<void> foregroundHalfSent, backgroundTold;
+    const auto halfSent = foregroundHalfSent.get_future();
+    const auto told = backgroundTold.get_future();
+    test::RawServer foregroundServer([&](int fd, const std::string&) {
+        test::RawServer::respond(fd, "HTTP/1.1 503 Service Unavailable\r\nContent-Length: 17\r\n\r\nforeground");
+        foregroundHalfSent.set_value();
+        told.wait_for(test::RawServer::kWait);
+        test::RawServer::respond(fd, " answer");
+        return false;
+    });
+    test::RawServer backgroundServer([&](int fd, const std::string&) {
+        halfSent.wait_for(test::RawServer::kWait);
+        test::RawServer::respond(fd,
+                                 "HTTP/1.1 500 Internal Server Error\r\nContent-Length: 17\r\n\r\nbackground answer");
+        return false;
+    });
+    foregroundServer.listen();
+    backgroundServer.listen();
+    const fs::path journals = dir_ / "BackgroundSessions";
+    const auto batch = commons_->writeBackgroundTaskFileWithData("left batch", Date{100});
+    ASSERT_TRUE(batch);
+    UrlRequest left = makeEventBatchRequest(backgroundServer.baseURL(), std::nullopt, "ua", 10);
+    left.properties["timestamp"] = Date{100};
+    ASSERT_TRUE(BackgroundTaskJournal(journals, kRVLBackgroundSessionIdentifier)
+                    .store({JournaledTask{1, left, *batch, clock_->now()}}));
+
+    const auto observer = std::make_shared<test::UploadObserver>();
+    std::promise<Error> foregroundFailure;  // outlives the client, which holds its callback
+    const auto client = RVLAPIClient::create(
+        foregroundServer.baseURL(), defaults_, defaults_, repository_, credentials_, credentials_, credentials_,
+        debugEvents_, std::make_shared<CurlUrlSessionFactory>(journals, nullptr, main_, clock_), commons_,
+        std::make_shared<SerialExecutor>("APIClientTest.main"), {});
+    client->setSdkDelegate(observer);
+    client->sendEvents("gzip-bytes", Date{1}, Date{2}, BatchIdentity{"B-1", 0}, [](const auto&) {},
+                       [&](const Error& error) { foregroundFailure.set_value(error); });
+    const auto backgroundOutcome = observer->waitForUploads(1);
+    backgroundTold.set_value();
+    ASSERT_EQ(backgroundOutcome.size(), 1u);
+    ASSERT_TRUE(backgroundOutcome[0].error);
+    EXPECT_EQ(backgroundOutcome[0].error->code, 500);
+    EXPECT_EQ(backgroundOutcome[0].error->localizedDescription, "background answer");
+    auto foregroundOutcome = foregroundFailure.get_future();
+    ASSERT_EQ(foregroundOutcome.wait_for(test::RawServer::kWait), std::future_status::ready);
+    const Error foregroundError = foregroundOutcome.get();
+    EXPECT_EQ(foregroundError.code, 503);
+    EXPECT_EQ(foregroundError.localizedDescription, "foreground answer");
 }
 
 TEST(RVLCommons, BackgroundFilesAreNamedByMillisecondsAndPrivate) {

@@ -19,6 +19,7 @@
 #include "upload/ReachabilityTracker.h"
 #include "util/InMemoryKeyValueStore.h"
 #include "util/SerialExecutor.h"
+#include "util/SettableDateSource.h"
 #include "util/WorkTracker.h"
 
 namespace rovalis {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include "support/TestSupport.h"
 #include "util/DeviceUtil.h"
@@ -70,6 +71,42 @@ TEST_F(DeviceListTest, OwnFolderIsPreferredOverTheResourceDirectory) {
     writeList(R"j({"a": {"name": "from the resource directory", "version": 1}})j");
     writeList(R"({"a": {"name": "from its own folder", "version": 1}})", "DeviceUtil");
     EXPECT_EQ(RVL_DeviceUtil::getDeviceList()->at("a").at("name"), "from its own folder");
+}
+
+// Without an override, as an installed SDK looks: the environment, the installed data beside the
+// program (which links the library statically), then the build tree's fallback; the first
+// directory that holds the list is read.
+class DeviceListLookup : public ::testing::Test {
+protected:
+    DeviceListLookup() {
+        if (const char* previous = std::getenv("ROVALIS_RESOURCE_DIR")) saved_ = previous;
+        ::setenv("ROVALIS_RESOURCE_DIR", fromEnvironment.path().c_str(), 1);
+    }
+    ~DeviceListLookup() override {
+        if (saved_) {
+            ::setenv("ROVALIS_RESOURCE_DIR", saved_->c_str(), 1);
+        } else {
+            ::unsetenv("ROVALIS_RESOURCE_DIR");
+        }
+    }
+
+    test::TempDir fromEnvironment;
+
+private:
+    std::optional<std::string> saved_;
+};
+
+TEST_F(DeviceListLookup, EnvironmentThenInstalledDataThenFallback) {
+    const auto program = std::filesystem::read_symlink("/proc/self/exe");
+    EXPECT_EQ(RVL_DeviceUtil::resourceDirectories(),
+              (std::vector<std::filesystem::path>{fromEnvironment.path(),
+                                                  (program.parent_path() / ROVALIS_DATA_FROM_BINDIR).lexically_normal(),
+                                                  ROVALIS_SOURCE_DATA_DIR}));
+    const auto shipped = RVL_DeviceUtil::getDeviceList();
+    ASSERT_TRUE(shipped.has_value());
+    EXPECT_FALSE(shipped->contains("a"));
+    test::writeFile(fromEnvironment / "DeviceList.json", R"({"a": {"name": "from the environment", "version": 1}})");
+    EXPECT_EQ(RVL_DeviceUtil::getDeviceList()->at("a").at("name"), "from the environment");
 }
 
 TEST(DeviceUtil, SimpleDescriptionDropsSuffixesButKeepsGenerations) {

@@ -3,13 +3,13 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
-#include <initializer_list>
+#include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <set>
-#include <stdexcept>
 #include <vector>
 
 namespace rovalis::collector {
@@ -151,8 +151,10 @@ const std::vector<std::string_view> debugTopics = {"Application Notification", "
 const std::vector<std::string_view> activityKinds = {"stationary", "walking", "running",
                                                      "automotive", "cycling", "unknown"};
 
+// The most frequent kinds first: a day's events are nearly all accelerations and fixes.
 const std::vector<Kind>& eventKinds() {
     static const std::vector<Kind> kinds = {
+        {"Acceleration", "type", {{"magnitude", Shape::number}}},
         {"Waypoint",
          "type",
          {{"accuracy", Shape::accuracy},
@@ -202,7 +204,6 @@ const std::vector<Kind>& eventKinds() {
          {{"toggle_tracking_reason", Shape::oneOf, trackingReasons}, {"toggle_tracking_state", Shape::boolean}}},
         {"ToggleStandby", "type", {{"toggle_standby_reason", Shape::text}, {"toggle_standby_state", Shape::boolean}}},
         {"Debug", "type", {{"comment", Shape::text}, {"topic", Shape::oneOf, debugTopics}}},
-        {"Acceleration", "type", {{"magnitude", Shape::number}}},
         {"IOSActivity", "type", {{"activities", Shape::activities}, {"confidence", Shape::confidence}}},
         {"BeaconScan", "type", {{"beacons", Shape::beacons}}},
         {"IBeacon",
@@ -215,24 +216,12 @@ const std::vector<Kind>& eventKinds() {
 
 const Kind* findKind(std::string_view discriminator, std::string_view name) {
     for (const auto& kind : eventKinds()) {
-        if (kind.discriminator == discriminator && kind.name == name) return &kind;
+        if (kind.name == name && kind.discriminator == discriminator) return &kind;
     }
     return nullptr;
 }
 
-bool fitsInt64(const json& value) {
-    if (value.is_number_unsigned()) {
-        return value.get<std::uint64_t>() <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    }
-    return value.is_number_integer();
-}
-
-bool inRange(const json& value, double low, double high) {
-    const double number = value.get<double>();
-    return number >= low && number <= high;
-}
-
-bool isUuidText(const std::string& text) {
+bool isUuidText(std::string_view text) {
     if (text.size() != 36) return false;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
@@ -251,86 +240,518 @@ std::string listOf(const std::vector<std::string_view>& allowed) {
     return out;
 }
 
-std::optional<std::string> checkObject(const json& object, const std::string& where);
+// ---- Reading the document ----
+//
+// One pass over the text, with no tree: each event's members are noted (key, kind of value,
+// the value's text) in a buffer reused from event to event, and checked against the event's
+// kind when its object closes. A refusal of the whole document (not JSON, a duplicate key,
+// nesting deeper than any event needs) ends the reading at once; the first event that does
+// not fit its kind is remembered and refused once the whole text has been read, so that a
+// text that is not JSON is always refused as such, as a parser that builds the tree would.
+
+struct Refusal {
+    int status;
+    std::string message;
+};
+
+// The deepest legitimate value is a sighting inside a scan inside the events list.
+constexpr int maxDepth = 8;
+
+enum class Token { object, array, string, integer, number, boolean, null };
+
+const char* nameOf(Token token) {
+    switch (token) {
+    case Token::object: return "object";
+    case Token::array: return "array";
+    case Token::string: return "string";
+    case Token::integer:
+    case Token::number: return "number";
+    case Token::boolean: return "boolean";
+    case Token::null: return "null";
+    }
+    return "value";
+}
+
+struct Value {
+    Token token = Token::null;
+    std::string_view text;  // the value's JSON text; a string's without its quotes
+    bool escaped = false;   // a string that holds escapes
+};
+
+struct Member {
+    std::string_view rawKey;  // as written, without quotes
+    std::string decodedKey;   // when the key holds escapes
+    bool escaped = false;
+    Value value;
+
+    std::string_view key() const { return escaped ? std::string_view(decodedKey) : rawKey; }
+};
+
+using Members = std::vector<Member>;
+
+// Bytes that stand for themselves inside a string: printable ASCII but the quote and the
+// backslash.
+constexpr std::array<bool, 256> plainStringBytes = [] {
+    std::array<bool, 256> plain{};
+    for (int c = 0x20; c < 0x80; ++c) plain[static_cast<std::size_t>(c)] = c != '"' && c != '\\';
+    return plain;
+}();
+
+unsigned hexValue(char c) {
+    if (c >= '0' && c <= '9') return static_cast<unsigned>(c - '0');
+    if (c >= 'a' && c <= 'f') return static_cast<unsigned>(c - 'a' + 10);
+    if (c >= 'A' && c <= 'F') return static_cast<unsigned>(c - 'A' + 10);
+    return 16;
+}
+
+void appendUtf8(std::string& out, std::uint32_t code) {
+    if (code < 0x80) {
+        out.push_back(static_cast<char>(code));
+    } else if (code < 0x800) {
+        out.push_back(static_cast<char>(0xC0 | (code >> 6)));
+        out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    } else if (code < 0x10000) {
+        out.push_back(static_cast<char>(0xE0 | (code >> 12)));
+        out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    } else {
+        out.push_back(static_cast<char>(0xF0 | (code >> 18)));
+        out.push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+        out.push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    }
+}
+
+// The text of a string already read (so known to be well formed), its escapes resolved.
+std::string decoded(std::string_view raw) {
+    std::string out;
+    out.reserve(raw.size());
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '\\') {
+            out.push_back(raw[i]);
+            continue;
+        }
+        const char escape = raw[++i];
+        switch (escape) {
+        case 'b': out.push_back('\b'); break;
+        case 'f': out.push_back('\f'); break;
+        case 'n': out.push_back('\n'); break;
+        case 'r': out.push_back('\r'); break;
+        case 't': out.push_back('\t'); break;
+        case 'u': {
+            const auto unit = [&raw](std::size_t at) {
+                std::uint32_t code = 0;
+                for (std::size_t k = 0; k < 4; ++k) code = code * 16 + hexValue(raw[at + k]);
+                return code;
+            };
+            std::uint32_t code = unit(i + 1);
+            i += 4;
+            if (code >= 0xD800 && code <= 0xDBFF) {
+                code = 0x10000 + ((code - 0xD800) << 10) + (unit(i + 3) - 0xDC00);
+                i += 6;
+            }
+            appendUtf8(out, code);
+            break;
+        }
+        default: out.push_back(escape); break;  // '"', '\\', '/'
+        }
+    }
+    return out;
+}
+
+// A string value's text: its bytes, or with escapes resolved into `scratch`.
+std::string_view contentOf(const Value& value, std::string& scratch) {
+    if (!value.escaped) return value.text;
+    scratch = decoded(value.text);
+    return scratch;
+}
+
+bool fitsInt64(const Value& value) {
+    if (value.token != Token::integer) return false;
+    std::int64_t number = 0;
+    const auto result = std::from_chars(value.text.data(), value.text.data() + value.text.size(), number);
+    return result.ec == std::errc() && result.ptr == value.text.data() + value.text.size();
+}
+
+std::int64_t int64Of(const Value& value) {
+    std::int64_t number = 0;
+    std::from_chars(value.text.data(), value.text.data() + value.text.size(), number);
+    return number;
+}
+
+double doubleOf(const Value& value) {
+    double number = 0;
+    std::from_chars(value.text.data(), value.text.data() + value.text.size(), number);
+    return number;
+}
+
+bool isNumber(const Value& value) { return value.token == Token::integer || value.token == Token::number; }
+
+class Reader {
+public:
+    explicit Reader(std::string_view text) : text_(text) {}
+
+    std::size_t position() const { return position_; }
+    bool atEnd() const { return position_ >= text_.size(); }
+    char peek() const { return position_ < text_.size() ? text_[position_] : '\0'; }
+
+    void skipSpace() {
+        while (position_ < text_.size()) {
+            const char c = text_[position_];
+            if (c != ' ' && c != '\t' && c != '\n' && c != '\r') return;
+            ++position_;
+        }
+    }
+
+    // Any value, read and checked whole.
+    Value value() {
+        skipSpace();
+        const std::size_t start = position_;
+        switch (peek()) {
+        case '{': {
+            Members members;
+            object(members, [this](Member& member) { member.value = value(); });
+            return {Token::object, text_.substr(start, position_ - start)};
+        }
+        case '[':
+            array([this](std::size_t) { value(); });
+            return {Token::array, text_.substr(start, position_ - start)};
+        case '"': {
+            Value text;
+            text.token = Token::string;
+            text.text = string(text.escaped);
+            return text;
+        }
+        case 't': return literal("true", Token::boolean);
+        case 'f': return literal("false", Token::boolean);
+        case 'n': return literal("null", Token::null);
+        default: return number();
+        }
+    }
+
+    // The object at the position, its members noted in `members` (whose first elements are
+    // reused) and each value read by readValue(member). Returns how many members it has.
+    template <typename ReadValue>
+    std::size_t object(Members& members, ReadValue readValue) {
+        enter();
+        ++position_;
+        std::size_t count = 0;
+        skipSpace();
+        if (peek() == '}') {
+            ++position_;
+            --depth_;
+            return 0;
+        }
+        while (true) {
+            skipSpace();
+            if (peek() != '"') notJson("a key was expected");
+            if (count == members.size()) members.emplace_back();
+            Member& member = members[count++];
+            member.rawKey = string(member.escaped);
+            if (member.escaped) member.decodedKey = decoded(member.rawKey);
+            for (std::size_t i = 0; i + 1 < count; ++i) {
+                if (members[i].key() == member.key()) throw Refusal{422, "duplicate key " + showText(member.key())};
+            }
+            skipSpace();
+            if (peek() != ':') notJson("':' was expected after a key");
+            ++position_;
+            skipSpace();
+            readValue(member);
+            skipSpace();
+            if (peek() == ',') {
+                ++position_;
+                continue;
+            }
+            if (peek() != '}') notJson("',' or '}' was expected");
+            ++position_;
+            --depth_;
+            return count;
+        }
+    }
+
+    // The array at the position, each element read by readElement(index).
+    template <typename ReadElement>
+    void array(ReadElement readElement) {
+        enter();
+        ++position_;
+        skipSpace();
+        if (peek() == ']') {
+            ++position_;
+            --depth_;
+            return;
+        }
+        for (std::size_t index = 0;; ++index) {
+            skipSpace();
+            readElement(index);
+            skipSpace();
+            if (peek() == ',') {
+                ++position_;
+                continue;
+            }
+            if (peek() != ']') notJson("',' or ']' was expected");
+            ++position_;
+            --depth_;
+            return;
+        }
+    }
+
+    [[noreturn]] void notJson(const std::string& what) const {
+        throw Refusal{400, "the batch document is not JSON: " + what + " at byte " + std::to_string(position_)};
+    }
+
+private:
+    void enter() {
+        if (++depth_ > maxDepth) throw Refusal{422, "the batch document is nested deeper than any event needs"};
+    }
+
+    // The string at the position, without its quotes.
+    std::string_view string(bool& escaped) {
+        const std::size_t start = ++position_;
+        escaped = false;
+        while (true) {
+            while (position_ < text_.size() && plainStringBytes[static_cast<unsigned char>(text_[position_])]) {
+                ++position_;
+            }
+            if (atEnd()) notJson("a string is not closed");
+            const auto c = static_cast<unsigned char>(text_[position_]);
+            if (c == '"') return text_.substr(start, position_++ - start);
+            if (c == '\\') {
+                escaped = true;
+                escape();
+            } else if (c < 0x20) {
+                notJson("a control character in a string");
+            } else {
+                multiByteCharacter();
+            }
+        }
+    }
+
+    void escape() {
+        const char c = position_ + 1 < text_.size() ? text_[position_ + 1] : '\0';
+        if (c == '"' || c == '\\' || c == '/' || c == 'b' || c == 'f' || c == 'n' || c == 'r' || c == 't') {
+            position_ += 2;
+            return;
+        }
+        if (c != 'u') notJson("an invalid escape in a string");
+        const std::uint32_t unit = codeUnit();
+        if (unit >= 0xDC00 && unit <= 0xDFFF) notJson("a low surrogate without a high one");
+        if (unit >= 0xD800 && unit <= 0xDBFF) {
+            if (peek() != '\\' || position_ + 1 >= text_.size() || text_[position_ + 1] != 'u') {
+                notJson("a high surrogate without a low one");
+            }
+            const std::uint32_t low = codeUnit();
+            if (low < 0xDC00 || low > 0xDFFF) notJson("a high surrogate without a low one");
+        }
+    }
+
+    // "\uXXXX" at the position.
+    std::uint32_t codeUnit() {
+        if (position_ + 6 > text_.size()) notJson("a \\u escape is cut short");
+        std::uint32_t code = 0;
+        for (std::size_t k = 2; k < 6; ++k) {
+            const unsigned digit = hexValue(text_[position_ + k]);
+            if (digit > 15) notJson("a \\u escape without four hex digits");
+            code = code * 16 + digit;
+        }
+        position_ += 6;
+        return code;
+    }
+
+    // Well-formed UTF-8 only: no overlong forms, no surrogates, nothing above U+10FFFF.
+    void multiByteCharacter() {
+        const auto at = [this](std::size_t k) {
+            return position_ + k < text_.size() ? static_cast<unsigned char>(text_[position_ + k]) : 0u;
+        };
+        const unsigned lead = at(0);
+        std::size_t length = 0;
+        unsigned low = 0x80, high = 0xBF;
+        if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            if (lead == 0xE0) low = 0xA0;
+            if (lead == 0xED) high = 0x9F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            if (lead == 0xF0) low = 0x90;
+            if (lead == 0xF4) high = 0x8F;
+        } else {
+            notJson("ill-formed UTF-8 in a string");
+        }
+        if (at(1) < low || at(1) > high) notJson("ill-formed UTF-8 in a string");
+        for (std::size_t k = 2; k < length; ++k) {
+            if (at(k) < 0x80 || at(k) > 0xBF) notJson("ill-formed UTF-8 in a string");
+        }
+        position_ += length;
+    }
+
+    Value literal(std::string_view word, Token token) {
+        if (text_.substr(position_, word.size()) != word) notJson("an unknown literal");
+        position_ += word.size();
+        return {token, word};
+    }
+
+    bool digit() const { return peek() >= '0' && peek() <= '9'; }
+
+    std::size_t digits() {
+        const std::size_t start = position_;
+        while (digit()) ++position_;
+        return position_ - start;
+    }
+
+    Value number() {
+        const std::size_t start = position_;
+        if (peek() == '-') ++position_;
+        if (peek() == '0') {
+            ++position_;
+        } else if (digits() == 0) {
+            notJson("a value was expected");
+        }
+        Token token = Token::integer;
+        if (peek() == '.') {
+            ++position_;
+            if (digits() == 0) notJson("a number without digits after its point");
+            token = Token::number;
+        }
+        std::size_t exponentDigits = 0;
+        if (peek() == 'e' || peek() == 'E') {
+            ++position_;
+            if (peek() == '+' || peek() == '-') ++position_;
+            exponentDigits = digits();
+            if (exponentDigits == 0) notJson("a number without digits in its exponent");
+            token = Token::number;
+        }
+        const std::string_view text = text_.substr(start, position_ - start);
+        // Only a long number or a large exponent can be beyond a double's range, which JSON
+        // readers refuse as they do a syntax error.
+        if (exponentDigits >= 3 || text.size() > 300) {
+            if (std::isinf(std::strtod(std::string(text).c_str(), nullptr))) notJson("a number out of range");
+        }
+        return {token, text};
+    }
+
+    std::string_view text_;
+    std::size_t position_ = 0;
+    int depth_ = 0;
+};
+
+const Member* findMember(const Members& members, std::size_t count, std::string_view key) {
+    for (std::size_t i = 0; i < count; ++i) {
+        if (members[i].key() == key) return &members[i];
+    }
+    return nullptr;
+}
+
+std::optional<std::string> checkObject(const Members& members, std::size_t count, const Kind*& kind,
+                                       std::int64_t& trackedAtMs);
 
 // Empty when the value has the field's shape; otherwise what is wrong with it.
-std::optional<std::string> checkValue(const Field& field, const json& value, const std::string& where) {
-    const std::string key = "key " + showText(field.key);
+std::optional<std::string> checkValue(const Field& field, const Value& value) {
+    const auto key = [&field] { return "key " + showText(field.key); };
     auto wrongType = [&](const char* expected) {
-        return key + " must be " + expected + ", found " + value.type_name();
+        return key() + " must be " + expected + ", found " + nameOf(value.token);
     };
+    std::string scratch;
     switch (field.shape) {
         case Shape::number:
-            if (!value.is_number()) return wrongType("a number");
+            if (!isNumber(value)) return wrongType("a number");
             return std::nullopt;
         case Shape::integer:
-            if (!value.is_number_integer() || !fitsInt64(value)) return wrongType("an integer");
+            if (!fitsInt64(value)) return wrongType("an integer");
             return std::nullopt;
         case Shape::boolean:
-            if (!value.is_boolean()) return wrongType("true or false");
+            if (value.token != Token::boolean) return wrongType("true or false");
             return std::nullopt;
         case Shape::text:
-            if (!value.is_string()) return wrongType("a string");
+            if (value.token != Token::string) return wrongType("a string");
             return std::nullopt;
-        case Shape::oneOf:
-            if (!value.is_string()) return wrongType("a string");
-            if (std::find(field.allowed.begin(), field.allowed.end(), value.get<std::string>()) ==
-                field.allowed.end()) {
-                return key + " must be one of " + listOf(field.allowed) + ", found " + showText(value.get<std::string>());
+        case Shape::oneOf: {
+            if (value.token != Token::string) return wrongType("a string");
+            const std::string_view text = contentOf(value, scratch);
+            if (std::find(field.allowed.begin(), field.allowed.end(), text) == field.allowed.end()) {
+                return key() + " must be one of " + listOf(field.allowed) + ", found " + showText(text);
             }
             return std::nullopt;
+        }
         case Shape::latitude:
-            if (!value.is_number()) return wrongType("a number");
-            if (!inRange(value, -90, 90)) return key + " is outside -90..90: " + value.dump();
+            if (!isNumber(value)) return wrongType("a number");
+            if (const double number = doubleOf(value); !(number >= -90 && number <= 90)) {
+                return key() + " is outside -90..90: " + std::string(value.text);
+            }
             return std::nullopt;
         case Shape::longitude:
-            if (!value.is_number()) return wrongType("a number");
-            if (!inRange(value, -180, 180)) return key + " is outside -180..180: " + value.dump();
+            if (!isNumber(value)) return wrongType("a number");
+            if (const double number = doubleOf(value); !(number >= -180 && number <= 180)) {
+                return key() + " is outside -180..180: " + std::string(value.text);
+            }
             return std::nullopt;
         case Shape::accuracy:
-            if (!value.is_number()) return wrongType("a number");
-            if (value.get<double>() < 0) return key + " is negative: " + value.dump();
+            if (!isNumber(value)) return wrongType("a number");
+            if (doubleOf(value) < 0) return key() + " is negative: " + std::string(value.text);
             return std::nullopt;
         case Shape::fraction:
-            if (!value.is_number()) return wrongType("a number");
-            if (!inRange(value, 0, 1)) return key + " is outside 0..1: " + value.dump();
+            if (!isNumber(value)) return wrongType("a number");
+            if (const double number = doubleOf(value); !(number >= 0 && number <= 1)) {
+                return key() + " is outside 0..1: " + std::string(value.text);
+            }
             return std::nullopt;
         case Shape::confidence:
-            if (!value.is_number_integer() || !fitsInt64(value)) return wrongType("an integer");
-            if (value.get<std::int64_t>() < 0 || value.get<std::int64_t>() > 2) {
-                return key + " must be 0, 1 or 2, found " + value.dump();
+            if (!fitsInt64(value)) return wrongType("an integer");
+            if (const std::int64_t number = int64Of(value); number < 0 || number > 2) {
+                return key() + " must be 0, 1 or 2, found " + std::string(value.text);
             }
             return std::nullopt;
-        case Shape::activities:
-            if (!value.is_array()) return wrongType("a list");
-            for (std::size_t i = 0; i < value.size(); ++i) {
-                const json& item = value[i];
-                if (!item.is_string() ||
-                    std::find(activityKinds.begin(), activityKinds.end(), item.get<std::string>()) ==
-                        activityKinds.end()) {
-                    return key + " item " + std::to_string(i) + " must be one of " + listOf(activityKinds) +
-                           ", found " + item.dump();
+        case Shape::activities: {
+            if (value.token != Token::array) return wrongType("a list");
+            // Read again from its text, which is known to be well formed.
+            std::optional<std::string> problem;
+            Reader items(value.text);
+            items.array([&](std::size_t index) {
+                const Value item = items.value();
+                if (problem) return;
+                const bool known = item.token == Token::string &&
+                                   std::find(activityKinds.begin(), activityKinds.end(), contentOf(item, scratch)) !=
+                                       activityKinds.end();
+                if (!known) {
+                    const std::string text = item.token == Token::string ? showText(contentOf(item, scratch))
+                                                                         : std::string(item.text);
+                    problem = key() + " item " + std::to_string(index) + " must be one of " + listOf(activityKinds) +
+                              ", found " + text;
                 }
-            }
-            return std::nullopt;
-        case Shape::beacons:
-            if (!value.is_array()) return wrongType("a list");
-            if (value.empty()) return key + " is an empty list";
-            for (std::size_t i = 0; i < value.size(); ++i) {
-                const std::string inner = where + ", beacon " + std::to_string(i);
-                if (!value[i].is_object()) {
-                    return "beacon " + std::to_string(i) + " must be an object, found " + value[i].type_name();
+            });
+            return problem;
+        }
+        case Shape::beacons: {
+            if (value.token != Token::array) return wrongType("a list");
+            std::optional<std::string> problem;
+            std::size_t sightings = 0;
+            Reader items(value.text);
+            items.array([&](std::size_t index) {
+                ++sightings;
+                const std::string which = "beacon " + std::to_string(index);
+                if (items.peek() != '{') {
+                    const Value item = items.value();
+                    if (!problem) problem = which + " must be an object, found " + nameOf(item.token);
+                    return;
                 }
-                if (auto problem = checkObject(value[i], inner)) {
-                    return "beacon " + std::to_string(i) + ": " + *problem;
+                Members members;
+                const std::size_t count = items.object(members, [&items](Member& member) { member.value = items.value(); });
+                if (problem) return;
+                const Kind* kind = nullptr;
+                std::int64_t time = 0;
+                if (auto wrong = checkObject(members, count, kind, time)) {
+                    problem = which + ": " + *wrong;
+                } else if (kind->discriminator != "protocol") {
+                    problem = which + " has no \"protocol\"";
                 }
-                if (!value[i].contains("protocol")) return "beacon " + std::to_string(i) + " has no \"protocol\"";
-            }
-            return std::nullopt;
+            });
+            if (!problem && sightings == 0) return key() + " is an empty list";
+            return problem;
+        }
         case Shape::uuid:
-            if (!value.is_string()) return wrongType("a string");
-            if (!isUuidText(value.get<std::string>())) {
-                return key + " is not a 36-character UUID: " + showText(value.get<std::string>());
+            if (value.token != Token::string) return wrongType("a string");
+            if (!isUuidText(contentOf(value, scratch))) {
+                return key() + " is not a 36-character UUID: " + showText(contentOf(value, scratch));
             }
             return std::nullopt;
     }
@@ -338,169 +759,47 @@ std::optional<std::string> checkValue(const Field& field, const json& value, con
 }
 
 // One event or sighting object: its discriminator, "tracked_at_ms", and exactly the keys of
-// its kind with their shapes.
-std::optional<std::string> checkObject(const json& object, const std::string& where) {
-    const bool hasType = object.contains("type");
-    const bool hasProtocol = object.contains("protocol");
-    if (hasType && hasProtocol) return std::string("has both \"type\" and \"protocol\"");
-    if (!hasType && !hasProtocol) return std::string("missing key \"type\"");
-    const std::string discriminator = hasType ? "type" : "protocol";
-    const json& name = object.at(discriminator);
-    if (!name.is_string()) return "key " + showText(discriminator) + " must be a string, found " + name.type_name();
-    const Kind* kind = findKind(discriminator, name.get<std::string>());
-    if (!kind) return "unknown " + discriminator + " " + showText(name.get<std::string>());
+// its kind with their shapes. On success, sets its kind and time.
+std::optional<std::string> checkObject(const Members& members, std::size_t count, const Kind*& kind,
+                                       std::int64_t& trackedAtMs) {
+    const Member* type = findMember(members, count, "type");
+    const Member* protocol = findMember(members, count, "protocol");
+    if (type && protocol) return std::string("has both \"type\" and \"protocol\"");
+    if (!type && !protocol) return std::string("missing key \"type\"");
+    const std::string_view discriminator = type ? "type" : "protocol";
+    const Value& name = (type ? type : protocol)->value;
+    if (name.token != Token::string) {
+        return "key " + showText(discriminator) + " must be a string, found " + nameOf(name.token);
+    }
+    std::string scratch;
+    kind = findKind(discriminator, contentOf(name, scratch));
+    if (!kind) return "unknown " + std::string(discriminator) + " " + showText(contentOf(name, scratch));
 
-    const std::string prefix = "(" + std::string(kind->name) + ") ";
-    const auto time = object.find("tracked_at_ms");
-    if (time == object.end()) return prefix + "missing key \"tracked_at_ms\"";
-    if (!time->is_number_integer() || !fitsInt64(*time)) {
-        return prefix + "key \"tracked_at_ms\" must be an integer, found " +
-               (time->is_number() ? time->dump() : std::string(time->type_name()));
+    const auto prefix = [kind] { return "(" + std::string(kind->name) + ") "; };
+    const Member* time = findMember(members, count, "tracked_at_ms");
+    if (!time) return prefix() + "missing key \"tracked_at_ms\"";
+    if (!fitsInt64(time->value)) {
+        return prefix() + "key \"tracked_at_ms\" must be an integer, found " +
+               (isNumber(time->value) ? std::string(time->value.text) : std::string(nameOf(time->value.token)));
     }
+    trackedAtMs = int64Of(time->value);
     for (const auto& field : kind->fields) {
-        const auto value = object.find(field.key);
-        if (value == object.end()) return prefix + "missing key " + showText(field.key);
-        if (auto problem = checkValue(field, *value, where)) return prefix + *problem;
+        const Member* member = findMember(members, count, field.key);
+        if (!member) return prefix() + "missing key " + showText(field.key);
+        if (auto problem = checkValue(field, member->value)) return prefix() + *problem;
     }
-    for (const auto& [key, value] : object.items()) {
-        if (key == discriminator || key == "tracked_at_ms") continue;
-        const bool known = std::any_of(kind->fields.begin(), kind->fields.end(),
-                                       [&key = key](const Field& field) { return field.key == key; });
-        if (!known) return prefix + "unexpected key " + showText(key);
+    // Every key is the discriminator, the time or a field, and none comes twice: so there are
+    // exactly as many as the kind has, and otherwise one is unexpected.
+    if (count != kind->fields.size() + 2) {
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string_view key = members[i].key();
+            if (key == discriminator || key == "tracked_at_ms") continue;
+            const bool known = std::any_of(kind->fields.begin(), kind->fields.end(),
+                                           [key](const Field& field) { return field.key == key; });
+            if (!known) return prefix() + "unexpected key " + showText(key);
+        }
     }
     return std::nullopt;
-}
-
-// ---- Document ----
-
-struct Refusal : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// The deepest legitimate value is a sighting inside a scan inside the events list.
-constexpr int maxDepth = 8;
-
-// Builds the document as the plain parser does, refusing a duplicate key or nesting deeper
-// than maxDepth on the way. (The library's callback parser would do the same checks, but it
-// scans an array for discarded values each time one of its objects ends: quadratic in the
-// number of events.)
-class DocumentReader : public nlohmann::detail::json_sax_dom_parser<json> {
-public:
-    explicit DocumentReader(json& document) : json_sax_dom_parser(document, /*allow_exceptions_=*/true) {}
-
-    bool start_object(std::size_t elements) {
-        enter();
-        keys_.emplace_back();
-        return json_sax_dom_parser::start_object(elements);
-    }
-    bool key(std::string& key) {
-        if (!keys_.back().insert(key).second) throw Refusal("duplicate key " + showText(key));
-        return json_sax_dom_parser::key(key);
-    }
-    bool end_object() {
-        keys_.pop_back();
-        --depth_;
-        return json_sax_dom_parser::end_object();
-    }
-    bool start_array(std::size_t elements) {
-        enter();
-        return json_sax_dom_parser::start_array(elements);
-    }
-    bool end_array() {
-        --depth_;
-        return json_sax_dom_parser::end_array();
-    }
-
-private:
-    void enter() {
-        if (++depth_ > maxDepth) throw Refusal("the batch document is nested deeper than any event needs");
-    }
-
-    int depth_ = 0;
-    std::vector<std::set<std::string>> keys_;
-};
-
-// Positions inside a text already known to be valid JSON.
-std::size_t skipSpace(std::string_view s, std::size_t i) {
-    while (i < s.size() && (s[i] == ' ' || s[i] == '\t' || s[i] == '\n' || s[i] == '\r')) ++i;
-    return i;
-}
-
-std::size_t skipString(std::string_view s, std::size_t i) {
-    for (++i; i < s.size(); ++i) {
-        if (s[i] == '\\') {
-            ++i;
-        } else if (s[i] == '"') {
-            return i + 1;
-        }
-    }
-    return s.size();
-}
-
-std::size_t skipValue(std::string_view s, std::size_t i) {
-    if (i >= s.size()) return i;
-    if (s[i] == '"') return skipString(s, i);
-    if (s[i] == '{' || s[i] == '[') {
-        int depth = 0;
-        while (i < s.size()) {
-            const char c = s[i];
-            if (c == '"') {
-                i = skipString(s, i);
-                continue;
-            }
-            if (c == '{' || c == '[') ++depth;
-            if (c == '}' || c == ']') {
-                if (--depth == 0) return i + 1;
-            }
-            ++i;
-        }
-        return i;
-    }
-    while (i < s.size() && s[i] != ',' && s[i] != '}' && s[i] != ']' && s[i] != ' ' && s[i] != '\t' &&
-           s[i] != '\n' && s[i] != '\r') {
-        ++i;
-    }
-    return i;
-}
-
-// The exact bytes of each element of the top-level "events" list, so events are kept as
-// they were sent rather than as a re-encoding.
-bool eventSpans(std::string_view s, std::vector<std::string_view>& spans) {
-    std::size_t i = skipSpace(s, 0);
-    if (i >= s.size() || s[i] != '{') return false;
-    ++i;
-    std::optional<std::size_t> events;
-    while (true) {
-        i = skipSpace(s, i);
-        if (i >= s.size()) return false;
-        if (s[i] == '}') break;
-        if (s[i] == ',') {
-            ++i;
-            continue;
-        }
-        const std::size_t keyStart = i;
-        i = skipString(s, i);
-        const std::string key = json::parse(s.substr(keyStart, i - keyStart)).get<std::string>();
-        i = skipSpace(s, i);
-        if (i >= s.size() || s[i] != ':') return false;
-        i = skipSpace(s, i + 1);
-        if (key == "events") events = i;
-        i = skipValue(s, i);
-    }
-    if (!events || s[*events] != '[') return false;
-    i = *events + 1;
-    while (true) {
-        i = skipSpace(s, i);
-        if (i >= s.size()) return false;
-        if (s[i] == ']') return true;
-        if (s[i] == ',') {
-            ++i;
-            continue;
-        }
-        const std::size_t start = i;
-        i = skipValue(s, i);
-        spans.push_back(s.substr(start, i - start));
-    }
 }
 
 }  // namespace
@@ -570,7 +869,18 @@ std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit,
         ~End() { inflateEnd(&stream); }
     } end{stream};
 
-    std::vector<unsigned char> chunk(64 * 1024);
+    // Inflated straight into `out`, sized at first by the gzip trailer's note of the length
+    // (modulo 2^32, and only a hint: the stream decides), one byte more so that the end is
+    // seen without another round; a byte past the limit means too much.
+    const std::size_t cap = limit == std::numeric_limits<std::size_t>::max() ? limit : limit + 1;
+    std::size_t hint = body.size() * 8;
+    if (body.size() >= 18) {
+        const auto* trailer = reinterpret_cast<const unsigned char*>(body.data() + body.size() - 4);
+        hint = (std::size_t{trailer[3]} << 24 | std::size_t{trailer[2]} << 16 | std::size_t{trailer[1]} << 8 |
+                std::size_t{trailer[0]}) + 1;
+    }
+    out.resize(std::min(std::max<std::size_t>(hint, 4096), cap));
+    std::size_t size = 0;
     std::size_t offset = 0;
     int status = Z_OK;
     while (status != Z_STREAM_END) {
@@ -580,20 +890,20 @@ std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit,
             stream.avail_in = static_cast<uInt>(piece);
             offset += piece;
         }
-        stream.next_out = chunk.data();
-        stream.avail_out = static_cast<uInt>(chunk.size());
+        if (size == out.size()) out.resize(std::min(out.size() * 2, cap));
+        const std::size_t room = std::min<std::size_t>(out.size() - size, UINT_MAX);
+        stream.next_out = reinterpret_cast<Bytef*>(out.data() + size);
+        stream.avail_out = static_cast<uInt>(room);
         status = inflate(&stream, Z_NO_FLUSH);
         if (status == Z_BUF_ERROR) return reject(400, "the gzip body is cut short");
         if (status != Z_OK && status != Z_STREAM_END) {
             return reject(400, std::string("the body is not a valid gzip stream: ") +
                                    (stream.msg ? stream.msg : "inflate failed"));
         }
-        const std::size_t produced = chunk.size() - stream.avail_out;
-        if (out.size() + produced > limit) {
-            return reject(413, "the inflated body exceeds " + std::to_string(limit) + " bytes");
-        }
-        out.append(reinterpret_cast<const char*>(chunk.data()), produced);
+        size += room - stream.avail_out;
+        if (size > limit) return reject(413, "the inflated body exceeds " + std::to_string(limit) + " bytes");
     }
+    out.resize(size);
     const std::size_t rest = stream.avail_in + (body.size() - offset);
     if (rest > 0) return reject(400, std::to_string(rest) + " bytes follow the end of the gzip stream");
     return std::nullopt;
@@ -601,56 +911,86 @@ std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit,
 
 std::optional<Rejection> parseBatchDocument(std::string_view text, BatchDocument& out) {
     out = BatchDocument{};
-    json document;
+    out.events.reserve(text.size() / 64);
+    Reader reader(text);
+    Members top;
+    std::size_t topCount = 0;
+    Token topToken = Token::object;
+    std::optional<std::string> eventProblem;  // the first event that does not fit its kind
     try {
-        DocumentReader reader(document);
-        json::sax_parse(text, &reader);
+        reader.skipSpace();
+        if (reader.atEnd()) reader.notJson("the document is empty");
+        if (reader.peek() != '{') {
+            topToken = reader.value().token;
+        } else {
+            Members event;
+            const auto readEvent = [&](std::size_t index) {
+                if (reader.peek() != '{') {
+                    const Value value = reader.value();
+                    if (!eventProblem) eventProblem = "event " + std::to_string(index) + " must be an object, found " +
+                                                      nameOf(value.token);
+                    return;
+                }
+                const std::size_t start = reader.position();
+                const std::size_t count =
+                    reader.object(event, [&reader](Member& member) { member.value = reader.value(); });
+                if (eventProblem) return;  // the document is refused; only its syntax matters now
+                const Kind* kind = nullptr;
+                std::int64_t time = 0;
+                if (auto problem = checkObject(event, count, kind, time)) {
+                    eventProblem = "event " + std::to_string(index) + " " + *problem;
+                    return;
+                }
+                out.events.push_back(BatchEvent{kind->name, time, text.substr(start, reader.position() - start)});
+            };
+            topCount = reader.object(top, [&](Member& member) {
+                if (member.key() == "events" && reader.peek() == '[') {
+                    const std::size_t start = reader.position();
+                    reader.array(readEvent);
+                    member.value = {Token::array, text.substr(start, reader.position() - start)};
+                } else {
+                    member.value = reader.value();
+                }
+            });
+        }
+        reader.skipSpace();
+        if (!reader.atEnd()) reader.notJson("more text follows the document");
     } catch (const Refusal& refusal) {
-        return reject(422, refusal.what());
-    } catch (const json::exception& error) {
-        return reject(400, std::string("the batch document is not JSON: ") + error.what());
+        out = BatchDocument{};
+        return reject(refusal.status, refusal.message);
     }
 
-    if (!document.is_object()) {
-        return reject(422, std::string("the batch document must be an object, found ") + document.type_name());
+    auto refuse = [&out](std::string message) {
+        out = BatchDocument{};
+        return reject(422, std::move(message));
+    };
+    if (topToken != Token::object) return refuse(std::string("the batch document must be an object, found ") + nameOf(topToken));
+    const Member* id = findMember(top, topCount, "id");
+    if (!id) return refuse("the batch document lacks \"id\"");
+    if (id->value.token != Token::string) return refuse(std::string("\"id\" must be a string, found ") + nameOf(id->value.token));
+    if (id->value.text.empty()) return refuse("\"id\" is empty");
+    const Member* sequential = findMember(top, topCount, "sequential_id");
+    if (!sequential) return refuse("the batch document lacks \"sequential_id\"");
+    if (!fitsInt64(sequential->value)) {
+        return refuse("\"sequential_id\" must be an integer, found " +
+                      (isNumber(sequential->value) ? std::string(sequential->value.text)
+                                                   : std::string(nameOf(sequential->value.token))));
     }
-    const auto id = document.find("id");
-    if (id == document.end()) return reject(422, "the batch document lacks \"id\"");
-    if (!id->is_string()) return reject(422, std::string("\"id\" must be a string, found ") + id->type_name());
-    if (id->get_ref<const std::string&>().empty()) return reject(422, "\"id\" is empty");
-    const auto sequential = document.find("sequential_id");
-    if (sequential == document.end()) return reject(422, "the batch document lacks \"sequential_id\"");
-    if (!sequential->is_number_integer() || !fitsInt64(*sequential)) {
-        return reject(422, "\"sequential_id\" must be an integer, found " +
-                               (sequential->is_number() ? sequential->dump() : std::string(sequential->type_name())));
+    const Member* events = findMember(top, topCount, "events");
+    if (!events) return refuse("the batch document lacks \"events\"");
+    if (events->value.token != Token::array) {
+        return refuse(std::string("\"events\" must be a list, found ") + nameOf(events->value.token));
     }
-    const auto events = document.find("events");
-    if (events == document.end()) return reject(422, "the batch document lacks \"events\"");
-    if (!events->is_array()) {
-        return reject(422, std::string("\"events\" must be a list, found ") + events->type_name());
-    }
-    for (const auto& [key, value] : document.items()) {
+    for (std::size_t i = 0; i < topCount; ++i) {
+        const std::string_view key = top[i].key();
         if (key != "id" && key != "sequential_id" && key != "events") {
-            return reject(422, "the batch document has unexpected key " + showText(key));
+            return refuse("the batch document has unexpected key " + showText(key));
         }
     }
-
-    std::vector<std::string_view> spans;
-    if (!eventSpans(text, spans) || spans.size() != events->size()) {
-        return reject(400, "the events of the batch document could not be delimited");
-    }
-    out.id = id->get<std::string>();
-    out.sequentialId = sequential->get<std::int64_t>();
-    out.events.reserve(spans.size());
-    for (std::size_t i = 0; i < events->size(); ++i) {
-        const json& event = (*events)[i];
-        const std::string where = "event " + std::to_string(i);
-        if (!event.is_object()) return reject(422, where + " must be an object, found " + event.type_name());
-        if (auto problem = checkObject(event, where)) return reject(422, where + " " + *problem);
-        const std::string& type = event.contains("type") ? event["type"].get_ref<const std::string&>()
-                                                         : event["protocol"].get_ref<const std::string&>();
-        out.events.push_back(BatchEvent{type, event["tracked_at_ms"].get<std::int64_t>(), std::string(spans[i])});
-    }
+    if (eventProblem) return refuse(*eventProblem);
+    std::string scratch;
+    out.id = std::string(contentOf(id->value, scratch));
+    out.sequentialId = int64Of(sequential->value);
     return std::nullopt;
 }
 

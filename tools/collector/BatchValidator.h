@@ -29,15 +29,15 @@ struct UserAgent {
 // One event of an accepted batch: its kind ("type", or "protocol" for a beacon sighting
 // stored on its own), its time and its JSON object exactly as it was sent.
 struct BatchEvent {
-    std::string type;
+    std::string_view type;     // the kind's name, valid for the whole run
     std::int64_t trackedAtMs = 0;
-    std::string payload;
+    std::string_view payload;  // within the text the document was read from
 };
 
 struct BatchDocument {
     std::string id;
     std::int64_t sequentialId = 0;
-    std::vector<BatchEvent> events;
+    std::vector<BatchEvent> events;  // valid as long as the document's text
 };
 
 // The fixed headers, then "Authorization", "User-Agent" and "Content-Length" against the
@@ -54,8 +54,8 @@ std::optional<Rejection> parseUserAgent(std::string_view text, UserAgent& out);
 std::optional<Rejection> gunzipBounded(std::string_view body, std::size_t limit, std::string& out);
 
 // {"id": string, "sequential_id": integer, "events": [objects]} with every event checked
-// against its kind. Duplicate keys anywhere and nesting deeper than any event needs are
-// refused.
+// against its kind, in one pass over the text. Duplicate keys anywhere and nesting deeper
+// than any event needs are refused. The events point into `text`.
 std::optional<Rejection> parseBatchDocument(std::string_view text, BatchDocument& out);
 
 }  // namespace rovalis::collector

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <charconv>
 #include <condition_variable>
+#include <limits>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -182,15 +183,60 @@ std::string statsJson(const Stats& stats) {
         .dump();
 }
 
-std::string eventsJson(const std::vector<StoredEvent>& events) {
-    json list = json::array();
-    for (const auto& event : events) {
-        list.push_back({{"batch_id", event.batchId},
-                        {"type", event.type},
-                        {"tracked_at_ms", event.trackedAtMs},
-                        {"payload", event.payload}});
+namespace {
+
+// A JSON string: the text is valid UTF-8 (the validator saw to that), so only quotes,
+// backslashes and control characters need escapes.
+void appendJsonString(std::string& out, std::string_view text) {
+    static constexpr char hex[] = "0123456789abcdef";
+    out.push_back('"');
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '"' || c == '\\') {
+            out.push_back('\\');
+            out.push_back(c);
+        } else if (byte < 0x20) {
+            out += "\\u00";
+            out.push_back(hex[byte >> 4]);
+            out.push_back(hex[byte & 0xF]);
+        } else {
+            out.push_back(c);
+        }
     }
-    return list.dump();
+    out.push_back('"');
+}
+
+void appendEventJson(std::string& out, const StoredEventView& event) {
+    out += out.empty() ? "[" : ",";
+    out += "{\"batch_id\":";
+    appendJsonString(out, event.batchId);
+    out += ",\"payload\":";
+    appendJsonString(out, event.payload);
+    out += ",\"tracked_at_ms\":" + std::to_string(event.trackedAtMs) + ",\"type\":";
+    appendJsonString(out, event.type);
+    out += "}";
+}
+
+// A non-negative whole number of a query parameter; none when it is absent.
+std::optional<std::int64_t> countParameter(const httplib::Request& req, const char* name, std::string& problem) {
+    if (!req.has_param(name)) return std::nullopt;
+    const std::string text = req.get_param_value(name);
+    std::int64_t value = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || result.ec != std::errc() || result.ptr != text.data() + text.size() || value < 0) {
+        problem = std::string("\"") + name + "\" must be a non-negative whole number";
+    }
+    return value;
+}
+
+}  // namespace
+
+std::string eventsJson(const std::vector<StoredEvent>& events) {
+    std::string out;
+    for (const auto& event : events) {
+        appendEventJson(out, StoredEventView{event.batchId, event.type, event.trackedAtMs, event.payload});
+    }
+    return out.empty() ? "[]" : out + "]";
 }
 
 struct CollectorServer::Impl {
@@ -285,16 +331,21 @@ void CollectorServer::Impl::routes() {
         res.set_content(statsJson(snapshot()), "application/json");
     });
     server.Get("/api/events", [this](const httplib::Request& req, httplib::Response& res) {
-        auto events = store.events();
-        if (req.has_param("device_id")) {
-            const std::string device = req.get_param_value("device_id");
-            std::set<std::string> batchesOfDevice;
-            for (const auto& batch : store.batches()) {
-                if (batch.deviceId == device) batchesOfDevice.insert(batch.id);
-            }
-            std::erase_if(events, [&](const StoredEvent& event) { return !batchesOfDevice.contains(event.batchId); });
+        std::string problem;
+        const auto offset = countParameter(req, "offset", problem);
+        const auto limit = countParameter(req, "limit", problem);
+        if (!problem.empty()) return answerText(res, 400, problem);
+        std::optional<std::string> device;
+        if (req.has_param("device_id")) device = req.get_param_value("device_id");
+        std::string out;
+        try {
+            store.forEachEvent(
+                device, [&out](const StoredEventView& event) { appendEventJson(out, event); }, offset.value_or(0),
+                limit.value_or(std::numeric_limits<std::int64_t>::max()));
+        } catch (const std::exception& error) {
+            return answerText(res, 500, error.what());
         }
-        res.set_content(eventsJson(events), "application/json");
+        res.set_content(out.empty() ? "[]" : out + "]", "application/json");
     });
     server.Get("/control/faults", [this](const httplib::Request&, httplib::Response& res) {
         std::lock_guard lock(mutex);
@@ -432,14 +483,13 @@ void CollectorServer::Impl::handleBatch(const httplib::Request& req, httplib::Re
     if (auto rejection = checkUploadHeaders(req.headers, body.size(), agent)) return refuse(res, *rejection);
     std::string document;
     if (auto rejection = gunzipBounded(body, options.maxInflatedBytes, document)) return refuse(res, *rejection);
-    body = std::string();
     BatchDocument batch;
     if (auto rejection = parseBatchDocument(document, batch)) return refuse(res, *rejection);
     const auto documentBytes = static_cast<std::int64_t>(document.size());
 
     CollectorStore::Outcome outcome;
     try {
-        outcome = store.store(batch, agent.deviceId, req.get_header_value("User-Agent"), nowMs());
+        outcome = store.store(batch, body, agent.deviceId, req.get_header_value("User-Agent"), nowMs());
     } catch (const std::exception& error) {
         return refuse(res, {500, error.what()});
     }
@@ -606,6 +656,11 @@ FaultOptions CollectorServer::faults() const {
 std::vector<StoredBatch> CollectorServer::batches() const { return impl_->store.batches(); }
 
 std::vector<StoredEvent> CollectorServer::events() const { return impl_->store.events(); }
+
+void CollectorServer::forEachEvent(const std::optional<std::string>& deviceId,
+                                   const std::function<void(const StoredEventView&)>& visit) const {
+    impl_->store.forEachEvent(deviceId, visit);
+}
 
 bool CollectorServer::waitForBatches(std::size_t count, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(impl_->mutex);

@@ -13,7 +13,9 @@
 //                            stored, so a client that reuses an id for other events is seen.
 //   GET  /api/stats          the figures of Stats as JSON (see statsJson).
 //   GET  /api/events         every stored event in arrival order (see eventsJson); with
-//                            ?device_id=ID only those of that device's batches.
+//                            ?device_id=ID only those of that device's batches, and with
+//                            &offset=N&limit=M (each optional) the M after the first N of
+//                            them, so a long history can be read a page at a time.
 //   GET  /control/faults     the fault settings as JSON.
 //   POST /control/faults     replaces the fault settings with a JSON object of these keys,
 //                            each optional (absent means off / the default):
@@ -31,6 +33,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -124,6 +127,10 @@ public:
 
     std::vector<StoredBatch> batches() const;  // in arrival order
     std::vector<StoredEvent> events() const;   // in arrival order
+    // Visits the stored events in arrival order (of the device's batches only, when given),
+    // one stored batch in memory at a time; see CollectorStore::forEachEvent.
+    void forEachEvent(const std::optional<std::string>& deviceId,
+                      const std::function<void(const StoredEventView&)>& visit) const;
 
     // Wait, up to the timeout, until this many batches are stored / this many batch requests
     // have been handled (answered, refused, failed or dropped). True when reached.

@@ -1,18 +1,27 @@
 #pragma once
 
-// The collection service's SQLite store: one row per accepted batch, one per event, each
-// batch written in one transaction. Batch ids are unique across devices; sequential ids are
-// followed per device id. Each batch row keeps a SHA-256 digest of its content (sequential
-// id and events), so a repeated id is told apart from an id reused for other content.
-// A file from before the digest column gains it when opened; its older rows have no digest
-// stored, and theirs is worked out from their stored events when their id comes again.
+// The collection service's SQLite store: one row per accepted batch, holding its body as it
+// was received (the gzip of the batch document) and how many events of each type it has,
+// each batch written in one transaction. The events are read back by inflating and reading
+// the stored bodies, one batch at a time. Batch ids are unique across devices; sequential
+// ids are followed per device id. Each batch row keeps a SHA-256 digest of its content
+// (sequential id and events), so a repeated id is told apart from an id reused for other
+// content. The totals are kept as batches are stored, after being counted from the file
+// when it is opened.
+//
+// Files written by earlier collectors, which kept one row per event (the earliest without
+// digests), are converted when opened.
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "collector/BatchValidator.h"
@@ -47,6 +56,14 @@ struct StoredEvent {
     std::string payload;  // the event's JSON object exactly as it was sent
 };
 
+// A stored event as it is read back; the texts are valid during the visit only.
+struct StoredEventView {
+    std::string_view batchId;
+    std::string_view type;
+    std::int64_t trackedAtMs = 0;
+    std::string_view payload;
+};
+
 // What the store itself can count; the run's request figures are kept by the server.
 struct StoreTotals {
     std::int64_t batches = 0;
@@ -60,7 +77,7 @@ struct StoreTotals {
 class CollectorStore {
 public:
     // An empty path or ":memory:" keeps everything in memory. Throws std::runtime_error with
-    // the file's name when the file cannot be opened or set up.
+    // the file's name when the file cannot be opened, set up or converted.
     explicit CollectorStore(const std::filesystem::path& path);
     ~CollectorStore();
     CollectorStore(const CollectorStore&) = delete;
@@ -72,18 +89,34 @@ public:
         SequenceStep step = SequenceStep::first;
     };
 
-    // Safe from any thread. Throws std::runtime_error when SQLite fails; nothing of the
-    // batch is kept then.
-    Outcome store(const BatchDocument& batch, const std::string& deviceId, const std::string& userAgent,
-                  std::int64_t receivedAtMs);
+    // Keeps `body`, the request body the batch was read from (inflated into the document
+    // `batch` points into). Safe from any thread. Throws std::runtime_error when SQLite fails;
+    // nothing of the batch is kept then.
+    Outcome store(const BatchDocument& batch, std::string_view body, const std::string& deviceId,
+                  const std::string& userAgent, std::int64_t receivedAtMs);
 
     std::vector<StoredBatch> batches() const;  // in arrival order
     std::vector<StoredEvent> events() const;   // in arrival order, each batch's events in list order
+
+    // Visits the events in arrival order (only those of the device's batches, when one is
+    // given), passing over the first `offset` and stopping after `limit`. Batches are read
+    // one at a time and without holding up uploads, so memory does not grow with the store;
+    // batches stored meanwhile are not visited. Throws std::runtime_error when a stored batch
+    // cannot be read.
+    void forEachEvent(const std::optional<std::string>& deviceId,
+                      const std::function<void(const StoredEventView&)>& visit, std::int64_t offset = 0,
+                      std::int64_t limit = std::numeric_limits<std::int64_t>::max()) const;
+
     StoreTotals totals() const;
 
 private:
-    mutable std::mutex mutex_;
+    struct Statements;
+
+    mutable std::mutex mutex_;  // the connection
     std::unique_ptr<sqlite::Database> db_;
+    std::unique_ptr<Statements> statements_;
+    mutable std::mutex totalsMutex_;
+    StoreTotals totals_;
 };
 
 const char* stepName(SequenceStep step);

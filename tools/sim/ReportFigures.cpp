@@ -94,7 +94,10 @@ std::string clockTime(Date time, Date day) {
     std::string result = text;
     if (drawable(day)) {
         const auto later = wholeDays(whole) - wholeDays(day.secondsSince1970);
-        if (later != 0) result += (later > 0 ? "+" : "") + std::to_string(later) + "d";
+        // Appended piece by piece: prefixing the sign to a temporary string makes GCC 12 at -O3
+        // warn of an overlapping copy inside std::string that cannot happen.
+        if (later > 0) result += '+';
+        if (later != 0) result += std::to_string(later) + 'd';
     }
     return result;
 }

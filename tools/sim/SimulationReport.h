@@ -114,6 +114,9 @@ struct DeliveryFigures {
     std::int64_t batches = 0;
     std::int64_t batchRequests = 0;
     std::int64_t duplicateBatchesRefused = 0;
+    std::int64_t conflicts = 0;               // batch ids the service held with other content
+    std::int64_t sequentialIdStepBacks = 0;   // batches numbered at or below an earlier one
+    std::int64_t faultsInjected = 0;          // by the in-process collection service
     std::int64_t wireBytes = 0;        // compressed request bodies
     std::int64_t documentBytes = 0;    // the batch documents before compression
     std::map<std::string, std::int64_t> eventsByType;  // as accepted by the service

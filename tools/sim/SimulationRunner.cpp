@@ -6,9 +6,8 @@
 #include <chrono>
 #include <cmath>
 #include <map>
-#include <set>
 #include <stdexcept>
-#include <tuple>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -185,6 +184,7 @@ struct SimulationRunner::Run {
             collector::CollectorOptions collectorOptions;
             collectorOptions.port = 0;
             collectorOptions.databasePath = options.outDir / "collector.sqlite";
+            collectorOptions.faults = options.faults;
             collector = std::make_unique<collector::CollectorServer>(collectorOptions);
             collector->start();
             serviceURL = collector->baseURL();
@@ -212,6 +212,7 @@ struct SimulationRunner::Run {
         configuration.productionBaseURL = serviceURL;
         configuration.isIntegration = options.integrationBuild;
         configuration.sleepRegions = options.sleepRegions;
+        configuration.transferLimits = options.transferLimits;
         sdk = RovalisCore::makeInstance(configuration);
         sdk->initializeUsing(host, std::nullopt);
         // What the launch started finishes before the host's next call, as it would on a
@@ -337,38 +338,80 @@ void addBeaconScan(BeaconFigures& beacons, Date time, const json& body) {
 
 // The Debug event that closes a background batch: the count of each type, then whether a
 // switch-off by the host is among them.
-bool isBatchDiagnostic(const SimulationRunner::DeliveredEvent& event) {
-    if (event.type != "Debug") return false;
-    const json body = json::parse(event.payload, nullptr, false);
+bool isBatchDiagnostic(std::string_view type, std::string_view payload) {
+    if (type != "Debug") return false;
+    const json body = json::parse(payload, nullptr, false);
     if (!body.is_object() || !body.contains("comment") || !body["comment"].is_string()) return false;
     const auto comment = body["comment"].get<std::string>();
     return comment.ends_with(" + TT->OFF present") || comment.ends_with(" + TT->OFF NOT present");
 }
 
-void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::DeliveredEvent> events) {
-    std::stable_sort(events.begin(), events.end(),
-                     [](const auto& a, const auto& b) { return a.trackedAtMs < b.trackedAtMs; });
-    std::map<std::tuple<std::string, std::int64_t, std::string>, int> seen;
-    struct Marker {
-        Date time;
-        LocationCoordinate2D position;
-        double accuracy;
+// The kinds of event the report draws on besides counting them.
+bool isDrawnOn(std::string_view type) {
+    return type == "SignificantLocation" || type == "PreSleep" || type == "PreWakeUp" || type == "GeofenceCreate" ||
+           type == "GeofenceTrigger" || type == "ToggleStandby" || type == "ToggleTracking" || type == "BeaconScan";
+}
+
+// Folds the delivered events into the report as they are read back, keeping what the report
+// needs rather than the events (a month of them is millions): the counts, a 64-bit hash of
+// each event to count identical ones, the fixes, and the few events the sleeps, geofences,
+// tracking switches and beacon scans are made from. Those are taken in time order at the
+// end, ties in arrival order, as the events came to the service.
+class DeliveredEventsFold {
+public:
+    DeliveredEventsFold(SimulationReport& report, std::size_t expectedEvents) : report_(report) {
+        hashes_.reserve(expectedEvents);
+    }
+
+    void add(std::string_view type, std::int64_t trackedAtMs, std::string_view payload) {
+        ++report_.delivery.accepted;
+        ++report_.delivery.eventsByType[std::string(type)];
+        const std::hash<std::string_view> hash;
+        hashes_.push_back(hash(payload) ^ (hash(type) * 31 + static_cast<std::uint64_t>(trackedAtMs)) * 0x9E3779B97F4A7C15ULL);
+        if (isBatchDiagnostic(type, payload)) ++report_.delivery.batchDiagnostics;
+        if (type == "Waypoint") {
+            const json body = json::parse(payload);
+            report_.fixes.push_back({dateOfMs(trackedAtMs), coordinateOf(body), body.at("accuracy").get<double>(),
+                                     body.at("provider").get<std::string>()});
+        } else if (isDrawnOn(type)) {
+            kept_.push_back({trackedAtMs, std::string(type), std::string(payload)});
+        }
+    }
+
+    void finish() {
+        std::sort(hashes_.begin(), hashes_.end());
+        for (std::size_t i = 1; i < hashes_.size(); ++i) {
+            if (hashes_[i] == hashes_[i - 1]) ++report_.delivery.identicalEvents;
+        }
+        hashes_ = {};
+        const auto byTime = [](const auto& a, const auto& b) { return a.time < b.time; };
+        std::stable_sort(report_.fixes.begin(), report_.fixes.end(), byTime);
+        std::stable_sort(kept_.begin(), kept_.end(),
+                         [](const Kept& a, const Kept& b) { return a.trackedAtMs < b.trackedAtMs; });
+        drawOn(kept_);
+        kept_ = {};
+    }
+
+private:
+    struct Kept {
+        std::int64_t trackedAtMs;
+        std::string type;
+        std::string payload;
     };
-    std::vector<Marker> preSleeps, preWakeUps;
-    for (const auto& event : events) {
-        ++report.delivery.eventsByType[event.type];
-        if (++seen[{event.type, event.trackedAtMs, event.payload}] > 1) ++report.delivery.identicalEvents;
-        if (isBatchDiagnostic(event)) ++report.delivery.batchDiagnostics;
-        const Date time = dateOfMs(event.trackedAtMs);
-        if (event.type == "Waypoint" || event.type == "SignificantLocation" || event.type == "PreSleep" ||
-            event.type == "PreWakeUp" || event.type == "GeofenceCreate" || event.type == "GeofenceTrigger" ||
-            event.type == "ToggleStandby" || event.type == "ToggleTracking" || event.type == "BeaconScan") {
+
+    void drawOn(const std::vector<Kept>& events) {
+        SimulationReport& report = report_;
+        struct Marker {
+            Date time;
+            LocationCoordinate2D position;
+            double accuracy;
+        };
+        std::vector<Marker> preSleeps, preWakeUps;
+        for (const auto& event : events) {
+            const Date time = dateOfMs(event.trackedAtMs);
             const json body = json::parse(event.payload);
             if (event.type == "BeaconScan") {
                 addBeaconScan(report.beacons, time, body);
-            } else if (event.type == "Waypoint") {
-                report.fixes.push_back({time, coordinateOf(body), body.at("accuracy").get<double>(),
-                                        body.at("provider").get<std::string>()});
             } else if (event.type == "SignificantLocation") {
                 report.significantFixes.push_back({time, coordinateOf(body), body.at("accuracy").get<double>()});
             } else if (event.type == "PreSleep") {
@@ -399,7 +442,27 @@ void fillFromEvents(SimulationReport& report, std::vector<SimulationRunner::Deli
             }
         }
     }
-    report.delivery.accepted = static_cast<std::int64_t>(events.size());
+
+    SimulationReport& report_;
+    std::vector<std::uint64_t> hashes_;
+    std::vector<Kept> kept_;
+};
+
+// The events of the device an external service holds, a page at a time.
+template <typename Visit>
+void readServiceEvents(const std::string& base, const std::string& deviceId, Visit visit) {
+    constexpr std::int64_t pageSize = 20000;
+    for (std::int64_t offset = 0;;) {
+        const json page = json::parse(httpGet(base + "api/events?device_id=" + deviceId + "&offset=" +
+                                              std::to_string(offset) + "&limit=" + std::to_string(pageSize)));
+        for (const auto& event : page) {
+            visit(event.at("type").get<std::string>(), event.at("tracked_at_ms").get<std::int64_t>(),
+                  event.at("payload").get<std::string>());
+        }
+        // A service that does not page answers everything at once.
+        if (static_cast<std::int64_t>(page.size()) != pageSize) return;
+        offset += pageSize;
+    }
 }
 
 void matchStays(SimulationReport& report, const std::vector<TrueStay>& trueStays) {
@@ -472,38 +535,54 @@ SimulationReport SimulationRunner::run() {
     report.delivery.storeWriteBytes =
         static_cast<std::int64_t>(sqlite::bytesWrittenThroughCountingVfs() - storeWritesBefore);
 
-    // What the service holds.
+    // What the service holds, folded into the report as it is read.
     const std::string deviceId = CredentialsManager(run.keychain, run.hostInfo).deviceId();
+    for (const ScenarioBeacon& beacon : input_.scenario.beacons) {
+        report.beacons.placed.push_back({beaconLabel(beacon), beaconIdentity(beacon), beacon.position});
+    }
+    delivered_.clear();
+    const auto deliver = [this](DeliveredEventsFold& fold, std::string_view type, std::int64_t trackedAtMs,
+                                std::string_view payload) {
+        fold.add(type, trackedAtMs, payload);
+        if (options_.keepDeliveredEvents) {
+            delivered_.push_back({std::string(type), trackedAtMs, std::string(payload)});
+        }
+    };
     collector::Stats stats;
     if (run.collector) {
-        for (const auto& event : run.collector->events()) {
-            delivered_.push_back({event.type, event.trackedAtMs, event.payload});
-        }
         stats = run.collector->stats();
+        DeliveredEventsFold fold(report, static_cast<std::size_t>(stats.events));
+        run.collector->forEachEvent(std::nullopt, [&](const collector::StoredEventView& event) {
+            deliver(fold, event.type, event.trackedAtMs, event.payload);
+        });
+        fold.finish();
         run.collector->stop();
     } else {
         const std::string base = run.serviceURL.ends_with('/') ? run.serviceURL : run.serviceURL + "/";
-        for (const auto& event : json::parse(httpGet(base + "api/events?device_id=" + deviceId))) {
-            delivered_.push_back({event.at("type").get<std::string>(), event.at("tracked_at_ms").get<std::int64_t>(),
-                                  event.at("payload").get<std::string>()});
-        }
+        DeliveredEventsFold fold(report, 0);
+        readServiceEvents(base, deviceId, [&](const std::string& type, std::int64_t trackedAtMs,
+                                              const std::string& payload) {
+            deliver(fold, type, trackedAtMs, payload);
+        });
+        fold.finish();
         const json figures = json::parse(httpGet(base + "api/stats"));
         stats.batches = figures.value("batches", std::int64_t{0});
         stats.batchRequests = figures.value("batch_requests", std::int64_t{0});
         stats.duplicatesRefused = figures.value("duplicates_refused", std::int64_t{0});
+        stats.conflicts = figures.value("conflicts", std::int64_t{0});
+        stats.sequentialIdStepBacks = figures.value("sequential_id_step_backs", std::int64_t{0});
         stats.bodyBytes = figures.value("body_bytes", std::int64_t{0});
         stats.documentBytes = figures.value("document_bytes", std::int64_t{0});
     }
-    for (const ScenarioBeacon& beacon : input_.scenario.beacons) {
-        report.beacons.placed.push_back({beaconLabel(beacon), beaconIdentity(beacon), beacon.position});
-    }
-    fillFromEvents(report, delivered_);
     const auto [recorded, left] = storeFigures(run.dataRoot->privateDirectory("Store") / "RovalisSDK.sqlite");
     report.delivery.recorded = recorded;
     report.delivery.leftInStore = left;
     report.delivery.batches = stats.batches;
     report.delivery.batchRequests = stats.batchRequests;
     report.delivery.duplicateBatchesRefused = stats.duplicatesRefused;
+    report.delivery.conflicts = stats.conflicts;
+    report.delivery.sequentialIdStepBacks = stats.sequentialIdStepBacks;
+    for (const auto& [kind, count] : stats.faultsInjected) report.delivery.faultsInjected += count;
     report.delivery.wireBytes = stats.bodyBytes;
     report.delivery.documentBytes = stats.documentBytes;
 

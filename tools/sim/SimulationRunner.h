@@ -10,9 +10,11 @@
 #include <optional>
 #include <string>
 
+#include "collector/CollectorServer.h"
 #include "platform/sim/Scenario.h"
 #include "platform/sim/TruePath.h"
 #include "rovalis/HostInfo.h"
+#include "rovalis/Rovalis.h"
 #include "rovalis/SleepRegions.h"
 #include "sim/SimulationReport.h"
 
@@ -42,6 +44,13 @@ struct SimulationOptions {
     bool integrationBuild = false;
     // The regions the SDK lays around a stay.
     SleepRegionConfiguration sleepRegions;
+    // When the SDK gives a slow upload up.
+    TransferLimits transferLimits;
+    // The faults of the in-process collection service (with a service URL, none apply).
+    collector::FaultOptions faults;
+    // Keep every delivered event for deliveredEvents(). Off, the report keeps only what it
+    // shows, so a month's replay takes no more memory than a day's.
+    bool keepDeliveredEvents = false;
 
     static HostInfo defaultHost();
 };
@@ -59,7 +68,7 @@ public:
     SimulationReport run();
 
     // The events the collection service holds at the end of the run, in arrival order, as
-    // {type, tracked_at_ms, payload} (filled by run()).
+    // {type, tracked_at_ms, payload} (filled by run() when keepDeliveredEvents is set).
     struct DeliveredEvent {
         std::string type;
         std::int64_t trackedAtMs = 0;

@@ -13,6 +13,7 @@
 
 #include "rovalis/Date.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 #include "rovalis/Uuid.h"
 
 namespace rovalis {
@@ -67,7 +68,7 @@ struct BleAdvertisement {
 
 // The device's Bluetooth LE scanner, one to one with the platform's central manager. Used from
 // the main run loop; advertisements arrive on the queue given to startScanning.
-class BluetoothScannerType {
+class ROVALIS_EXPORT BluetoothScannerType {
 public:
     using AdvertisementHandler = std::function<void(const BleAdvertisement& advertisement)>;
 

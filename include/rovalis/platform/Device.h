@@ -2,6 +2,8 @@
 
 #include <cstdint>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // The platform's battery states, with their raw values.
@@ -10,7 +12,7 @@ enum class BatteryState : std::int32_t { unknown = 0, unplugged = 1, charging = 
 // The device's battery. Level changes and state changes are posted on the platform's
 // notification centre as "UIDeviceBatteryLevelDidChangeNotification" and
 // "UIDeviceBatteryStateDidChangeNotification" while monitoring is on.
-class RVLDeviceInfoType {
+class ROVALIS_EXPORT RVLDeviceInfoType {
 public:
     virtual ~RVLDeviceInfoType() = default;
 
@@ -29,7 +31,7 @@ enum class BackgroundRefreshStatus : std::int32_t { restricted = 0, denied = 1, 
 // What the system says about the process and the app: the low-power switch, whether the app
 // may refresh in the background, and how long the device has been up (the clock of motion
 // samples).
-class SystemStateType {
+class ROVALIS_EXPORT SystemStateType {
 public:
     virtual ~SystemStateType() = default;
 

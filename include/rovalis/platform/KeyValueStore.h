@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "rovalis/Date.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
@@ -19,7 +20,7 @@ using KeyValue = std::variant<Date, std::int64_t, double, bool, std::string, std
 // A durable, typed key-value store for the SDK's small persistent state (the user
 // defaults of a mobile platform). A value written is kept across process restarts. All
 // members are safe to call from any thread.
-class KeyValueStore {
+class ROVALIS_EXPORT KeyValueStore {
 public:
     using Value = KeyValue;
 
@@ -29,23 +30,6 @@ public:
     virtual std::optional<Value> object(const std::string& key) const = 0;
     virtual void setObject(const Value& value, const std::string& key) = 0;
     virtual void removeObject(const std::string& key) = 0;
-};
-
-// Passes every call on to another store; a test double overrides only the member it wants
-// to disturb.
-class ForwardingKeyValueStore : public KeyValueStore {
-public:
-    explicit ForwardingKeyValueStore(std::shared_ptr<KeyValueStore> target) : target_(std::move(target)) {}
-
-    std::optional<Value> object(const std::string& key) const override { return target_->object(key); }
-    void setObject(const Value& value, const std::string& key) override { target_->setObject(value, key); }
-    void removeObject(const std::string& key) override { target_->removeObject(key); }
-
-protected:
-    KeyValueStore& target() const { return *target_; }
-
-private:
-    std::shared_ptr<KeyValueStore> target_;
 };
 
 }  // namespace rovalis

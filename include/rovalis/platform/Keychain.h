@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 // The kind of a keychain item. The SDK keeps only generic passwords.
@@ -45,7 +47,7 @@ struct KeychainLookup {
 // A secure store of small items, each keyed by service and account. The members mirror the
 // system keychain's calls: they report a status and never stop the program, so the caller
 // decides what a failure means. All members are safe to call from any thread.
-class KeychainStore {
+class ROVALIS_EXPORT KeychainStore {
 public:
     using Bytes = std::vector<std::uint8_t>;
 
@@ -73,31 +75,6 @@ public:
         if (status > 0) return std::generic_category().message(status);
         return "Unknown keychain status " + std::to_string(status) + ".";
     }
-};
-
-// Passes every call on to another store; a test double overrides only the member it wants
-// to disturb (an add that is refused, a lookup that fails).
-class ForwardingKeychainStore : public KeychainStore {
-public:
-    explicit ForwardingKeychainStore(std::shared_ptr<KeychainStore> target) : target_(std::move(target)) {}
-
-    KeychainLookup copyMatching(const KeychainQuery& query, bool returnData) override {
-        return target_->copyMatching(query, returnData);
-    }
-    KeychainStatus add(const KeychainQuery& query, KeychainAccessibility accessibility, const Bytes& data) override {
-        return target_->add(query, accessibility, data);
-    }
-    KeychainStatus update(const KeychainQuery& query, const Bytes& data, KeychainAccessibility accessibility) override {
-        return target_->update(query, data, accessibility);
-    }
-    KeychainStatus remove(const KeychainQuery& query) override { return target_->remove(query); }
-    std::string statusMessage(KeychainStatus status) const override { return target_->statusMessage(status); }
-
-protected:
-    KeychainStore& target() const { return *target_; }
-
-private:
-    std::shared_ptr<KeychainStore> target_;
 };
 
 }  // namespace rovalis

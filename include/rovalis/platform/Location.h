@@ -4,6 +4,7 @@
 #include <string>
 
 #include "rovalis/Date.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
@@ -15,7 +16,7 @@ struct LocationCoordinate2D {
 };
 
 // One location fix as the platform's location service reports it.
-struct Location {
+struct ROVALIS_EXPORT Location {
     LocationCoordinate2D coordinate;
     double altitude = 0.0;             // metres
     double horizontalAccuracy = 0.0;   // metres; negative: the fix is invalid

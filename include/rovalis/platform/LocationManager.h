@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "rovalis/Error.h"
+#include "rovalis/Export.h"
 #include "rovalis/platform/Beacons.h"
 #include "rovalis/platform/Location.h"
 
@@ -13,7 +14,7 @@ class LocationManagerType;
 
 // What a location manager reports. Every callback arrives on the main run loop; a delegate
 // implements the ones it needs.
-class LocationManagerDelegate {
+class ROVALIS_EXPORT LocationManagerDelegate {
 public:
     virtual ~LocationManagerDelegate() = default;
 
@@ -34,7 +35,7 @@ public:
 // The platform location manager, one to one. Each instance has its own settings and
 // delegate; several instances share the one location service of the device. Used from the
 // main run loop only.
-class LocationManagerType {
+class ROVALIS_EXPORT LocationManagerType {
 public:
     virtual ~LocationManagerType() = default;
 

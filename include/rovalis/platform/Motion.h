@@ -7,6 +7,7 @@
 
 #include "rovalis/Date.h"
 #include "rovalis/Executor.h"
+#include "rovalis/Export.h"
 
 namespace rovalis {
 
@@ -23,7 +24,7 @@ struct AccelerometerData {
 // main run loop; samples arrive on the queue given to startAccelerometerUpdates, oldest
 // first, in groups of those the device hands over at once (a second's worth, or one), so
 // that a group costs the SDK one hand-over rather than one per sample.
-class MotionManagerType {
+class ROVALIS_EXPORT MotionManagerType {
 public:
     using AccelerometerHandler = std::function<void(std::span<const AccelerometerData> samples)>;
 
@@ -61,7 +62,7 @@ enum class MotionAuthorizationStatus : std::int32_t { notDetermined = 0, restric
 
 // The motion-activity classifier. Used from the main run loop; classifications arrive on
 // the queue given to startActivityUpdates.
-class MotionActivityManagerType {
+class ROVALIS_EXPORT MotionActivityManagerType {
 public:
     using ActivityHandler = std::function<void(const MotionActivity& activity)>;
 

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "rovalis/Export.h"
+
 namespace rovalis {
 
 class Executor;
@@ -25,7 +27,7 @@ inline constexpr std::uint32_t isWWAN = 1u << 18;
 
 // Whether one target (a host name, or the zero address that stands for "any network") can
 // be reached, as reachability flags.
-class NetworkReachabilityTarget {
+class ROVALIS_EXPORT NetworkReachabilityTarget {
 public:
     virtual ~NetworkReachabilityTarget() = default;
 
@@ -39,7 +41,7 @@ public:
 };
 
 // The device's network as the reachability service sees it.
-class NetworkMonitor {
+class ROVALIS_EXPORT NetworkMonitor {
 public:
     virtual ~NetworkMonitor() = default;
 

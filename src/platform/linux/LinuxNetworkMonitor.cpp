@@ -224,6 +224,12 @@ std::string interfaceName(int index) {
     return name;
 }
 
+// NLMSG_OK without its comparison of the unsigned message length with the signed byte count.
+bool messageFits(const nlmsghdr* message, int length) {
+    return length >= static_cast<int>(sizeof(nlmsghdr)) && message->nlmsg_len >= sizeof(nlmsghdr) &&
+           message->nlmsg_len <= static_cast<unsigned>(length);
+}
+
 // Adds the default routes of one RTM_NEWROUTE message.
 void collectDefaultRoutes(const nlmsghdr* message, std::vector<DefaultRoute>& routes) {
     if (message->nlmsg_len < NLMSG_LENGTH(sizeof(rtmsg))) return;
@@ -311,7 +317,7 @@ std::optional<std::vector<DefaultRoute>> dumpDefaultRoutes() {
         if (received < 0 && errno == EINTR) continue;
         if (received <= 0) return std::nullopt;
         int length = static_cast<int>(received);
-        for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer); NLMSG_OK(message, length);
+        for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer); messageFits(message, length);
              message = NLMSG_NEXT(message, length)) {
             if (message->nlmsg_type == NLMSG_DONE) return routes;
             if (message->nlmsg_type == NLMSG_ERROR) return std::nullopt;

@@ -72,7 +72,6 @@ Platform SimulatedDevice::makeProcessPlatform(std::shared_ptr<KeyValueStore> key
     platform.mainRunLoop = runLoop_;
     platform.keyValueStore = std::move(keyValueStore);
     platform.keychain = std::move(keychain);
-    platform.workTracker = workTracker_;
     platform.network = network_;
     platform.backgroundTasks = std::make_shared<SimulatedBackgroundTasks>();
     platform.notificationCenter = std::make_shared<NotificationCenter>();

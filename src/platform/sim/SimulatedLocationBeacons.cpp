@@ -179,9 +179,11 @@ void SimulatedLocationService::heardAdvertisements(const std::vector<BleAdvertis
             if (entry.entryTimer || !firstHeard) continue;
             const double delay = beaconRegionRandom_.uniform(beaconRegionEntryDelayLow, beaconRegionEntryDelayHigh);
             const double wait = std::max(0.0, firstHeard->addingSeconds(delay).timeIntervalSince(current));
-            entry.entryTimer = context_.runLoop->scheduleTimer(wait, false, [self = weak_from_this(), identifier] {
-                if (const auto service = self.lock()) service->enterBeaconRegion(identifier);
-            });
+            // The key is copied by name: clang 14 cannot capture a structured binding.
+            entry.entryTimer = context_.runLoop->scheduleTimer(
+                wait, false, [self = weak_from_this(), identifier = identifier] {
+                    if (const auto service = self.lock()) service->enterBeaconRegion(identifier);
+                });
         }
     }
 

@@ -278,8 +278,9 @@ void SimulatedLocationService::checkRegions() {
     }
     // Delivered after the check: a delegate may stop or start regions.
     for (const auto& [region, kind] : crossings) {
-        const std::size_t recipients =
-            tellDelegates([&](LocationManagerDelegate& delegate, LocationManagerType& manager) {
+        // Captured by name: clang 14 does not let a lambda use a structured binding (a C++20 rule).
+        const std::size_t recipients = tellDelegates(
+            [&region = region, kind = kind](LocationManagerDelegate& delegate, LocationManagerType& manager) {
                 if (kind == RegionEventKind::enter) {
                     delegate.locationManagerDidEnterRegion(manager, region);
                 } else {

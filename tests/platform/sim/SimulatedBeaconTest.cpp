@@ -10,6 +10,7 @@
 #include "platform/sim/SimTestSupport.h"
 #include "platform/sim/SimulatedBluetooth.h"
 #include "sensing/BeaconFrames.h"
+#include "util/SettableDateSource.h"
 
 namespace rovalis::sim {
 namespace {

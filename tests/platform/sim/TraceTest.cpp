@@ -27,7 +27,7 @@ std::string errorOf(Read read) {
 template <typename Parse>
 void expectRefusals(Parse parse, const std::vector<std::pair<std::string, std::string>>& cases) {
     for (const auto& [text, message] : cases) {
-        const std::string error = errorOf([&] { parse(text); });
+        const std::string error = errorOf([&parse, &text = text] { parse(text); });
         EXPECT_NE(error.find(message), std::string::npos) << error << "\nwanted: " << message;
     }
 }
