@@ -92,7 +92,8 @@ std::shared_ptr<EventRepository> TrackerRepository::eventRepository() {
     if (!eventRepository_) {
         eventRepository_ = std::make_shared<EventRepository>(
             environment_.dataRoot.privateDirectory("Store") / "RovalisSDK.sqlite",
-            workTrackerOf(environment_.platform.mainRunLoop));
+            workTrackerOf(environment_.platform.mainRunLoop),
+            CommitDelay{environment_.platform.mainRunLoop, EventRepository::commitDelaySeconds});
     }
     return eventRepository_;
 }

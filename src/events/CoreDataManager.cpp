@@ -13,7 +13,9 @@
 
 #include "events/SqliteDatabase.h"
 #include "events/StoreSalvage.h"
+#include "events/WriteCountingVfs.h"
 #include "rovalis/Console.h"
+#include "rovalis/RunLoop.h"
 #include "rovalis/Uuid.h"
 #include "util/Fatal.h"
 
@@ -102,6 +104,25 @@ struct ForeignStore {
     std::string description;
 };
 
+// The pending batch's record: its identity, how many stored events it holds, its closing event.
+struct PendingRecord {
+    std::string batchId;
+    std::int64_t sequentialId = 0;
+    std::int64_t storedEvents = 0;
+    std::optional<EventPayload> closing;
+};
+
+std::optional<PendingRecord> readPendingRecord(sqlite::Statement& read) {
+    sqlite::StatementReset resetAfter(read);
+    if (!read.step()) return std::nullopt;
+    PendingRecord record{std::string(read.columnText(0)), read.columnInt64(1), read.columnInt64(2), std::nullopt};
+    if (!read.columnText(3).empty()) {
+        record.closing = EventPayload{std::string(read.columnText(3)), Date{read.columnDouble(4)},
+                                      std::string(read.columnBlob(5)), ""};
+    }
+    return record;
+}
+
 std::int64_t unixMilliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -148,20 +169,49 @@ struct CoreDataManager::Statements {
                                    "SELECT COUNT(*) FROM PendingBatchEvent b JOIN EventEntity e ON e.id = b.event_id"),
           pendingBatchId(db, "SELECT batch_id FROM PendingBatch WHERE singleton = 1"),
           deletePendingEvents(db, "DELETE FROM EventEntity WHERE id IN (SELECT event_id FROM PendingBatchEvent)"),
+          describeEvents(db,
+                         "SELECT type, tracked_at_ms,"
+                         " CASE WHEN type = 'ToggleTracking' THEN payload END FROM EventEntity"),
+          insertEveryPendingEvent(db, "INSERT INTO PendingBatchEvent (event_id) SELECT id FROM EventEntity"),
+          anyEventOutsidePendingBatch(db,
+                                      "SELECT EXISTS (SELECT 1 FROM EventEntity"
+                                      " WHERE id NOT IN (SELECT event_id FROM PendingBatchEvent))"),
+          deleteAllEvents(db, "DELETE FROM EventEntity"),
           forgetPendingEvents(db, "DELETE FROM PendingBatchEvent"),
           forgetPendingBatch(db, "DELETE FROM PendingBatch") {}
 
     sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
     sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
-        countPendingEventsStored, pendingBatchId, deletePendingEvents, forgetPendingEvents, forgetPendingBatch;
+        countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
+        anyEventOutsidePendingBatch, deleteAllEvents, forgetPendingEvents, forgetPendingBatch;
 };
 
-CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker)
-    : path_(std::move(path)), background_(backgroundQueueLabel, std::move(tracker)) {
+// The commit timer's way back to its manager: cleared before the manager goes, so a timer
+// that fires afterwards does nothing.
+struct CoreDataManager::CommitTimerTarget {
+    std::mutex mutex;
+    CoreDataManager* manager = nullptr;
+};
+
+CoreDataManager::CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker,
+                                 CommitDelay commitDelay)
+    : path_(std::move(path)),
+      commitDelay_(std::move(commitDelay)),
+      commitTimerTarget_(std::make_shared<CommitTimerTarget>()),
+      background_(backgroundQueueLabel, std::move(tracker)) {
+    commitTimerTarget_->manager = this;
     background_.sync([this] { load(/*reportFailure=*/true); });
 }
 
 CoreDataManager::~CoreDataManager() {
+    {
+        std::lock_guard lock(commitTimerTarget_->mutex);
+        commitTimerTarget_->manager = nullptr;
+    }
+    {
+        std::lock_guard lock(pendingMutex_);
+        if (commitTimer_) commitTimer_->invalidate();
+    }
     // Write what is still queued, then close the connection on its own executor.
     background_.sync([this] {
         saveContext();
@@ -255,7 +305,8 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     ::fchmod(fd, 0600);
     ::close(fd);
 
-    db_ = std::make_unique<sqlite::Database>(path_.string(), sqlite::Database::Mode::readWrite);
+    db_ = std::make_unique<sqlite::Database>(path_.string(), sqlite::Database::Mode::readWrite,
+                                             sqlite::writeCountingVfsName());
     db_->exec("PRAGMA busy_timeout = 5000");
     // In WAL mode NORMAL keeps the file consistent on power loss and loses nothing when
     // the process dies; only the last commits before a power cut may be missing.
@@ -264,6 +315,8 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     const std::int64_t version = db_->queryInt64("PRAGMA user_version");
     const bool isNew = version == 0 && db_->queryInt64("SELECT count(*) FROM sqlite_schema") == 0;
     if (isNew) {
+        // Set before the first write; a store keeps the page size it was created with.
+        db_->exec("PRAGMA page_size = " + std::to_string(pageSize));
         db_->exec("PRAGMA journal_mode = WAL");
         createSchema(carried);
     } else {
@@ -279,6 +332,15 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     // The journal file stays, at its size, when the store closes: on a full disk that space
     // is what lets rows be deleted, and so space be freed.
     db_->keepJournalFile();
+    // Copying the journal into the file rewrites every page it holds once; a journal of a few
+    // megabytes lets the pages that each commit rewrites (the last of the table and of its
+    // index) go into the file once for many commits.
+    db_->exec("PRAGMA wal_autocheckpoint = " +
+              std::to_string(journalBytesBetweenCheckpoints / db_->queryInt64("PRAGMA page_size")));
+    // Deleted rows are still cleared from the pages that stay in use, but pages freed whole
+    // are not written over once more: their bytes stay until the pages are reused, as the
+    // journal's older copies of them do anyway.
+    db_->exec("PRAGMA secure_delete = FAST");
 
     std::string identifier = db_->queryText("SELECT store_uuid FROM StoreMetadata WHERE singleton = 1");
     if (identifier.empty()) {
@@ -518,35 +580,79 @@ void CoreDataManager::reclaimJournalSpace() {
 // ---- Writing ----
 
 void CoreDataManager::enqueue(PendingRow row) {
-    bool schedule = false;
-    {
-        std::lock_guard lock(pendingMutex_);
-        pending_.push_back(std::move(row));
-        schedule = !std::exchange(saveScheduled_, true);
-    }
-    if (schedule) background_.async([this] { saveContext(); });
+    std::unique_lock lock(pendingMutex_);
+    pending_.push_back(std::move(row));
+    if (!scheduleSaveLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 void CoreDataManager::enqueue(std::vector<PendingRow>&& rows) {
     if (rows.empty()) return;
-    bool schedule = false;
-    {
-        std::lock_guard lock(pendingMutex_);
-        if (pending_.empty()) {
-            pending_.swap(rows);
-        } else {
-            pending_.insert(pending_.end(), std::make_move_iterator(rows.begin()),
-                            std::make_move_iterator(rows.end()));
-        }
-        schedule = !std::exchange(saveScheduled_, true);
+    std::unique_lock lock(pendingMutex_);
+    if (pending_.empty()) {
+        pending_.swap(rows);
+    } else {
+        pending_.insert(pending_.end(), std::make_move_iterator(rows.begin()), std::make_move_iterator(rows.end()));
     }
-    if (schedule) background_.async([this] { saveContext(); });
+    if (!scheduleSaveLocked()) return;
+    lock.unlock();
+    postSave();
+}
+
+void CoreDataManager::saveSoon() {
+    std::unique_lock lock(pendingMutex_);
+    if (!scheduleSaveNowLocked()) return;
+    lock.unlock();
+    postSave();
+}
+
+// The first row queued after a save starts the delay; rows queued meanwhile join it. A
+// transaction's worth does not wait. True when the caller is to post the save.
+bool CoreDataManager::scheduleSaveLocked() {
+    if (saveScheduled_) return false;
+    if (!commitDelay_.timers || commitDelay_.seconds <= 0 || pending_.size() >= maxRowsPerTransaction) {
+        return scheduleSaveNowLocked();
+    }
+    if (commitTimer_) return false;
+    const std::uint64_t armed = ++commitTimerArmings_;
+    commitTimer_ = commitDelay_.timers->scheduleTimer(commitDelay_.seconds, false,
+                                                      [target = commitTimerTarget_, armed] {
+        std::lock_guard lock(target->mutex);
+        if (target->manager) target->manager->commitDelayEnded(armed);
+    });
+    return false;
+}
+
+bool CoreDataManager::scheduleSaveNowLocked() {
+    if (commitTimer_) {
+        commitTimer_->invalidate();
+        commitTimer_.reset();
+    }
+    return !std::exchange(saveScheduled_, true);
+}
+
+// Posted without holding the lock the save takes first, so that the executor does not wake
+// only to wait for it.
+void CoreDataManager::postSave() { background_.async([this] { saveContext(); }); }
+
+// A timer that was cancelled while its callback was already on its way is not the one armed.
+void CoreDataManager::commitDelayEnded(std::uint64_t arming) {
+    std::unique_lock lock(pendingMutex_);
+    if (!commitTimer_ || arming != commitTimerArmings_ || !scheduleSaveNowLocked()) return;
+    lock.unlock();
+    postSave();
 }
 
 // On the executor: moves the queued rows behind any kept from a failed save.
 void CoreDataManager::takePending() {
     std::lock_guard lock(pendingMutex_);
     saveScheduled_ = false;
+    // Everything queued is taken now: the delay it was waiting for is over.
+    if (commitTimer_) {
+        commitTimer_->invalidate();
+        commitTimer_.reset();
+    }
     if (writing_.empty()) {
         writing_.swap(pending_);
     } else {
@@ -793,33 +899,121 @@ std::optional<PendingBatch> CoreDataManager::pendingBatch() {
         saveContext();
         return guarded("Failed to fetch the pending batch: ", std::optional<PendingBatch>{},
                        [&]() -> std::optional<PendingBatch> {
-            auto& statements = *statements_;
-            PendingBatch batch;
-            std::int64_t expected = 0;
-            std::optional<EventPayload> closing;
-            {
-                auto& read = statements.readPendingBatch;
-                sqlite::StatementReset resetAfter(read);
-                if (!read.step()) return std::nullopt;
-                batch.batchId = std::string(read.columnText(0));
-                batch.sequentialId = read.columnInt64(1);
-                expected = read.columnInt64(2);
-                if (!read.columnText(3).empty()) {
-                    closing = EventPayload{std::string(read.columnText(3)), Date{read.columnDouble(4)},
-                                           std::string(read.columnBlob(5)), ""};
-                }
-            }
-            auto& fetch = statements.fetchPendingEvents;
+            auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record) return std::nullopt;
+            PendingBatch batch{record->batchId, record->sequentialId, {}};
+            auto& fetch = statements_->fetchPendingEvents;
             sqlite::StatementReset resetAfter(fetch);
-            batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(expected, 0, 20000)) + 1);
+            batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(record->storedEvents, 0, 20000)) + 1);
             while (fetch.step()) {
                 batch.events.push_back(EventPayload{std::string(fetch.columnText(1)), Date{fetch.columnDouble(2)},
                                                     std::string(fetch.columnBlob(3)),
                                                     uriRepresentation(fetch.columnInt64(0))});
             }
-            batch.complete = static_cast<std::int64_t>(batch.events.size()) == expected;
-            if (closing) batch.events.push_back(std::move(*closing));
+            batch.complete = static_cast<std::int64_t>(batch.events.size()) == record->storedEvents;
+            if (record->closing) batch.events.push_back(std::move(*record->closing));
             return batch;
+        });
+    });
+}
+
+std::optional<PendingBatchOutline> CoreDataManager::pendingBatchOutline() {
+    return performAndWait([&] {
+        saveContext();
+        return guarded("Failed to fetch the pending batch: ", std::optional<PendingBatchOutline>{},
+                       [&]() -> std::optional<PendingBatchOutline> {
+            const auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record) return std::nullopt;
+            auto& count = statements_->countPendingEventsStored;
+            sqlite::StatementReset resetAfter(count);
+            const std::int64_t stored = count.step() ? count.columnInt64(0) : 0;
+            return PendingBatchOutline{record->batchId, record->sequentialId, record->storedEvents,
+                                       record->closing.has_value(), stored == record->storedEvents};
+        });
+    });
+}
+
+bool CoreDataManager::forEachPendingBatchEvent(const std::string& batchId,
+                                               const std::function<void(const EventPayload&)>& each) {
+    return performAndWait([&] {
+        saveContext();
+        // Once events have been handed on, a read that meets damage does not start over on
+        // the new store: the receiver would see them twice.
+        bool started = false;
+        return guarded("Failed to fetch the pending batch: ", false, [&] {
+            if (std::exchange(started, true)) return false;
+            auto record = readPendingRecord(statements_->readPendingBatch);
+            if (!record || record->batchId != batchId) return false;
+            auto& fetch = statements_->fetchPendingEvents;
+            sqlite::StatementReset resetAfter(fetch);
+            EventPayload event;
+            std::int64_t handed = 0;
+            while (fetch.step()) {
+                event.type.assign(fetch.columnText(1));
+                event.trackedAtMs = Date{fetch.columnDouble(2)};
+                event.payload.assign(fetch.columnBlob(3));
+                event.uri = uriRepresentation(fetch.columnInt64(0));
+                each(event);
+                ++handed;
+            }
+            // One that lost events is never sent as if it were whole.
+            if (handed != record->storedEvents) return false;
+            if (record->closing) each(*record->closing);
+            return true;
+        });
+    });
+}
+
+// In one transaction, so that the closing event describes exactly the events recorded. The
+// events are read twice (once to describe them, once to name them) and held neither time.
+std::optional<PendingBatchOutline> CoreDataManager::recordPendingBatchOfAllEvents(
+    const std::string& batchId, std::int64_t sequentialId,
+    const std::function<EventPayload(const StoredEventsDigest&)>& closing) {
+    return performAndWait([&] {
+        saveContext();
+        return guarded("Failed to record the pending batch: ", std::optional<PendingBatchOutline>{},
+                       [&]() -> std::optional<PendingBatchOutline> {
+            auto& statements = *statements_;
+            sqlite::Transaction transaction(*db_);
+            {
+                sqlite::StatementReset resetAfter(statements.pendingBatchId);
+                if (statements.pendingBatchId.step()) return std::nullopt;
+            }
+            StoredEventsDigest digest;
+            long stored = 0;
+            {
+                auto& describe = statements.describeEvents;
+                sqlite::StatementReset resetAfter(describe);
+                while (describe.step()) {
+                    const std::string_view type = describe.columnText(0);
+                    ++digest.countByType[std::string(type)];
+                    if (stored++ == 0 || describe.columnDouble(1) > digest.newestTrackedAt.secondsSince1970) {
+                        digest.newestTrackedAt = Date{describe.columnDouble(1)};
+                    }
+                    if (type == ToggleTracking::typeName) {
+                        digest.toggleTrackingPayloads.emplace_back(describe.columnBlob(2));
+                    }
+                }
+            }
+            if (stored == 0) return std::nullopt;
+            const EventPayload closingEvent = closing(digest);
+            {
+                auto& insert = statements.insertPendingBatch;
+                sqlite::StatementReset resetAfter(insert);
+                insert.bindText(1, batchId);
+                insert.bind(2, sequentialId);
+                insert.bind(3, static_cast<std::int64_t>(stored));
+                insert.bindText(4, closingEvent.type);
+                insert.bind(5, closingEvent.trackedAtMs.secondsSince1970);
+                insert.bindBlob(6, closingEvent.payload);
+                insert.run();
+            }
+            {
+                sqlite::StatementReset resetAfter(statements.insertEveryPendingEvent);
+                statements.insertEveryPendingEvent.run();
+            }
+            transaction.commit();
+            return PendingBatchOutline{batchId, sequentialId, stored, true, true};
         });
     });
 }
@@ -837,10 +1031,20 @@ std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batc
                     return std::nullopt;
                 }
             }
+            // A batch that holds every stored event (a send that empties the store) clears the
+            // table, which frees its pages without writing them again; row by row, every page
+            // the batch's rows were on would be written once more.
+            bool holdsEveryEvent = false;
+            {
+                sqlite::StatementReset resetAfter(statements.anyEventOutsidePendingBatch);
+                holdsEveryEvent = statements.anyEventOutsidePendingBatch.step() &&
+                                  statements.anyEventOutsidePendingBatch.columnInt64(0) == 0;
+            }
+            auto& remove = holdsEveryEvent ? statements.deleteAllEvents : statements.deletePendingEvents;
             long removed = 0;
             {
-                sqlite::StatementReset resetAfter(statements.deletePendingEvents);
-                statements.deletePendingEvents.run();
+                sqlite::StatementReset resetAfter(remove);
+                remove.run();
                 removed = db_->changes();
             }
             for (auto* statement : {&statements.forgetPendingEvents, &statements.forgetPendingBatch}) {

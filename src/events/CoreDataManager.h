@@ -5,8 +5,11 @@
 //
 // Rows are written in groups: producers queue rows from any thread, and one save task on
 // the background executor writes everything queued so far, in transactions of a few
-// thousand rows. Reads and deletes run synchronously on the executor after saving what is
-// queued, so they see every row queued before them.
+// thousand rows. With a commit delay, the save waits until the first row queued since the
+// last one has waited that long (or a transaction's worth is queued), so that rows arriving
+// together share a commit: each commit rewrites the last pages of the table and its index,
+// whatever it holds. Reads and deletes run synchronously on the executor after saving what
+// is queued, so they see every row queued before them.
 //
 // Nothing that happens to the file stops the host: a damaged file is replaced by a new
 // store that carries over what can still be read, a file of another kind is moved aside,
@@ -31,6 +34,8 @@
 
 namespace rovalis {
 
+class RunLoop;
+class RunLoopTimer;
 class WorkTracker;
 
 class StoreSalvage;
@@ -47,6 +52,13 @@ struct PendingRow {
     std::string payload;
 };
 
+// How long queued rows may wait for their commit, on the clock of the run loop whose timer
+// ends the wait. Without a run loop (or with no delay) every queued row is saved at once.
+struct CommitDelay {
+    std::shared_ptr<RunLoop> timers;
+    double seconds = 0;
+};
+
 class CoreDataManager {
 public:
     static constexpr const char* containerName = "com.rovalis.sdk.CoreDataModel";
@@ -55,7 +67,8 @@ public:
     static constexpr const char* uriScheme = "x-rovalis-store";
 
     // Opens the store at path, creating the file (mode 0600) and the schema if needed.
-    explicit CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker = nullptr);
+    explicit CoreDataManager(std::filesystem::path path, std::shared_ptr<WorkTracker> tracker = nullptr,
+                             CommitDelay commitDelay = {});
     ~CoreDataManager();
 
     CoreDataManager(const CoreDataManager&) = delete;
@@ -69,6 +82,12 @@ public:
     // The most rows written in one transaction: on a nearly full disk whatever fits is
     // written, and a chunk that fails never holds back what came before it.
     static constexpr std::size_t maxRowsPerTransaction = 4096;
+    // The page size of a new store. Most commits add a row or two (a fix a second), and each
+    // writes the pages it changes whole: the last page of the table, of its index and of the
+    // id sequence. Small pages keep that close to what the rows need.
+    static constexpr int pageSize = 1024;
+    // The journal is copied into the store file whenever it holds this much.
+    static constexpr std::int64_t journalBytesBetweenCheckpoints = 4 * 1024 * 1024;
 
     // False while the store could not be opened. Inserts then wait in memory, reads are
     // empty, and every save tries to open the store again.
@@ -77,9 +96,12 @@ public:
     const std::string& storeIdentifier() const { return storeIdentifier_; }
     const std::filesystem::path& path() const { return path_; }
 
-    // Queue rows and return at once; a save is scheduled unless one is already due.
+    // Queue rows and return at once. They are saved once the commit delay has passed (at
+    // once without one, or when a transaction's worth is queued).
     void enqueue(PendingRow row);
     void enqueue(std::vector<PendingRow>&& rows);
+    // Returns at once; everything queued so far is saved without waiting for the delay.
+    void saveSoon();
 
     // Writes the row now, with everything queued before it, and returns its id; none when
     // the row could not be written yet (it is kept and written by a later save).
@@ -103,6 +125,12 @@ public:
     std::optional<PendingBatch> pendingBatch();
     std::optional<long> deleteAcceptedBatch(const std::string& batchId);
     void abandonPendingBatch(const std::string& batchId);
+    // The same without holding the batch's events (see RVLPendingBatchStorable).
+    std::optional<PendingBatchOutline> pendingBatchOutline();
+    bool forEachPendingBatchEvent(const std::string& batchId, const std::function<void(const EventPayload&)>& each);
+    std::optional<PendingBatchOutline> recordPendingBatchOfAllEvents(
+        const std::string& batchId, std::int64_t sequentialId,
+        const std::function<EventPayload(const StoredEventsDigest&)>& closing);
 
     // The permanent identifier of a row as URI text, and back. A URI of another store or
     // entity, or one that does not name a row id, gives none.
@@ -133,6 +161,14 @@ private:
     template <typename Result, typename Body>
     Result guarded(const char* failure, Result onFailure, Body&& body);
 
+    struct CommitTimerTarget;
+    // Need pendingMutex_: schedule the save the queued rows are due for, and say whether
+    // the caller is to post it (with postSave, once the lock is released).
+    bool scheduleSaveLocked();
+    bool scheduleSaveNowLocked();
+    void postSave();
+    void commitDelayEnded(std::uint64_t arming);
+
     void saveContext();
     void takePending();
     bool saveWaiting();
@@ -160,9 +196,15 @@ private:
     // numbers its rows after.
     std::int64_t highestKnownId_ = 0;
 
+    const CommitDelay commitDelay_;
+    // Reached by the commit timer's callback, which may outlive this manager.
+    const std::shared_ptr<CommitTimerTarget> commitTimerTarget_;
+
     std::mutex pendingMutex_;
     std::vector<PendingRow> pending_;
-    bool saveScheduled_ = false;
+    bool saveScheduled_ = false;  // a save task is queued on the executor
+    std::shared_ptr<RunLoopTimer> commitTimer_;  // armed while rows wait for the delay
+    std::uint64_t commitTimerArmings_ = 0;
 
     // Last member: destroyed first, after its tasks have drained.
     SerialExecutor background_;

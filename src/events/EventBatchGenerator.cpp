@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "util/Fatal.h"
 
@@ -57,36 +58,41 @@ bool isValidUtf8(std::string_view bytes) {
 
 }  // namespace
 
+constexpr std::string_view head = "{\"id\":\"";
+constexpr std::string_view afterId = "\",\"sequential_id\":";
+constexpr std::string_view beforeEvents = ",\"events\":[";
+constexpr std::string_view tail = "]}";
+
+EventBatchDocumentWriter::EventBatchDocumentWriter(std::string_view batchId, std::int64_t sequentialId, Sink sink)
+    : sink_(std::move(sink)) {
+    char number[24];
+    const auto written = std::to_chars(number, number + sizeof number, sequentialId);
+    sink_(head);
+    sink_(batchId);
+    sink_(afterId);
+    sink_(std::string_view(number, static_cast<std::size_t>(written.ptr - number)));
+    sink_(beforeEvents);
+}
+
+void EventBatchDocumentWriter::add(std::string_view payload) {
+    if (!isValidUtf8(payload)) fatalError("Could not encode " + std::to_string(payload.size()) + " bytes to String.");
+    if (!std::exchange(first_, false)) sink_(",");
+    sink_(payload);
+}
+
+void EventBatchDocumentWriter::finish() { sink_(tail); }
+
 std::string EventBatchGenerator::generateEventBatchFrom(const std::vector<EventPayload>& events,
                                                         const std::string& batchId,
                                                         std::int64_t sequentialId) {
-    static constexpr std::string_view head = "{\"id\":\"";
-    static constexpr std::string_view afterId = "\",\"sequential_id\":";
-    static constexpr std::string_view beforeEvents = ",\"events\":[";
-    static constexpr std::string_view tail = "]}";
-
     std::size_t size = head.size() + batchId.size() + afterId.size() + 20 + beforeEvents.size() + tail.size();
     for (const auto& event : events) size += event.payload.size() + 1;
 
     std::string document;
     document.reserve(size);
-    document.append(head);
-    document.append(batchId);
-    document.append(afterId);
-    char number[24];
-    const auto written = std::to_chars(number, number + sizeof number, sequentialId);
-    document.append(number, written.ptr);
-    document.append(beforeEvents);
-    bool first = true;
-    for (const auto& event : events) {
-        if (!isValidUtf8(event.payload)) {
-            fatalError("Could not encode " + std::to_string(event.payload.size()) + " bytes to String.");
-        }
-        if (!first) document.push_back(',');
-        first = false;
-        document.append(event.payload);
-    }
-    document.append(tail);
+    EventBatchDocumentWriter writer(batchId, sequentialId, [&](std::string_view piece) { document.append(piece); });
+    for (const auto& event : events) writer.add(event.payload);
+    writer.finish();
     return document;
 }
 

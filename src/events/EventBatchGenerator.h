@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "events/EventStoreInterfaces.h"
@@ -19,6 +21,23 @@ public:
                                                std::int64_t sequentialId) = 0;
 };
 using RVLEventBatchGeneratable = EventBatchGeneratable;
+
+// Writes the same document piece by piece to a sink, for batches too large to hold: the head
+// at construction, each payload as it is added, the tail at finish(). The generator below
+// makes its documents with it, so both give the same bytes for the same events.
+class EventBatchDocumentWriter {
+public:
+    using Sink = std::function<void(std::string_view piece)>;
+
+    EventBatchDocumentWriter(std::string_view batchId, std::int64_t sequentialId, Sink sink);
+    // A payload that is not valid UTF-8 is a programming error and stops the process.
+    void add(std::string_view payload);
+    void finish();
+
+private:
+    Sink sink_;
+    bool first_ = true;
+};
 
 // Stateless. A payload that is not valid UTF-8 is a programming error and stops the process.
 class EventBatchGenerator final : public EventBatchGeneratable {

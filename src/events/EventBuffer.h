@@ -45,6 +45,20 @@ public:
         });
     }
 
+    // The same for records that arrive together, in one task: each maxSize collected are
+    // handed over as they fill up.
+    void append(std::vector<Record> records, HandOver handOver) {
+        serialQueue_.async([weak = std::weak_ptr<State>(state_), records = std::move(records),
+                            handOver = std::move(handOver)]() mutable {
+            const auto state = weak.lock();
+            if (!state) return;
+            for (auto& record : records) {
+                state->events.push_back(std::move(record));
+                if (state->events.size() >= state->maxSize) handOver(state->take());
+            }
+        });
+    }
+
     // Returns at once. On the queue: hands over whatever is collected, possibly nothing.
     void flush(HandOver handOver) {
         serialQueue_.async([weak = std::weak_ptr<State>(state_), handOver = std::move(handOver)] {

@@ -28,8 +28,10 @@ bool isValidURI(std::string_view text) {
 
 }  // namespace
 
-EventRepository::EventRepository(const std::filesystem::path& databasePath, std::shared_ptr<WorkTracker> tracker)
-    : coreDataManager_(databasePath, tracker), accelerationBuffer_(accelerationBufferSize, tracker) {}
+EventRepository::EventRepository(const std::filesystem::path& databasePath, std::shared_ptr<WorkTracker> tracker,
+                                 CommitDelay commitDelay)
+    : coreDataManager_(databasePath, tracker, std::move(commitDelay)),
+      accelerationBuffer_(accelerationBufferSize, tracker) {}
 
 EventRepository::~EventRepository() {
     // Buffered samples are written rather than lost when the store is closed in order;
@@ -105,9 +107,19 @@ void EventRepository::insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, D
                                [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
 }
 
+void EventRepository::insertAccelerationEvents(std::vector<Acceleration> records) {
+    if (records.empty()) return;
+    accelerationBuffer_.append(std::move(records),
+                               [this](std::vector<Acceleration> taken) { handOverAccelerations(std::move(taken)); });
+}
+
+// Everything recorded so far is committed without waiting for the commit delay: the
+// buffered samples join the queued rows, then the save starts.
 void EventRepository::insertBuffers() {
-    accelerationBuffer_.flush(
-        [this](std::vector<Acceleration> records) { handOverAccelerations(std::move(records)); });
+    accelerationBuffer_.flush([this](std::vector<Acceleration> records) {
+        handOverAccelerations(std::move(records));
+        coreDataManager_.saveSoon();
+    });
 }
 
 // On the buffer's queue: the group is encoded here and queued as one, so it is written in
@@ -227,6 +239,26 @@ std::optional<long> EventRepository::deleteAcceptedBatch(const std::string& batc
 void EventRepository::abandonPendingBatch(const std::string& batchId) {
     drainBuffer();
     coreDataManager_.abandonPendingBatch(batchId);
+}
+
+std::optional<PendingBatchOutline> EventRepository::pendingBatchOutline() {
+    drainBuffer();
+    return coreDataManager_.pendingBatchOutline();
+}
+
+bool EventRepository::forEachPendingBatchEvent(const std::string& batchId,
+                                               const std::function<void(const EventPayload&)>& each) {
+    drainBuffer();
+    return coreDataManager_.forEachPendingBatchEvent(batchId, each);
+}
+
+std::optional<PendingBatchOutline> EventRepository::recordPendingBatchOfAllEvents(
+    const std::string& batchId, std::int64_t sequentialId,
+    const std::function<EventPayload(const StoredEventsDigest&)>& closing) {
+    drainBuffer();
+    const auto outline = coreDataManager_.recordPendingBatchOfAllEvents(batchId, sequentialId, closing);
+    if (!outline) Console::log("The batch " + batchId + " of every stored event was not recorded");
+    return outline;
 }
 
 std::optional<std::string> EventRepository::lastStoredURIAmong(const std::vector<EventPayload>& payloads) {

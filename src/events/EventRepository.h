@@ -2,7 +2,9 @@
 
 // The event store: typed inserts, fetch in time order, count, and deletes by time or by
 // the rows' identifiers. Records are built, validated and encoded on the caller's thread;
-// the rows are written in groups on the persistence manager's background executor.
+// the rows are written in groups on the persistence manager's background executor, at the
+// latest when the commit delay has passed, and at once when the buffers are written
+// (insertBuffers: a sleep, a stop, the app going to the background or ending).
 
 #include <cstdint>
 #include <filesystem>
@@ -24,8 +26,12 @@ class EventRepository final : public RVLEventStorable, public EventRecordInserta
 public:
     static constexpr std::int64_t accelerationBufferSize = 300;
 
+    // The delay the SDK gives rows to share a commit: a process killed outright loses at
+    // most the rows of this last second (and the acceleration buffer), never a committed one.
+    static constexpr double commitDelaySeconds = 1.0;
+
     explicit EventRepository(const std::filesystem::path& databasePath,
-                             std::shared_ptr<WorkTracker> tracker = nullptr);
+                             std::shared_ptr<WorkTracker> tracker = nullptr, CommitDelay commitDelay = {});
     // Writes what is buffered and queued before the store closes.
     ~EventRepository() override;
 
@@ -51,6 +57,7 @@ public:
     void insertIOSActivityEventWithTrackedAtMs(Date trackedAtMs, long confidenceCode,
                                                const std::vector<IOSActivityTypeWrapper>& activityCodes) override;
     void insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, Decimal magnitude) override;
+    void insertAccelerationEvents(std::vector<Acceleration> records) override;
     void insertBuffers() override;
 
     // EventRecordInsertable
@@ -73,6 +80,12 @@ public:
     std::optional<PendingBatch> pendingBatch() override;
     bool recordPendingBatch(const PendingBatch& batch) override;
     void abandonPendingBatch(const std::string& batchId) override;
+    std::optional<PendingBatchOutline> pendingBatchOutline() override;
+    bool forEachPendingBatchEvent(const std::string& batchId,
+                                  const std::function<void(const EventPayload&)>& each) override;
+    std::optional<PendingBatchOutline> recordPendingBatchOfAllEvents(
+        const std::string& batchId, std::int64_t sequentialId,
+        const std::function<EventPayload(const StoredEventsDigest&)>& closing) override;
 
     CoreDataManager& coreDataManager() { return coreDataManager_; }
 

@@ -3,6 +3,8 @@
 // The five faces of the event store. Components receive only the one they need.
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +41,28 @@ struct PendingBatch {
     friend bool operator==(const PendingBatch&, const PendingBatch&) = default;
 };
 
+// A pending batch without its events: enough to decide how to send it.
+struct PendingBatchOutline {
+    std::string batchId;
+    std::int64_t sequentialId = 0;
+    std::int64_t storedEvents = 0;  // as recorded
+    bool hasClosingEvent = false;
+    // False when some of its stored events have gone since it was recorded.
+    bool complete = true;
+
+    std::int64_t eventCount() const { return storedEvents + (hasClosingEvent ? 1 : 0); }
+
+    friend bool operator==(const PendingBatchOutline&, const PendingBatchOutline&) = default;
+};
+
+// What the stored events are, for the event that closes a batch of all of them: how many of
+// each type, the payloads of the ToggleTracking ones (a few a day), and the newest time.
+struct StoredEventsDigest {
+    std::map<std::string, long> countByType;
+    std::vector<std::string> toggleTrackingPayloads;
+    Date newestTrackedAt;
+};
+
 class RVLEventInsertable {
 public:
     virtual ~RVLEventInsertable() = default;
@@ -64,7 +88,10 @@ public:
                                                        const std::vector<IOSActivityTypeWrapper>& activityCodes) = 0;
     // Goes into the acceleration buffer; no row is written yet.
     virtual void insertAccelerationEventWithTrackedAtMs(Date trackedAtMs, Decimal magnitude) = 0;
-    // Writes every buffered acceleration, one row each, and empties the buffer.
+    // The same for samples that arrive together, in one hand-over to the buffer.
+    virtual void insertAccelerationEvents(std::vector<Acceleration> records) = 0;
+    // Writes every buffered acceleration, one row each, and empties the buffer; then
+    // commits every queued row without waiting for the commit delay.
     virtual void insertBuffers() = 0;
 };
 
@@ -117,6 +144,21 @@ public:
     virtual bool recordPendingBatch(const PendingBatch& batch) = 0;
     // Forgets the pending batch with this id and keeps its events, which a later batch takes.
     virtual void abandonPendingBatch(const std::string& batchId) = 0;
+
+    // For batches too large to hold in memory (a background batch of everything stored):
+    // The pending batch without its events, or none.
+    virtual std::optional<PendingBatchOutline> pendingBatchOutline() = 0;
+    // Hands the events of the pending batch with this id to `each` one at a time, in the order
+    // pendingBatch() gives them. False when that batch is not pending or not complete, or the
+    // store could not be read to the end; `each` may have seen some of them then.
+    virtual bool forEachPendingBatchEvent(const std::string& batchId,
+                                          const std::function<void(const EventPayload&)>& each) = 0;
+    // Records every stored event as the pending batch, closed by the event `closing` makes
+    // from what they are, without loading them. None, with nothing recorded, when nothing is
+    // stored, another batch is pending, or the store cannot be written.
+    virtual std::optional<PendingBatchOutline> recordPendingBatchOfAllEvents(
+        const std::string& batchId, std::int64_t sequentialId,
+        const std::function<EventPayload(const StoredEventsDigest&)>& closing) = 0;
 };
 
 class RVLEventStorable : public RVLEventInsertable,

@@ -31,7 +31,7 @@ bool Error::isEnvironmental() const {
 
 // ---- Database ----
 
-Database::Database(const std::string& path, Mode mode) {
+Database::Database(const std::string& path, Mode mode, const char* vfs) {
     // One connection per thread of use, so SQLite's own per-connection mutex is not needed.
     int flags = SQLITE_OPEN_NOMUTEX;
     switch (mode) {
@@ -39,7 +39,7 @@ Database::Database(const std::string& path, Mode mode) {
     case Mode::readWriteCreate: flags |= SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE; break;
     case Mode::readOnly: flags |= SQLITE_OPEN_READONLY; break;
     }
-    const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, nullptr);
+    const int rc = sqlite3_open_v2(path.c_str(), &db_, flags, vfs);
     if (rc != SQLITE_OK) {
         const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
         const int extended = db_ ? sqlite3_extended_errcode(db_) : rc;

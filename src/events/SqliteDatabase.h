@@ -38,8 +38,9 @@ class Database {
 public:
     enum class Mode { readWrite, readWriteCreate, readOnly };
 
-    // Opens (and with readWriteCreate, creates) the database file. Throws Error on failure.
-    Database(const std::string& path, Mode mode);
+    // Opens (and with readWriteCreate, creates) the database file, through the named SQLite
+    // file system or the default one. Throws Error on failure.
+    Database(const std::string& path, Mode mode, const char* vfs = nullptr);
     Database(const std::string& path, bool create)
         : Database(path, create ? Mode::readWriteCreate : Mode::readWrite) {}
     ~Database();

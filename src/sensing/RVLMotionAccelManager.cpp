@@ -18,12 +18,29 @@ struct RVLMotionAccelManager::Recorder {
         return Date{dateSource->now().secondsSince1970 - systemState->systemUptime() + timestamp};
     }
 
-    void processAcceleration(const AccelerationVector& acceleration, double timestamp) const {
-        const std::optional<Decimal> magnitude = RVLCommons::calculateMagnitude(acceleration);
+    // A broken sample must not become an event the encoder refuses: none for it.
+    std::optional<Acceleration> acceleration(const AccelerationVector& vector, double timestamp) const {
+        const std::optional<Decimal> magnitude = RVLCommons::calculateMagnitude(vector);
         const Date trackedAt = dateOfSample(timestamp);
-        // A broken sample must not become an event the encoder refuses.
-        if (!magnitude || !std::isfinite(trackedAt.secondsSince1970)) return;
-        eventInsertable->insertAccelerationEventWithTrackedAtMs(trackedAt, *magnitude);
+        if (!magnitude || !std::isfinite(trackedAt.secondsSince1970)) return std::nullopt;
+        return Acceleration(trackedAt, *magnitude);
+    }
+
+    void processAcceleration(const AccelerationVector& vector, double timestamp) const {
+        if (const auto record = acceleration(vector, timestamp)) {
+            eventInsertable->insertAccelerationEventWithTrackedAtMs(record->trackedAtMs, record->magnitude);
+        }
+    }
+
+    void processAccelerations(std::span<const AccelerometerData> samples) const {
+        std::vector<Acceleration> records;
+        records.reserve(samples.size());
+        for (const auto& sample : samples) {
+            if (auto record = acceleration(RVLCommons::fromGToMs2({sample.x, sample.y, sample.z}), sample.timestamp)) {
+                records.push_back(std::move(*record));
+            }
+        }
+        eventInsertable->insertAccelerationEvents(std::move(records));
     }
 
     void insertActivity(const MotionActivity& activity) const {
@@ -97,10 +114,8 @@ void RVLMotionAccelManager::startAccelerometer() {
     std::shared_ptr<Executor> queue = makeQueue_(accelerometerQueueLabel);
     stopAccelerometer();
     std::weak_ptr<const Recorder> recorder = recorder_;
-    motionManager_->startAccelerometerUpdates(queue, [recorder](const AccelerometerData& sample) {
-        const auto strong = recorder.lock();
-        if (!strong) return;
-        strong->processAcceleration(RVLCommons::fromGToMs2({sample.x, sample.y, sample.z}), sample.timestamp);
+    motionManager_->startAccelerometerUpdates(queue, [recorder](std::span<const AccelerometerData> samples) {
+        if (const auto strong = recorder.lock()) strong->processAccelerations(samples);
     });
     // The previous queue is released here, on the caller's thread, never on its own.
     accelerometerQueue_ = std::move(queue);
@@ -130,6 +145,10 @@ void RVLMotionAccelManager::stopMotionActivity() {
 
 void RVLMotionAccelManager::processAcceleration(const AccelerationVector& acceleration, double timestamp) const {
     recorder_->processAcceleration(acceleration, timestamp);
+}
+
+void RVLMotionAccelManager::processAccelerations(std::span<const AccelerometerData> samples) const {
+    recorder_->processAccelerations(samples);
 }
 
 void RVLMotionAccelManager::insertActivity(const MotionActivity& activity) const {

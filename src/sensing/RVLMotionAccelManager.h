@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 #include "core/TrackingInterfaces.h"
@@ -22,7 +23,8 @@ namespace rovalis {
 //
 // Tracker calls come from the main run loop. Samples arrive on a new queue
 // "core-motion-accelerations-updates" made at every start, classifications on the queue
-// "core-motion-activity-updates"; both write straight into the event store.
+// "core-motion-activity-updates"; both write straight into the event store, the samples a
+// group at a time as the platform hands them over.
 class RVLMotionAccelManager final : public RVLTracker {
 public:
     using QueueFactory = std::function<std::shared_ptr<Executor>(const std::string& label)>;
@@ -67,6 +69,8 @@ public:
     // Records one sample (in m/s^2, time in seconds since boot). A sample whose magnitude
     // or time cannot be written is dropped.
     void processAcceleration(const AccelerationVector& acceleration, double timestamp) const;
+    // Records the samples the platform handed over together, as one group.
+    void processAccelerations(std::span<const AccelerometerData> samples) const;
     void insertActivity(const MotionActivity& activity) const;
     // The wall-clock date of a sample time counted in seconds since boot.
     Date epochTimestampFromAccelerationTimestampInMilliseconds(double timestamp) const;

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 namespace rovalis {
 
@@ -275,6 +276,86 @@ bool GZipDecompressFile(const std::filesystem::path& source, const std::filesyst
         removeQuietly(target);
     }
     return ok;
+}
+
+// ---- GzipFileWriter
+
+struct GzipFileWriter::Stream {
+    z_stream zlib{};
+    bool started = false;
+    char out[64 * 1024];
+};
+
+GzipFileWriter::GzipFileWriter(std::filesystem::path target)
+    : target_(std::move(target)), stream_(std::make_unique<Stream>()) {
+    fd_ = openPrivateTarget(target_);
+    if (fd_ < 0) {
+        fail(Z_ERRNO, "Could not open " + target_.string() + " for writing: " + systemMessage(errno));
+        return;
+    }
+    const int status = deflateInit2(&stream_->zlib, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+    if (status != Z_OK) {
+        fail(status, "Failed deflateInit");
+        return;
+    }
+    stream_->started = true;
+}
+
+GzipFileWriter::~GzipFileWriter() {
+    if (stream_->started) deflateEnd(&stream_->zlib);
+    if (fd_ >= 0) ::close(fd_);
+    if (!finished_) removeQuietly(target_);
+}
+
+void GzipFileWriter::fail(int code, std::string description) {
+    if (!failure_) failure_ = Error{gzipErrorDomain, code, std::move(description)};
+}
+
+// Runs deflate over the input it was given and writes out whatever it makes.
+bool GzipFileWriter::deflateInto(int flush) {
+    auto& zlib = stream_->zlib;
+    int status = Z_OK;
+    do {
+        zlib.next_out = reinterpret_cast<Bytef*>(stream_->out);
+        zlib.avail_out = sizeof stream_->out;
+        status = deflate(&zlib, flush);
+        if (status == Z_STREAM_ERROR) {
+            fail(status, "Error deflating payload");
+            return false;
+        }
+        const std::size_t made = sizeof stream_->out - zlib.avail_out;
+        if (!writeAll(fd_, stream_->out, made)) {
+            fail(Z_ERRNO, "Could not write " + target_.string() + ": " + systemMessage(errno));
+            return false;
+        }
+    } while (zlib.avail_out == 0 || (flush == Z_FINISH && status != Z_STREAM_END));
+    return true;
+}
+
+bool GzipFileWriter::write(std::string_view data) {
+    if (failure_ || finished_) return false;
+    auto& zlib = stream_->zlib;
+    while (!data.empty()) {
+        const std::size_t piece = std::min<std::size_t>(data.size(), UINT_MAX);
+        zlib.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
+        zlib.avail_in = static_cast<uInt>(piece);
+        if (!deflateInto(Z_NO_FLUSH)) return false;
+        data.remove_prefix(piece);
+    }
+    return true;
+}
+
+bool GzipFileWriter::finish(Error* error) {
+    if (!failure_ && !finished_) {
+        stream_->zlib.avail_in = 0;
+        // Synced, so that a file handed on survives a power cut whole.
+        if (deflateInto(Z_FINISH) && (::fdatasync(fd_) != 0 || ::close(std::exchange(fd_, -1)) != 0)) {
+            fail(Z_ERRNO, "Could not write " + target_.string() + ": " + systemMessage(errno));
+        }
+        finished_ = !failure_;
+    }
+    if (failure_ && error) *error = *failure_;
+    return finished_;
 }
 
 }  // namespace rovalis

@@ -6,6 +6,7 @@
 // empty result.
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,5 +36,32 @@ bool GZipCompressFile(const std::filesystem::path& source, const std::filesystem
 bool GZipCompressFile(const std::filesystem::path& source, const std::filesystem::path& target, int level,
                       Error* error);
 bool GZipDecompressFile(const std::filesystem::path& source, const std::filesystem::path& target, Error* error);
+
+// Compresses what is written to it, piece by piece, straight into a file, with the settings
+// of dataByGZipCompressingWithError: for data too large to hold. The file is created private
+// to the user and removed again unless finish() succeeds.
+class GzipFileWriter {
+public:
+    explicit GzipFileWriter(std::filesystem::path target);
+    ~GzipFileWriter();
+    GzipFileWriter(const GzipFileWriter&) = delete;
+    GzipFileWriter& operator=(const GzipFileWriter&) = delete;
+
+    // False once anything has failed; later writes do nothing.
+    bool write(std::string_view data);
+    // Ends the stream, syncs and closes the file; false, with the reason, when anything failed.
+    bool finish(Error* error);
+
+private:
+    bool deflateInto(int flush);
+    void fail(int code, std::string description);
+
+    struct Stream;
+    const std::filesystem::path target_;
+    std::unique_ptr<Stream> stream_;
+    std::optional<Error> failure_;
+    int fd_ = -1;
+    bool finished_ = false;
+};
 
 }  // namespace rovalis

@@ -293,7 +293,26 @@ std::shared_ptr<UrlSession> RVLAPIClient::sessionFor(bool background) {
 
 void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
                               SuccessBlock success, FailureBlock failure) {
-    UrlRequest request = requestWithContentLength(zippedData.size());
+    const std::size_t size = zippedData.size();
+    startForegroundUpload(size, trackedFrom, trackedTo, batch, std::move(success), std::move(failure),
+                          [&](UrlSession& session, const UrlRequest& request) {
+                              return session.uploadTaskWithRequest(request, std::move(zippedData));
+                          });
+}
+
+void RVLAPIClient::sendEventsFile(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
+                                  const BatchIdentity& batch, SuccessBlock success, FailureBlock failure) {
+    startForegroundUpload(RVLCommons::fileSizeFor(file), trackedFrom, trackedTo, batch, std::move(success),
+                          std::move(failure), [&](UrlSession& session, const UrlRequest& request) {
+                              return session.uploadTaskWithRequestFromFile(request, file);
+                          });
+}
+
+void RVLAPIClient::startForegroundUpload(
+    std::size_t bodySize, Date trackedFrom, Date trackedTo, const BatchIdentity& batch, SuccessBlock success,
+    FailureBlock failure,
+    const std::function<std::shared_ptr<UrlSessionTask>(UrlSession&, const UrlRequest&)>& makeTask) {
+    UrlRequest request = requestWithContentLength(bodySize);
     request.properties[kTimestampFrom] = trackedFrom;
     request.properties[kTimestamp] = trackedTo;
     attachBatchIdentity(request, batch);
@@ -303,7 +322,7 @@ void RVLAPIClient::sendEvents(std::string zippedData, Date trackedFrom, Date tra
         sendEventsFailureBlock_ = std::move(failure);
     }
     const auto session = foregroundURLSession();
-    auto task = session->uploadTaskWithRequest(request, std::move(zippedData));
+    auto task = makeTask(*session, request);
     {
         std::lock_guard lock(mutex_);
         uploadTask_ = task;

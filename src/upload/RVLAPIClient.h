@@ -105,6 +105,8 @@ public:
     bool canSendEvents() override;
     void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
                     SuccessBlock success, FailureBlock failure) override;
+    void sendEventsFile(const std::filesystem::path& file, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
+                        SuccessBlock success, FailureBlock failure) override;
     void sendEventsFileInBackground(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
                                     const BatchIdentity& batch) override;
     void cancelPendingBackgroundTasks() override;
@@ -112,6 +114,11 @@ public:
                                                    const std::optional<Error>& error) override;
 
     UrlRequest requestWithContentLength(std::uint64_t length);
+    // The foreground upload of a batch whose body makeTask attaches.
+    void startForegroundUpload(
+        std::size_t bodySize, Date trackedFrom, Date trackedTo, const BatchIdentity& batch, SuccessBlock success,
+        FailureBlock failure,
+        const std::function<std::shared_ptr<UrlSessionTask>(UrlSession&, const UrlRequest&)>& makeTask);
     std::string userAgent();
 
     // The session, made again when the wifi-only choice no longer matches its cellular

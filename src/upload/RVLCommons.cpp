@@ -97,6 +97,8 @@ std::optional<fs::path> RVLCommons::writeBackgroundTaskFileWithData(std::string_
     return file;
 }
 
+fs::path RVLCommons::largeBatchFile() const { return documents_ / "RovalisSDKLargeBatch"; }
+
 void RVLCommons::removeBackgroundTaskFolder() const {
     std::error_code ignored;
     fs::remove_all(backgroundTasksFolder(), ignored);

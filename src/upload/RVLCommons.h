@@ -41,6 +41,9 @@ public:
                                                                          Date lastEventTimestamp) const;
     // Removes the folder with everything in it; errors are ignored.
     void removeBackgroundTaskFolder() const;
+    // <Documents>/RovalisSDKLargeBatch: a pending batch too large to hold in memory, while a
+    // foreground send uploads it.
+    std::filesystem::path largeBatchFile() const;
     static bool fileExistsAt(const std::filesystem::path& file);
     // The size cut to 32 bits; 0 when it cannot be read.
     static std::uint32_t fileSizeFor(const std::filesystem::path& file);

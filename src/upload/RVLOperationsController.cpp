@@ -187,7 +187,7 @@ std::shared_ptr<RVLOperationBase> RVLOperationsController::sendDataOperationWith
     auto operation = std::make_shared<RVLSendOperation>(apiManager_, eventsLoader_, eventsDeleter_, pendingBatches_,
                                                         userDefaultsManager_, eventBatchGenerator_,
                                                         reachabilityManager_, batchIdManager_, debugEventsManager_,
-                                                        environment_.dateSource, uri);
+                                                        environment_.commons, environment_.dateSource, uri);
     operation->setName("regularEventsSendOperation");
     return operation;
 }
@@ -208,8 +208,7 @@ std::shared_ptr<RVLOperationBase> RVLOperationsController::slowDownOperationWith
 
 std::shared_ptr<RVLOperationBase> RVLOperationsController::sendInBackgroundOperation() {
     return std::make_shared<RVLSendInBackgroundOperation>(eventsLoader_, pendingBatches_, apiManager_,
-                                                          userDefaultsManager_,
-                                                          eventBatchGenerator_, batchIdManager_, environment_.commons,
+                                                          userDefaultsManager_, batchIdManager_, environment_.commons,
                                                           environment_.dateSource);
 }
 

@@ -36,6 +36,10 @@ public:
     // thread.
     virtual void sendEvents(std::string zippedData, Date trackedFrom, Date trackedTo, const BatchIdentity& batch,
                             SuccessBlock success, FailureBlock failure) = 0;
+    // The same with the compressed batch in a file, read as it is sent: for a batch too large
+    // to hold in memory. The file is left where it is.
+    virtual void sendEventsFile(const std::filesystem::path& file, Date trackedFrom, Date trackedTo,
+                                const BatchIdentity& batch, SuccessBlock success, FailureBlock failure) = 0;
     // Hands the compressed file of the pending batch sent under `batch` to the background
     // session; the outcome is handled by the client itself, in this process or a later one:
     // on acceptance the identity renewed, the upload date stored and the batch's events

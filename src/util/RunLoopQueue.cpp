@@ -207,6 +207,24 @@ void RunLoopQueue::waitForWork(std::chrono::steady_clock::duration maxWait) {
     changed_.wait_for(lock, wait, [&] { return stopped_ || generation_ != generation; });
 }
 
+std::uint64_t RunLoopQueue::changes() const {
+    std::lock_guard lock(mutex_);
+    return generation_;
+}
+
+void RunLoopQueue::waitForChangeSince(std::uint64_t seen, std::chrono::steady_clock::duration maxWait) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, maxWait, [&] { return generation_ != seen; });
+}
+
+void RunLoopQueue::wake() {
+    {
+        std::lock_guard lock(mutex_);
+        ++generation_;
+    }
+    changed_.notify_all();
+}
+
 void RunLoopQueue::stop() {
     {
         std::lock_guard lock(mutex_);

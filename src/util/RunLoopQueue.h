@@ -48,6 +48,14 @@ public:
     // Blocks until a task is posted, a timer is scheduled, stop() is called, or maxWait has
     // passed; returns at once if a task is waiting or a timer is due.
     void waitForWork(std::chrono::steady_clock::duration maxWait);
+
+    // Counts the changes that may give the runner something to do: posts, timers, stop(),
+    // wake(). A runner reads it before it looks for a reason to run, then waits for a
+    // change since, so that a change in between is never missed.
+    std::uint64_t changes() const;
+    void waitForChangeSince(std::uint64_t seen, std::chrono::steady_clock::duration maxWait);
+    // A change that is none of the queue's own: something the runner also waits for.
+    void wake();
     void stop();
     bool stopped() const;
 

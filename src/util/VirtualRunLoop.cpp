@@ -16,9 +16,12 @@ VirtualRunLoop::VirtualRunLoop(std::shared_ptr<SettableDateSource> clock, std::s
       queue_(std::make_shared<RunLoopQueue>(clock_)),
       owner_(std::this_thread::get_id()) {
     if (!clock_) fatalError("VirtualRunLoop needs a clock");
+    if (tracker_) idleListener_ = tracker_->addIdleListener([queue = queue_] { queue->wake(); });
 }
 
-VirtualRunLoop::~VirtualRunLoop() = default;
+VirtualRunLoop::~VirtualRunLoop() {
+    if (tracker_) tracker_->removeIdleListener(idleListener_);
+}
 
 template <typename Body>
 void VirtualRunLoop::drive(Body&& body) {
@@ -74,17 +77,16 @@ std::shared_ptr<RunLoopTimer> VirtualRunLoop::scheduleTimer(double intervalSecon
 }
 
 bool VirtualRunLoop::waitForTrackedWork() {
-    using namespace std::chrono;
-    // Tracked work ends without telling this loop, so the wait looks again after a short,
-    // growing pause; a task posted meanwhile ends the pause at once.
-    auto pause = duration_cast<steady_clock::duration>(microseconds(10));
-    const auto longest = duration_cast<steady_clock::duration>(milliseconds(1));
-    while (!tracker_->isIdle()) {
+    // The tracker wakes the queue when its work ends, and a post wakes it too, so the wait
+    // sleeps until one of them happens. The bound only covers a clock set from another
+    // thread, which wakes nobody.
+    const auto bound = std::chrono::milliseconds(100);
+    for (;;) {
+        const std::uint64_t seen = queue_->changes();
+        if (tracker_->isIdle()) return true;
         if (queue_->hasDueWork()) return false;
-        queue_->waitForWork(pause);
-        pause = std::min(pause * 2, longest);
+        queue_->waitForChangeSince(seen, bound);
     }
-    return true;
 }
 
 void VirtualRunLoop::runDueWork() {

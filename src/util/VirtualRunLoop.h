@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -74,6 +75,7 @@ private:
     const std::shared_ptr<RunLoopQueue> queue_;
     const std::thread::id owner_;
     std::mutex driving_;
+    std::uint64_t idleListener_ = 0;
 };
 
 // The tracker a virtual main run loop waits for, which the SDK's executors, stores and

@@ -202,6 +202,10 @@ public:
     void sendEvents(std::string, Date, Date, const BatchIdentity&, SuccessBlock, FailureBlock) override {
         ADD_FAILURE() << "no token";
     }
+    void sendEventsFile(const std::filesystem::path&, Date, Date, const BatchIdentity&, SuccessBlock,
+                        FailureBlock) override {
+        ADD_FAILURE() << "no token";
+    }
     void sendEventsFileInBackground(const std::filesystem::path&, Date, Date, const BatchIdentity&) override {}
     void cancelPendingBackgroundTasks() override { ++cancels; }
     void updateTransmitDataDelegateWithTrackedFrom(Date, Date, const std::optional<Error>& error) override {

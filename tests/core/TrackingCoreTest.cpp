@@ -4,6 +4,7 @@
 
 #include "core/PauseManager.h"
 #include "core/RVLGeneralLocationManager.h"
+#include "events/SqliteDatabase.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/sim/SimulatedDevice.h"
 #include "rovalis/Exceptions.h"
@@ -301,6 +302,30 @@ TEST_F(TrackingCore, LifecycleNotificationsAreIgnoredWhileTrackingRuns) {
     settle();
     EXPECT_EQ(sdk->paused(), false);  // no "application terminates" sleep
     for (const auto& text : debugTexts()) EXPECT_NE(text, UIApplicationWillTerminateNotification);
+}
+
+TEST_F(TrackingCore, BackgroundAndTerminateNotificationsCommitWhatIsQueuedWithoutWaitingForTheCommitDelay) {
+    // What another connection sees in the store file: the committed Debug comments.
+    const auto committedDebugTexts = [&] {
+        sqlite::Database db(sdk->eventRepository()->coreDataManager().path().string(), sqlite::Database::Mode::readOnly);
+        sqlite::Statement debug(db, "SELECT payload FROM EventEntity WHERE type = 'Debug'");
+        std::vector<std::string> texts;
+        while (debug.step()) texts.push_back(json::parse(debug.columnBlob(0))["comment"].get<std::string>());
+        return texts;
+    };
+    const Date before = device.now();
+    for (const char* name : {UIApplicationDidEnterBackgroundNotification, UIApplicationWillTerminateNotification}) {
+        sdk->eventRepository()->insertDebugEventWithTrackedAtMs(device.now(), 0, std::string("queued before ") + name);
+        settle();
+        const auto texts = committedDebugTexts();
+        EXPECT_EQ(std::find(texts.begin(), texts.end(), std::string("queued before ") + name), texts.end())
+            << "waits for the commit delay";
+        platform.notificationCenter->post(name);
+        settle();  // what is due now and the work it starts; the clock stands still
+        const auto after = committedDebugTexts();
+        EXPECT_NE(std::find(after.begin(), after.end(), std::string("queued before ") + name), after.end()) << name;
+    }
+    EXPECT_EQ(device.now(), before);
 }
 
 TEST_F(TrackingCore, AUserTokenRotatesTheDeviceIdOnlyForANewUser) {

@@ -18,6 +18,8 @@
 #include "collector/CollectorServer.h"
 #include "support/TestSupport.h"
 #include "support/UploadStack.h"
+#include "events/EventBatchGenerator.h"
+#include "upload/Gzip.h"
 #include "upload/TransferOperations.h"
 #include "upload/UrlSession.h"
 
@@ -298,6 +300,69 @@ TEST_F(UploadEndToEnd, PreShutdownWithTheServiceDownFallsBackToABackgroundUpload
     // was being made may be left, for the next upload.
     for (const auto& left : stack->events->fetchEventsPayloadTo(std::nullopt, 0)) EXPECT_EQ(left.type, "Debug");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);  // the file stays
+}
+
+// ---- Batches too large to hold in memory
+
+TEST_F(UploadEndToEnd, ABatchOfEveryStoredEventIsRecordedAndWrittenWithoutLoadingItAsTheInMemoryPathMakesIt) {
+    auto stack = makeStack();
+    stack->storeWaypoints(500);
+    stack->events->insertToggleTrackingEventWithTrackedAtMs(Date{1700000100.5}, false, 0);  // the host's switch-off
+    stack->events->insertDebugEventWithTrackedAtMs(Date{1699999999.0}, 0, "older than every waypoint");
+    const auto stored = stack->events->fetchEventsPayloadTo(std::nullopt, 0);
+
+    const auto outline = stack->events->recordPendingBatchOfAllEvents(
+        "B-ALL", 41, &RVLSendInBackgroundOperation::diagnosticEvent);
+    ASSERT_TRUE(outline);
+    EXPECT_EQ(*outline, (PendingBatchOutline{"B-ALL", 41, static_cast<std::int64_t>(stored.size()), true, true}));
+    const auto pending = stack->events->pendingBatch();
+    ASSERT_TRUE(pending);
+    EXPECT_EQ(pending->events, RVLSendInBackgroundOperation::diagnoseEventBatch(stored))
+        << "the same events and closing event as a batch made in memory";
+    EXPECT_NE(pending->events.back().payload.find("TT->OFF present"), std::string::npos);
+
+    const auto file = root.path() / "batch.gz";
+    const auto contents = writePendingBatchFile(*stack->events, {"B-ALL", 41}, file, stored[250].uri);
+    ASSERT_TRUE(contents);
+    EXPECT_EQ(contents->from, stored.front().trackedAtMs);
+    EXPECT_EQ(contents->to, pending->events.back().trackedAtMs);
+    EXPECT_TRUE(contents->holdsLastEvent);
+    EXPECT_EQ(dataByGZipDecompressingDataWithError(readFile(file), nullptr),
+              EventBatchGenerator().generateEventBatchFrom(pending->events, "B-ALL", 41))
+        << "byte for byte the document every other attempt sends";
+
+    EXPECT_FALSE(writePendingBatchFile(*stack->events, {"B-OTHER", 41}, file, std::nullopt));
+    EXPECT_FALSE(std::filesystem::exists(file)) << "no file for a batch that is not pending";
+    EXPECT_FALSE(stack->events->recordPendingBatchOfAllEvents("B-2", 42, &RVLSendInBackgroundOperation::diagnosticEvent))
+        << "one batch at a time";
+}
+
+TEST_F(UploadEndToEnd, ABackgroundBatchLargerThanAForegroundOneIsResentByTheNextLaunchFromAFileAsRecorded) {
+    const int waypoints = static_cast<int>(RVLSendOperation::batchLimit) + 500;
+    std::vector<EventPayload> recorded;
+    {
+        // A process records its background batch and dies before the upload ends.
+        auto stack = makeStack();
+        stack->credentials->setAccessToken(sampleAccessToken());
+        stack->storeWaypoints(waypoints);
+        const auto identity = BatchIdentity{stack->credentials->batchId(), stack->credentials->sequentialId()};
+        ASSERT_TRUE(stack->events->recordPendingBatchOfAllEvents(identity.batchId, identity.sequentialId,
+                                                                 &RVLSendInBackgroundOperation::diagnosticEvent));
+        recorded = stack->events->pendingBatch()->events;
+    }
+    auto stack = makeStack();
+    stack->storeWaypoints(10, Date{1800000000.0});
+    ASSERT_TRUE(stack->sendEvents());
+
+    const auto batches = collector->batches();
+    ASSERT_EQ(batches.size(), 2u);
+    EXPECT_EQ(batches[0].eventCount, static_cast<std::int64_t>(recorded.size()));
+    EXPECT_EQ(batches[1].eventCount, 10 + UploadStack::ownEvents) << "what came after it, in a batch of its own";
+    const auto arrived = collector->events();
+    ASSERT_GE(arrived.size(), recorded.size());
+    for (std::size_t i = 0; i < recorded.size(); ++i) ASSERT_EQ(arrived[i].payload, recorded[i].payload) << i;
+    EXPECT_EQ(stack->events->eventsCount(), 0);
+    EXPECT_FALSE(std::filesystem::exists(stack->commons->largeBatchFile()));
 }
 
 // ---- A process killed while its background upload is in flight

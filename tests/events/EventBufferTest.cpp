@@ -47,6 +47,16 @@ TEST(EventBuffer, FullBufferHandsOverItsCapacityAndAFlushWhatIsCollectedEvenWhen
     buffer.waitUntilDrained();
     ASSERT_EQ(groups.groups.size(), 3u);
     EXPECT_EQ(groups.groups[2], std::vector<int>{300});
+
+    // Records that arrive together fill the buffer the same way: a group of 700 completes
+    // two hand-overs and leaves the rest collected.
+    buffer.append(range(1000, 1700), groups.handOver());
+    buffer.flush(groups.handOver());
+    buffer.waitUntilDrained();
+    ASSERT_EQ(groups.groups.size(), 6u);
+    EXPECT_EQ(groups.groups[3], range(1000, 1300));
+    EXPECT_EQ(groups.groups[4], range(1300, 1600));
+    EXPECT_EQ(groups.groups[5], range(1600, 1700));
 }
 
 TEST(EventBufferDeathTest, CapacityMustBePositive) {

@@ -9,6 +9,8 @@
 #include "events/SqliteDatabase.h"
 #include "support/FullDiskVfs.h"
 #include "support/TestSupport.h"
+#include "util/VirtualRunLoop.h"
+#include "util/WorkTracker.h"
 
 namespace rovalis {
 namespace {
@@ -105,6 +107,53 @@ TEST_F(EventRepositoryTest, InsertsFromOneThreadAreFetchedInCallOrderAndCommitte
     EXPECT_EQ(commits, 2);
     repository_->coreDataManager().performAndWaitWithConnection(
         [](sqlite::Database* db) { sqlite3_commit_hook(db->handle(), nullptr, nullptr); });
+}
+
+// What another connection sees in the file: the committed rows only.
+long committedRows(const fs::path& file) {
+    sqlite::Database db(file.string(), sqlite::Database::Mode::readOnly);
+    return static_cast<long>(db.queryInt64("SELECT COUNT(*) FROM EventEntity"));
+}
+
+TEST_F(EventRepositoryTest, QueuedRowsWaitAtMostTheCommitDelayAndAreCommittedAtOnceWhenTheBuffersAreWritten) {
+    close();
+    const auto tracker = std::make_shared<WorkTracker>();
+    const auto loop = std::make_shared<VirtualRunLoop>(std::make_shared<SettableDateSource>(Date{1700000000.0}), tracker);
+    repository_ = std::make_unique<EventRepository>(dir_ / "events.sqlite", tracker, CommitDelay{loop, 1.0});
+    const fs::path file = dir_ / "events.sqlite";
+
+    // Rows that arrive within the delay of the first share its commit.
+    insertWaypointAt(1.0);
+    loop->fastForwardBy(0.5);
+    insertWaypointAt(2.0);
+    loop->fastForwardBy(0.375);
+    EXPECT_EQ(committedRows(file), 0);
+    loop->fastForwardBy(0.125);
+    EXPECT_EQ(committedRows(file), 2) << "committed one second after the first";
+    insertWaypointAt(3.0);
+    loop->fastForwardBy(0.875);
+    EXPECT_EQ(committedRows(file), 2);
+    loop->fastForwardBy(0.125);
+    EXPECT_EQ(committedRows(file), 3) << "the next row starts a delay of its own";
+
+    // Writing the buffers (a sleep, a stop, the background, the end of the app) commits at
+    // once, and so does a transaction's worth; the clock stands still.
+    insertWaypointAt(4.0);
+    repository_->insertAccelerationEvents({Acceleration(Date{4.5}, Decimal{981, 2}), Acceleration(Date{4.6}, Decimal{982, 2})});
+    repository_->insertBuffers();
+    loop->runUntilIdle();
+    EXPECT_EQ(committedRows(file), 6);
+    for (std::size_t i = 0; i < CoreDataManager::maxRowsPerTransaction; ++i) insertWaypointAt(5.0);
+    loop->runUntilIdle();
+    EXPECT_EQ(committedRows(file), 6 + static_cast<long>(CoreDataManager::maxRowsPerTransaction));
+
+    // A read sees what is queued, and closing the store commits the rest.
+    insertWaypointAt(6.0);
+    EXPECT_EQ(repository_->eventsCount(), 7 + static_cast<long>(CoreDataManager::maxRowsPerTransaction));
+    insertWaypointAt(7.0);
+    close();
+    EXPECT_EQ(committedRows(file), 8 + static_cast<long>(CoreDataManager::maxRowsPerTransaction));
+    EXPECT_FALSE(loop->nextPendingDelay()) << "no commit timer is left behind";
 }
 
 // ---- Deleting ----
@@ -229,6 +278,14 @@ TEST_F(EventRepositoryTest, PendingBatchKeepsItsEventsAndClosingEventAcrossARest
     EXPECT_EQ(repository_->pendingBatch(), std::nullopt);
     EXPECT_EQ(repository_->deleteAcceptedBatch("B-1"), std::nullopt) << "accepted twice, deleted once";
     EXPECT_EQ(rows().size(), 1u);
+
+    // A batch of every stored event empties the store at once; ids still never come back.
+    const auto last = rows();
+    ASSERT_TRUE(repository_->recordPendingBatch(PendingBatch{"B-2", 8, last}));
+    EXPECT_EQ(repository_->deleteAcceptedBatch("B-2"), 1);
+    EXPECT_EQ(repository_->eventsCount(), 0);
+    insertWaypointAt(5.0);
+    EXPECT_GT(splitUri(rows().at(0).uri).second, splitUri(last.at(0).uri).second);
 }
 
 TEST_F(EventRepositoryTest, PendingBatchIsRefusedForMissingEventsAndReportedIncompleteWhenTheyGo) {
@@ -365,7 +422,7 @@ TEST_F(EventRepositoryTest, StoreOfTheFirstVersionIsKeptAndGainsThePendingBatch)
 class DamagedStoreTest : public EventRepositoryTest {
 protected:
     static constexpr int rowCount = 3000;
-    static constexpr std::size_t pageSize = 4096;
+    static constexpr std::size_t pageSize = CoreDataManager::pageSize;
 
     // The pending batch holds the oldest batchRows rows and a closing event.
     void fillAndClose(std::size_t batchRows = rowCount) {

@@ -117,9 +117,10 @@ TEST_F(MotionAccelManagerTest, WithoutActivityAuthorizationOrAvailabilityOnlyThe
 TEST_F(MotionAccelManagerTest, SamplesAndClassificationsBecomeEventsAtTheirWallClockTime) {
     systemState->uptime = 5000.0;  // booted at 1699995000
     manager->speedUp();
-    ASSERT_TRUE(motion->deliver({0.0, 0.0, 1.0, 4900.25}));
-    ASSERT_TRUE(motion->deliver({nan, 0.0, 1.0, 4900.3}));  // dropped: no magnitude
-    ASSERT_TRUE(motion->deliver({0.0, 0.0, 1.0, nan}));     // dropped: no time
+    ASSERT_TRUE(motion->deliver({{0.0, 0.0, 1.0, 4900.25},
+                                 {nan, 0.0, 1.0, 4900.3},     // dropped: no magnitude
+                                 {0.0, 0.0, 1.0, nan},        // dropped: no time
+                                 {0.0, 0.6, 0.8, 4900.35}}));
     MotionActivity activity;
     activity.startDate = Date{1699999000.5};
     activity.confidence = MotionActivityConfidence::medium;
@@ -128,19 +129,20 @@ TEST_F(MotionAccelManagerTest, SamplesAndClassificationsBecomeEventsAtTheirWallC
     EXPECT_EQ(storedEvents(), (std::vector<nlohmann::json>{
                                   {{"type", "IOSActivity"}, {"tracked_at_ms", 1699999000500}, {"confidence", 1},
                                    {"activities", {"stationary", "automotive"}}},
-                                  {{"type", "Acceleration"}, {"tracked_at_ms", 1699999900250}, {"magnitude", 9.81}}}));
+                                  {{"type", "Acceleration"}, {"tracked_at_ms", 1699999900250}, {"magnitude", 9.81}},
+                                  {{"type", "Acceleration"}, {"tracked_at_ms", 1699999900350}, {"magnitude", 9.81}}}));
 }
 
 TEST_F(MotionAccelManagerTest, TheManagersEndStopsUpdatesAndLateSamplesAreIgnored) {
     manager->speedUp();
     const auto handler = motion->handler;
-    ASSERT_TRUE(motion->deliver({0.0, 0.0, 1.0, 10.0}));
+    ASSERT_TRUE(motion->deliver({{0.0, 0.0, 1.0, 10.0}}));
     const std::weak_ptr<RVLMotionAccelManager> weak = manager;
     manager.reset();
     EXPECT_TRUE(weak.expired()) << "the handlers do not keep it alive";
     EXPECT_FALSE(motion->handler);
     EXPECT_FALSE(activities->handler);
-    handler({0.0, 0.0, 2.0, 12.0});  // a sample the platform had already taken
+    handler(std::vector<AccelerometerData>{{0.0, 0.0, 2.0, 12.0}});  // a sample the platform had already taken
     EXPECT_EQ(storedEvents().size(), 1u);
 }
 

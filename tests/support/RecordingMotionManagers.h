@@ -11,9 +11,10 @@ namespace rovalis::test {
 
 // The queue and handler of running updates, and a log of the calls that change them. All
 // calls come from the test's thread; the test delivers on the queue, as the platform would.
-template <typename Value>
+// Value is what one delivery hands over; Handler what takes it.
+template <typename Value, typename Handler = std::function<void(const Value&)>>
 struct RecordedUpdates {
-    void start(std::shared_ptr<Executor> newQueue, std::function<void(const Value&)> newHandler, const char* call) {
+    void start(std::shared_ptr<Executor> newQueue, Handler newHandler, const char* call) {
         queue = std::move(newQueue);
         handler = std::move(newHandler);
         calls.push_back(call);
@@ -25,11 +26,14 @@ struct RecordedUpdates {
     }
 
     std::shared_ptr<Executor> queue;
-    std::function<void(const Value&)> handler;
+    Handler handler;
     std::vector<std::string> calls;
 };
 
-struct RecordingMotionManager final : MotionManagerType, RecordedUpdates<AccelerometerData> {
+// Each delivery is a group of samples handed over at once.
+struct RecordingMotionManager final
+    : MotionManagerType,
+      RecordedUpdates<std::vector<AccelerometerData>, MotionManagerType::AccelerometerHandler> {
     bool isAccelerometerAvailable() const override { return true; }
     bool isAccelerometerActive() const override { return handler != nullptr; }
     double accelerometerUpdateInterval() const override { return interval; }

@@ -156,6 +156,24 @@ TEST(VirtualLoopWithTracker, WaitsForTrackedWorkBeforeMovingTime) {
     }
 }
 
+// The loop sleeps until tracked work ends rather than looking again and again: the tracker
+// tells it each time its work drops to none.
+TEST(VirtualLoopWithTracker, TheTrackerTellsItsListenersEachTimeItsWorkDropsToNone) {
+    WorkTracker tracker;
+    int heard = 0;
+    const auto token = tracker.addIdleListener([&] { ++heard; });
+    tracker.begin();
+    tracker.begin();
+    tracker.end();
+    EXPECT_EQ(heard, 0) << "work is still outstanding";
+    tracker.end();
+    EXPECT_EQ(heard, 1);
+    tracker.removeIdleListener(token);
+    tracker.begin();
+    tracker.end();
+    EXPECT_EQ(heard, 1);
+}
+
 TEST(VirtualLoopDeath, RunningTheLoopFromItsOwnTaskIsFatal) {
     VirtualRunLoop loop;
     loop.async([&] { loop.runUntilIdle(); });

@@ -120,6 +120,7 @@ struct DeliveryFigures {
     std::int64_t wireBytes = 0;        // compressed request bodies
     std::int64_t documentBytes = 0;    // the batch documents before compression
     std::map<std::string, std::int64_t> eventsByType;  // as accepted by the service
+    std::int64_t storeWriteBytes = 0;  // written by the event store to its database and journal
 };
 
 // A beacon the scenario placed, and how often the SDK's beacon scans name it.

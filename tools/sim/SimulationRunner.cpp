@@ -15,6 +15,7 @@
 #include "core/RVLGeneralLocationManager.h"
 #include "core/TrackerRepository.h"
 #include "events/SqliteDatabase.h"
+#include "events/WriteCountingVfs.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 #include "platform/sim/SimulatedDevice.h"
@@ -488,6 +489,7 @@ void matchStays(SimulationReport& report, const std::vector<TrueStay>& trueStays
 
 SimulationReport SimulationRunner::run() {
     const auto wallStart = std::chrono::steady_clock::now();
+    const std::uint64_t storeWritesBefore = sqlite::bytesWrittenThroughCountingVfs();
     Run run(input_, options_);
     const TruePath& path = *input_.path;
     SimulationReport report;
@@ -530,6 +532,8 @@ SimulationReport SimulationRunner::run() {
     }
     report.end = std::max(report.end, run.device.now());
     run.sdk.reset();
+    report.delivery.storeWriteBytes =
+        static_cast<std::int64_t>(sqlite::bytesWrittenThroughCountingVfs() - storeWritesBefore);
 
     // What the service holds, folded into the report as it is read.
     const std::string deviceId = CredentialsManager(run.keychain, run.hostInfo).deviceId();

@@ -139,6 +139,7 @@ std::string renderSummaryJson(const SimulationReport& report) {
                        {"duplicate_batches_refused", delivery.duplicateBatchesRefused},
                        {"wire_bytes", delivery.wireBytes},
                        {"document_bytes", delivery.documentBytes},
+                       {"store_write_bytes", delivery.storeWriteBytes},
                        {"compression_ratio", orNull(figures.compressionRatio)}};
 
     root["delivery"] = {{"recorded", delivery.recorded},

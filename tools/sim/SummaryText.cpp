@@ -319,6 +319,15 @@ private:
         table.add({{"document bytes"}, {groupedNumber(delivery.documentBytes)}});
         table.add(
             {{"compression"}, {figures_.compressionRatio ? fixedText(*figures_.compressionRatio, 1) + " : 1" : "n/a"}});
+        if (delivery.documentBytes > 0) {
+            const auto megabytes = [](std::int64_t bytes) { return fixedText(static_cast<double>(bytes) / 1e6, 1); };
+            table.add({{"store writes"},
+                       {megabytes(delivery.storeWriteBytes) + " MB for " + megabytes(delivery.documentBytes) +
+                        " MB of events, " +
+                        fixedText(static_cast<double>(delivery.storeWriteBytes) /
+                                      static_cast<double>(delivery.documentBytes), 1) +
+                        "x"}});
+        }
         table.render(lines_, paint_);
         if (figures_.uploadsFailed == 0) return;
         lines_.emplace_back();

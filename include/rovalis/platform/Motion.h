@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 
 #include "rovalis/Date.h"
 #include "rovalis/Executor.h"
@@ -20,10 +21,12 @@ struct AccelerometerData {
 };
 
 // The device's accelerometer, one to one with the platform's motion manager. Used from the
-// main run loop; samples arrive on the queue given to startAccelerometerUpdates.
+// main run loop; samples arrive on the queue given to startAccelerometerUpdates, oldest
+// first, in groups of those the device hands over at once (a second's worth, or one), so
+// that a group costs the SDK one hand-over rather than one per sample.
 class ROVALIS_EXPORT MotionManagerType {
 public:
-    using AccelerometerHandler = std::function<void(const AccelerometerData& sample)>;
+    using AccelerometerHandler = std::function<void(std::span<const AccelerometerData> samples)>;
 
     virtual ~MotionManagerType() = default;
 

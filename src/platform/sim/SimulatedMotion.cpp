@@ -186,9 +186,7 @@ void SimulatedMotionService::deliverSamples() {
             ++manager->made_;
         }
         if (batch.empty()) continue;
-        manager->queue_->async([handler = manager->handler_, batch = std::move(batch)] {
-            for (const auto& data : batch) handler(data);
-        });
+        manager->queue_->async([handler = manager->handler_, batch = std::move(batch)] { handler(batch); });
     }
 }
 

@@ -27,7 +27,7 @@ TEST(SimulatedDevice, LedgerBooksEverySecondOfAScriptedSequence) {
 
     auto accelerometer = f.platform.makeMotionManager();
     auto activity = f.platform.makeMotionActivityManager();
-    accelerometer->startAccelerometerUpdates(std::make_shared<ManualQueue>(), [](const AccelerometerData&) {});
+    accelerometer->startAccelerometerUpdates(std::make_shared<ManualQueue>(), [](std::span<const AccelerometerData>) {});
     activity->startActivityUpdates(std::make_shared<ManualQueue>(), [](const MotionActivity&) {});
     f.runFor(20);
     accelerometer->stopAccelerometerUpdates();
@@ -60,7 +60,7 @@ TEST(SimulatedDeviceDeathTest, MisuseIsFatal) {
     {
         DeviceFixture f(PathBuilder().stay(600).build());
         auto accelerometer = f.platform.makeMotionManager();
-        EXPECT_DEATH(accelerometer->startAccelerometerUpdates(nullptr, [](const AccelerometerData&) {}),
+        EXPECT_DEATH(accelerometer->startAccelerometerUpdates(nullptr, [](std::span<const AccelerometerData>) {}),
                      "Fatal error: startAccelerometerUpdates needs a queue and a handler");
         auto activity = f.platform.makeMotionActivityManager();
         EXPECT_DEATH(activity->startActivityUpdates(std::make_shared<ManualQueue>(), nullptr),

@@ -21,7 +21,8 @@ TEST(SimulatedAccelerometer, SamplesAtTheIntervalStampedSinceBootOneTaskPerSecon
     auto queue = std::make_shared<ManualQueue>();
     std::vector<AccelerometerData> samples;
     manager->setAccelerometerUpdateInterval(0.05);
-    manager->startAccelerometerUpdates(queue, [&](const AccelerometerData& data) { samples.push_back(data); });
+    manager->startAccelerometerUpdates(
+        queue, [&](std::span<const AccelerometerData> group) { samples.insert(samples.end(), group.begin(), group.end()); });
     f.runFor(10);
     ASSERT_EQ(queue->tasks.size(), 10u) << "one task per second";
     while (!queue->tasks.empty()) {
