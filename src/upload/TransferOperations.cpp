@@ -272,44 +272,45 @@ std::optional<Error> RVLSendOperation::concludeAttempt(const std::optional<Error
     return std::nullopt;
 }
 
-std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo,
-                                                                const BatchIdentity& batch) {
-    const auto api = apiManager_.lock();
-    if (!api) return Error{NSURLErrorDomain, URLError::cancelled, "The SDK is shutting down."};
-    // Shared with the callbacks, which the client may keep after this returns.
+namespace {
+
+// Starts an upload through `start`, which hands the client the two callbacks, and waits for
+// it; the error when it failed. The outcome is shared with the callbacks, which the client
+// may keep after this returns.
+std::optional<Error> waitForUpload(
+    const std::function<void(RVLAPIClientType::SuccessBlock, RVLAPIClientType::FailureBlock)>& start) {
     struct Outcome {
         std::binary_semaphore done{0};
         std::optional<Error> error;
     };
     const auto outcome = std::make_shared<Outcome>();
-    api->sendEvents(
-        std::move(data), trackedFrom, trackedTo, batch,
-        [outcome](const std::optional<nlohmann::json>&) { outcome->done.release(); },
-        [outcome](const Error& error) {
-            outcome->error = error;
-            outcome->done.release();
-        });
+    start([outcome](const std::optional<nlohmann::json>&) { outcome->done.release(); },
+          [outcome](const Error& error) {
+              outcome->error = error;
+              outcome->done.release();
+          });
     outcome->done.acquire();
     return outcome->error;
+}
+
+}  // namespace
+
+std::optional<Error> RVLSendOperation::sendZippedEventBatchData(std::string data, Date trackedFrom, Date trackedTo,
+                                                                const BatchIdentity& batch) {
+    const auto api = apiManager_.lock();
+    if (!api) return Error{NSURLErrorDomain, URLError::cancelled, "The SDK is shutting down."};
+    return waitForUpload([&](auto succeeded, auto failed) {
+        api->sendEvents(std::move(data), trackedFrom, trackedTo, batch, std::move(succeeded), std::move(failed));
+    });
 }
 
 std::optional<Error> RVLSendOperation::sendZippedEventBatchFile(const std::filesystem::path& file, Date trackedFrom,
                                                                 Date trackedTo, const BatchIdentity& batch) {
     const auto api = apiManager_.lock();
     if (!api) return Error{NSURLErrorDomain, URLError::cancelled, "The SDK is shutting down."};
-    struct Outcome {
-        std::binary_semaphore done{0};
-        std::optional<Error> error;
-    };
-    const auto outcome = std::make_shared<Outcome>();
-    api->sendEventsFile(
-        file, trackedFrom, trackedTo, batch, [outcome](const std::optional<nlohmann::json>&) { outcome->done.release(); },
-        [outcome](const Error& error) {
-            outcome->error = error;
-            outcome->done.release();
-        });
-    outcome->done.acquire();
-    return outcome->error;
+    return waitForUpload([&](auto succeeded, auto failed) {
+        api->sendEventsFile(file, trackedFrom, trackedTo, batch, std::move(succeeded), std::move(failed));
+    });
 }
 
 // ---- Background send
