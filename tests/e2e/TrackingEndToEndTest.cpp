@@ -302,6 +302,15 @@ TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredEx
                                                data / "scenarios/london-weekday.scenario"));
     ASSERT_EQ(run.report.stays.size(), 6u);
     for (const auto& stay : run.report.stays) EXPECT_TRUE(stay.sleptAt.has_value());
+    // Lunch: permission is lost while the SDK sleeps, and tracking coming back wakes it.
+    const auto& lunch = run.report.stays[1];
+    const auto resumed = std::find_if(run.report.trackingToggles.begin(), run.report.trackingToggles.end(),
+                                      [&](const TrackingToggle& toggle) {
+                                          return toggle.on && lunch.sleptAt && toggle.time > *lunch.sleptAt;
+                                      });
+    ASSERT_NE(resumed, run.report.trackingToggles.end());
+    ASSERT_TRUE(withinStay(lunch, resumed->time));
+    EXPECT_EQ(lunch.wokeAt, resumed->time);
     EXPECT_EQ(run.report.delivery.leftInStore, 0);
     EXPECT_EQ(run.toggles().size(), 6u);  // start, lunch-time permission off and on, app update, end
     EXPECT_GE(run.eventsOf("BeaconScan").size(), 2u) << "the office lobby and the cafe";

@@ -488,6 +488,13 @@ void matchStays(SimulationReport& report, const std::vector<TrueStay>& trueStays
                     break;
                 }
             }
+            // Tracking switched on wakes the SDK with a forced wake-up, which records no
+            // ToggleStandby: its ToggleTracking is the wake-up when it comes first.
+            for (const TrackingToggle& toggle : report.trackingToggles) {
+                if (!toggle.on || toggle.time < sleep.time) continue;
+                if (!outcome.wokeAt || toggle.time < *outcome.wokeAt) outcome.wokeAt = toggle.time;
+                break;
+            }
             break;
         }
         report.stays.push_back(outcome);
