@@ -205,6 +205,25 @@ TEST_F(TrackingEndToEnd, WhatIsRecordedOfflineIsDeliveredOnceTheNetworkReturns) 
     EXPECT_EQ(connectivity[1]["status"], "DISCONNECTED");
 }
 
+TEST_F(TrackingEndToEnd, AwakeAndOnlineTheFixesThemselvesStartAnUploadAQuarterOfAnHourAfterTheLastOne) {
+    // Forty minutes of walking: no stay, no network change, the app never comes to the front.
+    const Replay run = replay(Trip().go(3400, 0, walking).input());
+    const double walkEnds = 3400 / walking;  // where tracking is stopped, which sends too
+    std::vector<double> sent;
+    for (const auto& upload : run.report.uploads) {
+        const double at = upload.time.timeIntervalSince(Date{start});
+        if (upload.succeeded && at < walkEnds - 60) sent.push_back(at);
+    }
+    ASSERT_FALSE(sent.empty());
+    EXPECT_LT(sent.front(), 60) << "tracking starts with an upload";
+    const auto later = std::find_if(sent.begin(), sent.end(), [](double at) { return at >= 60; });
+    ASSERT_EQ(sent.end() - later, 2) << "after 15 and 30 minutes: " << ::testing::PrintToString(sent);
+    for (auto at = later; at != sent.end(); ++at) {
+        EXPECT_GT(*at - *(at - 1), 15 * 60);
+        EXPECT_LT(*at - *(at - 1), 15 * 60 + 30) << "the first fix after the quarter-hour starts it";
+    }
+}
+
 TEST_F(TrackingEndToEnd, WifiOnlyOverCellularSendsNothingUntilWifiReturns) {
     const Replay run = replay(Trip().stay(15).go(4000, 300, walking).stay(20).input(R"(
         at +2m wifi-only on
