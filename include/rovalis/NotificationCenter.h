@@ -20,6 +20,10 @@ struct Notification {
     std::string name;
     std::optional<InfoDictionary> object;
     std::optional<InfoDictionary> userInfo;
+    // The object that posted it, when it names itself, for observers to compare against
+    // what they hold: the SDK posts "RVLGeneralNotification" with its instance, as the
+    // `Rovalis*` the host holds, so that a process with several instances can tell them apart.
+    const void* sender = nullptr;
 };
 
 // An in-process notification centre. Notifications are delivered synchronously on the
@@ -49,6 +53,7 @@ public:
 
     void post(const std::string& name, std::optional<InfoDictionary> object = std::nullopt,
               std::optional<InfoDictionary> userInfo = std::nullopt);
+    void post(Notification notification);
 
 private:
     struct Observer;

@@ -34,8 +34,8 @@ inline constexpr const char* UIApplicationDidReceiveMemoryWarningNotification =
 inline constexpr const char* UIApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
 
 // What the SDK posts on the same centre. "RVLGeneralNotification" carries the user info
-// {"paused": bool} at every change of the asleep flag; "RVLSDKNotification" carries the
-// object {"message": "Asleep"} or {"message": "Awake"}.
+// {"paused": bool} at every change of the asleep flag, with the instance (the Rovalis*) as its
+// sender; "RVLSDKNotification" carries the object {"message": "Asleep"} or {"message": "Awake"}.
 inline constexpr const char* RVLGeneralNotification = "RVLGeneralNotification";
 inline constexpr const char* RVLSDKNotification = "RVLSDKNotification";
 

@@ -87,13 +87,14 @@ PauseManager::PauseManager(std::shared_ptr<LocationManagerType> locationManager,
                            std::weak_ptr<RVLEventInsertable> eventRepository,
                            std::weak_ptr<RVLPauseRecordModifier> pauseRecordManager,
                            std::shared_ptr<RVLDateSource> dateSource, std::shared_ptr<RunLoop> runLoop,
-                           double locationUpdateTimeout)
+                           double locationUpdateTimeout, std::function<void(const Location&)> waypointStored)
     : locationManager_(std::move(locationManager)),
       eventRepository_(std::move(eventRepository)),
       pauseRecordManager_(std::move(pauseRecordManager)),
       dateSource_(std::move(dateSource)),
       runLoop_(std::move(runLoop)),
-      locationUpdateTimeout_(locationUpdateTimeout) {
+      locationUpdateTimeout_(locationUpdateTimeout),
+      waypointStored_(std::move(waypointStored)) {
     if (!locationManager_ || !dateSource_ || !runLoop_) {
         fatalError("PauseManager needs a location manager, a date source and a run loop");
     }
@@ -158,6 +159,7 @@ void PauseManager::locationManagerDidUpdateLocations(LocationManagerType& /*mana
             repository->insertWaypointEventWithTrackedAtMs(fix.timestamp, fix.coordinate.latitude,
                                                            fix.coordinate.longitude, fix.speed, fix.course,
                                                            fix.horizontalAccuracy, fix.altitude, waypointProvider);
+            if (waypointStored_) waypointStored_(fix);
         }
         if (dateSource_->now().timeIntervalSince(fix.timestamp) > maximumFixAgeSeconds) continue;
         if (fix.horizontalAccuracy > maximumFixAccuracyMetres) continue;

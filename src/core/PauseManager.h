@@ -74,7 +74,8 @@ public:
     PauseManager(std::shared_ptr<LocationManagerType> locationManager,
                  std::weak_ptr<RVLEventInsertable> eventRepository,
                  std::weak_ptr<RVLPauseRecordModifier> pauseRecordManager, std::shared_ptr<RVLDateSource> dateSource,
-                 std::shared_ptr<RunLoop> runLoop, double locationUpdateTimeout);
+                 std::shared_ptr<RunLoop> runLoop, double locationUpdateTimeout,
+                 std::function<void(const Location&)> waypointStored = {});
     // A burst cut short by the manager's end stops its updates; nothing is handed over.
     ~PauseManager() override;
     PauseManager(const PauseManager&) = delete;
@@ -112,6 +113,8 @@ private:
     const std::shared_ptr<RVLDateSource> dateSource_;
     const std::shared_ptr<RunLoop> runLoop_;
     const double locationUpdateTimeout_;
+    // Told of each fix stored as a waypoint, for the host.
+    const std::function<void(const Location&)> waypointStored_;
     std::optional<Location> lastLocation_;
     std::shared_ptr<RunLoopTimer> timer_;
     LocationCallback locationCallback_;

@@ -387,7 +387,8 @@ void RVLGeneralLocationManager::setPaused(std::optional<bool> paused) {
     if (paused_.exchange(value) == value) return;
     InfoDictionary userInfo;
     if (paused) userInfo["paused"] = *paused;
-    platform_.notificationCenter->post(RVLGeneralNotification, std::nullopt, std::move(userInfo));
+    platform_.notificationCenter->post(
+        Notification{RVLGeneralNotification, std::nullopt, std::move(userInfo), static_cast<const Rovalis*>(this)});
 }
 
 void RVLGeneralLocationManager::initiateSleepWithReason(const std::string& reason) {
@@ -451,6 +452,10 @@ void RVLGeneralLocationManager::didUpdateLocation(const Location& location, cons
         location.timestamp, location.coordinate.latitude, location.coordinate.longitude, location.speed,
         location.course, location.horizontalAccuracy, location.altitude, provider);
     sendDataQueue_->updateTime();
+    didStoreWaypoint(location);
+}
+
+void RVLGeneralLocationManager::didStoreWaypoint(const Location& location) {
     if (auto* host = dynamic_cast<RovalisLocationDelegate*>(delegate().get())) host->didTrackLocation(location);
 }
 

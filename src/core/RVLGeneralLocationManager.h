@@ -96,6 +96,7 @@ public:
     // RVLLocationUpdateReceiver
     void didUpdateLocation(const Location& location, const std::string& provider) override;
     std::optional<Location> lastLocation() const override;
+    void didStoreWaypoint(const Location& location) override;
 
     // Stores the flag and posts "RVLGeneralNotification" {"paused": value} when it changes.
     void setPaused(std::optional<bool> paused);

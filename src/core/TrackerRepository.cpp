@@ -179,12 +179,15 @@ std::shared_ptr<RVLOperationsControllerType> TrackerRepository::operationsContro
             const Platform& platform = environment_.platform;
             auto events = eventRepository();
             const auto makeLocationManager = dependencies_.locationManagerType;
-            PauseManagerFactory pauseManagers = [makeLocationManager, platform](
+            const auto receiver = dependencies_.locationUpdateReceiver;
+            PauseManagerFactory pauseManagers = [makeLocationManager, platform, receiver](
                                                     std::weak_ptr<RVLEventInsertable> eventRepository,
                                                     std::weak_ptr<RVLPauseRecordModifier> pauseRecordManager) {
-                return std::make_shared<PauseManager>(makeLocationManager(), std::move(eventRepository),
-                                                      std::move(pauseRecordManager), platform.dateSource,
-                                                      platform.mainRunLoop, pauseBurstTimeout);
+                return std::make_shared<PauseManager>(
+                    makeLocationManager(), std::move(eventRepository), std::move(pauseRecordManager),
+                    platform.dateSource, platform.mainRunLoop, pauseBurstTimeout, [receiver](const Location& fix) {
+                        if (const auto live = receiver.lock()) live->didStoreWaypoint(fix);
+                    });
             };
             operationsController_ = std::make_shared<RVLOperationsController>(
                 dependencies_.sleepProvider, dependencies_.wakeupProvider, events, events, events, events, apiManager(),

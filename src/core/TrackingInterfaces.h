@@ -84,6 +84,9 @@ public:
     virtual ~RVLLocationUpdateReceiver() = default;
     virtual void didUpdateLocation(const Location& location, const std::string& provider) = 0;
     virtual std::optional<Location> lastLocation() const = 0;
+    // A fix another component stored as a waypoint itself (the location burst around a sleep
+    // or wake-up); the host hears of it as of every stored waypoint. Nothing by default.
+    virtual void didStoreWaypoint(const Location& /*location*/) {}
 };
 
 }  // namespace rovalis

@@ -41,12 +41,15 @@ void NotificationCenter::removeObserver(ObserverToken token) {
 
 void NotificationCenter::post(const std::string& name, std::optional<InfoDictionary> object,
                               std::optional<InfoDictionary> userInfo) {
-    const Notification notification{name, std::move(object), std::move(userInfo)};
+    post(Notification{name, std::move(object), std::move(userInfo)});
+}
+
+void NotificationCenter::post(Notification notification) {
     std::vector<std::shared_ptr<Observer>> recipients;
     {
         std::lock_guard lock(mutex_);
         for (const auto& [token, observer] : observers_) {
-            if (observer->name == name) recipients.push_back(observer);
+            if (observer->name == notification.name) recipients.push_back(observer);
         }
     }
     // Called without the lock, so that callbacks may add and remove observers.

@@ -2,8 +2,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <future>
+
+#include "collector/CollectorServer.h"
 #include "core/PauseManager.h"
 #include "core/RVLGeneralLocationManager.h"
+#include "core/UserDefaultsManager.h"
 #include "events/SqliteDatabase.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/sim/SimulatedDevice.h"
@@ -11,6 +15,7 @@
 #include "sensing/GeofenceTracker.h"
 #include "sensing/RegularLocationTracker.h"
 #include "sensing/SignificantLocationTracker.h"
+#include "support/RawServer.h"
 #include "support/TestSupport.h"
 #include "upload/AccessTokenDecoder.h"
 #include "util/InMemoryKeyValueStore.h"
@@ -54,6 +59,32 @@ public:
     int trackedLocations = 0;
 };
 
+// A service that accepts every batch, but answers only once released while held: the
+// uploads of a switch-off stay open, and with them the moment before their completion.
+class HeldService {
+public:
+    HeldService() { server_.listen(); }
+    ~HeldService() { release(); }
+
+    std::string baseURL() const { return server_.baseURL(); }
+    void hold() { held_ = std::promise<void>(); holding_ = true; }
+    void release() {
+        if (holding_.exchange(false)) held_.set_value();
+    }
+    std::size_t requests() const { return server_.requests().size(); }
+    bool waitForRequests(std::size_t count) { return server_.waitForRequests(count); }
+
+private:
+    std::promise<void> held_;
+    std::atomic<bool> holding_{false};
+    test::RawServer server_{[this](int fd, const std::string&) {
+        if (holding_) held_.get_future().wait();
+        test::RawServer::respond(fd, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n"
+                                     "Connection: close\r\n\r\n{}");
+        return false;
+    }};
+};
+
 // An SDK on a simulated device that stays at home, with no collection service to reach.
 class TrackingCore : public ::testing::Test {
 protected:
@@ -67,7 +98,7 @@ protected:
         configuration.host.identifier = "com.example.trips";
         configuration.dataRoot = dir.path();
         configuration.platform = platform = device.makeProcessPlatform(defaults, keychain);
-        configuration.productionBaseURL = "http://127.0.0.1:9/";
+        configuration.productionBaseURL = serviceURL;
         sdk = std::make_shared<RVLGeneralLocationManager>(configuration);
         sdk->initializeUsing(host, std::nullopt);
         settle();
@@ -115,6 +146,7 @@ protected:
     std::shared_ptr<KeychainStore> keychain = std::make_shared<FileKeychain>(dir / "Keychain");
     std::shared_ptr<RecordingHost> host = std::make_shared<RecordingHost>();
     Platform platform;
+    std::string serviceURL = "http://127.0.0.1:9/";  // nothing listens there
     std::shared_ptr<RVLGeneralLocationManager> sdk;
 };
 
@@ -220,6 +252,7 @@ TEST_F(TrackingCore, SleepAndWakeRecordToggleStandbyAndPostBothNotificationsOnly
         posted.push_back("sdk " + std::get<std::string>(note.object->at("message")));
     });
     platform.notificationCenter->addObserver(RVLGeneralNotification, [&](const Notification& note) {
+        EXPECT_EQ(note.sender, static_cast<const Rovalis*>(sdk.get())) << "the instance names itself";
         posted.push_back(std::string("paused ") + (std::get<bool>(note.userInfo->at("paused")) ? "yes" : "no"));
     });
 
@@ -362,7 +395,7 @@ TEST_F(TrackingCore, WifiOnlyChangesAreRecordedOnlyWhenTheyChangeAndWhileTrackin
     EXPECT_EQ(stored("DeviceSettings").size(), 2u);
 }
 
-TEST_F(TrackingCore, FixesBecomeWaypointsTheHostHearsOf) {
+TEST_F(TrackingCore, EveryStoredWaypointTheSleepBurstsIncludedIsOneTheHostHearsOf) {
     sdk->start();
     device.runUntil(device.now().addingSeconds(20));
     const auto waypoints = stored("Waypoint");
@@ -370,6 +403,114 @@ TEST_F(TrackingCore, FixesBecomeWaypointsTheHostHearsOf) {
     EXPECT_EQ(waypoints.front()["provider"], "regular");
     EXPECT_EQ(host->trackedLocations, static_cast<int>(waypoints.size()));
     EXPECT_TRUE(sdk->lastLocation().has_value());
+
+    sdk->initiateSleepWithReason("no movement in 10 minutes");
+    device.runUntil(device.now().addingSeconds(60));
+    ASSERT_EQ(sdk->paused(), true);
+    const auto all = stored("Waypoint");
+    const auto fromBurst = std::count_if(all.begin(), all.end(), [](const json& waypoint) {
+        return waypoint["provider"] == PauseManager::waypointProvider;
+    });
+    EXPECT_GT(fromBurst, 0);
+    EXPECT_EQ(host->trackedLocations, static_cast<int>(all.size()));
+}
+
+TEST_F(TrackingCore, TrackingSwitchedOnAgainWhileTheSwitchOffUploadsRunKeepsItsTrackersRunning) {
+    HeldService service;
+    serviceURL = service.baseURL();
+    relaunch();
+    sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
+    sdk->start();
+    device.runUntil(device.now().addingSeconds(20));
+    const std::size_t requests = service.requests();
+    service.hold();
+    sdk->stop();
+    ASSERT_TRUE(service.waitForRequests(requests + 1));
+    sdk->start();  // before the switch-off's uploads have ended
+    service.release();
+    device.runUntil(device.now().addingSeconds(30));
+    EXPECT_TRUE(sdk->isTrackingActive());
+    EXPECT_EQ(sdk->paused(), false);
+    const auto before = stored("Waypoint").size();
+    device.runUntil(device.now().addingSeconds(30));
+    EXPECT_GT(stored("Waypoint").size(), before) << "the regular updates were stopped";
+}
+
+TEST_F(TrackingCore, AHostStartWithoutAlwaysPermissionIsRefusedAndOnlyAnAcceptedOneIsRemembered) {
+    device.setAuthorization(AuthorizationStatus::authorizedWhenInUse);
+    settle();
+    host->heard.clear();
+    sdk->start();
+    settle();
+    EXPECT_FALSE(sdk->isTrackingActive());
+    EXPECT_EQ(host->heard, std::vector<std::string>{"not tracking"});
+    EXPECT_TRUE(toggles().empty());
+    EXPECT_FALSE(UserDefaultsManager(defaults).userActivatedTrackingOnce());
+
+    device.setAuthorization(AuthorizationStatus::authorizedAlways);
+    settle();
+    EXPECT_FALSE(sdk->isTrackingActive()) << "the SDK does not start what the host never started";
+    sdk->start();
+    EXPECT_TRUE(sdk->isTrackingActive());
+    EXPECT_TRUE(UserDefaultsManager(defaults).userActivatedTrackingOnce());
+}
+
+TEST_F(TrackingCore, WhileTrackingIsOffLifecycleNotificationsAreRecordedUntilTheSwitchOffEndsAndGoingAwayWritesTheBuffer) {
+    const char* const observedNames[] = {UIApplicationWillTerminateNotification, UIApplicationDidEnterBackgroundNotification,
+                                         UIApplicationWillEnterForegroundNotification,
+                                         UIApplicationDidReceiveMemoryWarningNotification};
+    std::size_t accelerations = 0;
+    for (const char* name : {UIApplicationDidEnterBackgroundNotification, UIApplicationWillTerminateNotification}) {
+        sdk->eventRepository()->insertAccelerationEventWithTrackedAtMs(device.now(), Decimal{981, 2});
+        device.runUntil(device.now().addingSeconds(5));
+        ASSERT_EQ(stored("Acceleration").size(), accelerations) << "waits in the buffer for 300";
+        platform.notificationCenter->post(name);
+        settle();
+        EXPECT_EQ(stored("Acceleration").size(), ++accelerations) << name;
+    }
+
+    // The debug record is kept while the debug events are still on: after a switch-off,
+    // until its uploads have ended.
+    HeldService service;
+    serviceURL = service.baseURL();
+    relaunch();
+    sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
+    sdk->start();
+    device.runUntil(device.now().addingSeconds(20));
+    const std::size_t requests = service.requests();
+    service.hold();
+    sdk->stop();
+    ASSERT_TRUE(service.waitForRequests(requests + 1));
+    for (const char* name : observedNames) platform.notificationCenter->post(name);
+    service.release();
+    device.runUntil(device.now().addingSeconds(5));
+    platform.notificationCenter->post(UIApplicationWillEnterForegroundNotification);  // the switch-off has ended
+    settle();
+    std::vector<std::string> lifecycle;
+    for (const auto& text : debugTexts()) {
+        if (text.starts_with("UIApplication")) lifecycle.push_back(text);
+    }
+    EXPECT_EQ(lifecycle, std::vector<std::string>(std::begin(observedNames), std::end(observedNames)));
+}
+
+TEST_F(TrackingCore, ALaunchWithTrackingOffStillSendsWhatEarlierLaunchesLeftStored) {
+    sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
+    sdk->eventRepository()->insertDebugEventWithTrackedAtMs(device.now(), 0, "left by an earlier launch");
+    collector::CollectorOptions options;
+    options.port = 0;
+    collector::CollectorServer service(options);
+    service.start();
+    serviceURL = service.baseURL();
+    relaunch();
+    ASSERT_EQ(sdk->localTrackingState(), 0);
+    service.waitForBatches(1, std::chrono::seconds(10));
+    settle();
+    std::vector<std::string> delivered;
+    service.forEachEvent(std::nullopt, [&](const collector::StoredEventView& event) {
+        if (event.type == "Debug") delivered.push_back(json::parse(event.payload)["comment"].get<std::string>());
+    });
+    EXPECT_NE(std::find(delivered.begin(), delivered.end(), "left by an earlier launch"), delivered.end());
+    service.stop();
 }
 
 TEST_F(TrackingCore, ClearingDeletesEveryStoredEventAndCompletesOnTheMainLoop) {
@@ -381,6 +522,36 @@ TEST_F(TrackingCore, ClearingDeletesEveryStoredEventAndCompletesOnTheMainLoop) {
     settle();
     EXPECT_TRUE(onMain);
     EXPECT_EQ(sdk->eventRepository()->eventsCount(), 0);
+}
+
+// The process's one instance, as the README shows a host using it. It is never destroyed, so
+// the device it runs on is not either.
+TEST(SharedInstance, IsOneObjectThatTakesItsConfigurationUntilInitialisedAndRunsOnIt) {
+    static test::TempDir dir;
+    static auto* const device = new SimulatedDevice(std::make_shared<const TruePath>(
+        std::vector<TracePoint>{{Date{start}, home, std::nullopt}, {Date{start + 86400}, home, std::nullopt}}));
+    Rovalis& sdk = RovalisCore::sharedInstance();
+    ASSERT_EQ(&sdk, &RovalisCore::sharedInstance());
+    EXPECT_THROW(sdk.start(), InternalInconsistencyException);
+
+    RovalisConfiguration configuration;
+    configuration.host = {"Trips", "2.1", "40", "com.example.trips", {}};
+    configuration.dataRoot = dir.path();
+    configuration.platform = device->makeProcessPlatform(std::make_shared<InMemoryKeyValueStore>(),
+                                                         std::make_shared<FileKeychain>(dir / "Keychain"));
+    configuration.productionBaseURL = "http://127.0.0.1:9/";
+    RovalisCore::configureSharedInstance(configuration);
+    auto host = std::make_shared<RecordingHost>();
+    sdk.initializeUsing(host, std::nullopt);
+    EXPECT_THROW(RovalisCore::configureSharedInstance(configuration), InternalInconsistencyException);
+
+    sdk.start();
+    device->runUntil(device->now().addingSeconds(20));
+    EXPECT_TRUE(sdk.isTrackingActive());
+    EXPECT_GT(host->trackedLocations, 0) << "fixes from the configured device";
+    EXPECT_TRUE(std::filesystem::exists(dir / "Store")) << "the store under the configured data root";
+    sdk.stop();
+    device->runUntil(device->now().addingSeconds(5));
 }
 
 }  // namespace

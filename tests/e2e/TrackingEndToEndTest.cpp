@@ -205,6 +205,25 @@ TEST_F(TrackingEndToEnd, WhatIsRecordedOfflineIsDeliveredOnceTheNetworkReturns) 
     EXPECT_EQ(connectivity[1]["status"], "DISCONNECTED");
 }
 
+TEST_F(TrackingEndToEnd, AwakeAndOnlineTheFixesThemselvesStartAnUploadAQuarterOfAnHourAfterTheLastOne) {
+    // Forty minutes of walking: no stay, no network change, the app never comes to the front.
+    const Replay run = replay(Trip().go(3400, 0, walking).input());
+    const double walkEnds = 3400 / walking;  // where tracking is stopped, which sends too
+    std::vector<double> sent;
+    for (const auto& upload : run.report.uploads) {
+        const double at = upload.time.timeIntervalSince(Date{start});
+        if (upload.succeeded && at < walkEnds - 60) sent.push_back(at);
+    }
+    ASSERT_FALSE(sent.empty());
+    EXPECT_LT(sent.front(), 60) << "tracking starts with an upload";
+    const auto later = std::find_if(sent.begin(), sent.end(), [](double at) { return at >= 60; });
+    ASSERT_EQ(sent.end() - later, 2) << "after 15 and 30 minutes: " << ::testing::PrintToString(sent);
+    for (auto at = later; at != sent.end(); ++at) {
+        EXPECT_GT(*at - *(at - 1), 15 * 60);
+        EXPECT_LT(*at - *(at - 1), 15 * 60 + 30) << "the first fix after the quarter-hour starts it";
+    }
+}
+
 TEST_F(TrackingEndToEnd, WifiOnlyOverCellularSendsNothingUntilWifiReturns) {
     const Replay run = replay(Trip().stay(15).go(4000, 300, walking).stay(20).input(R"(
         at +2m wifi-only on
@@ -302,6 +321,15 @@ TEST_F(TrackingEndToEnd, TheSampleWeekdayIsSleptThroughAtEveryStayAndDeliveredEx
                                                data / "scenarios/london-weekday.scenario"));
     ASSERT_EQ(run.report.stays.size(), 6u);
     for (const auto& stay : run.report.stays) EXPECT_TRUE(stay.sleptAt.has_value());
+    // Lunch: permission is lost while the SDK sleeps, and tracking coming back wakes it.
+    const auto& lunch = run.report.stays[1];
+    const auto resumed = std::find_if(run.report.trackingToggles.begin(), run.report.trackingToggles.end(),
+                                      [&](const TrackingToggle& toggle) {
+                                          return toggle.on && lunch.sleptAt && toggle.time > *lunch.sleptAt;
+                                      });
+    ASSERT_NE(resumed, run.report.trackingToggles.end());
+    ASSERT_TRUE(withinStay(lunch, resumed->time));
+    EXPECT_EQ(lunch.wokeAt, resumed->time);
     EXPECT_EQ(run.report.delivery.leftInStore, 0);
     EXPECT_EQ(run.toggles().size(), 6u);  // start, lunch-time permission off and on, app update, end
     EXPECT_GE(run.eventsOf("BeaconScan").size(), 2u) << "the office lobby and the cafe";

@@ -5,9 +5,15 @@
 #include <httplib.h>
 
 #include <map>
+#include <mutex>
+#include <thread>
 #include <tuple>
 
+#include <nlohmann/json.hpp>
+
 #include "collector/CollectorServer.h"
+#include "sim/ReportFigures.h"
+#include "sim/ReportRenderers.h"
 #include "sim/SimulationRunner.h"
 #include "support/TestSupport.h"
 #include "upload/Gzip.h"
@@ -83,6 +89,82 @@ TEST(SimulationRunner, AServiceElsewhereIsReadAPageAtATimeAndGivesTheSameReportA
                            ownReport.transitions[i].reason));
     }
     service.stop();
+}
+
+// A service that only takes batches: every POST /api/event_batches is answered 200, and
+// nothing can be read back.
+class BatchesOnlyService {
+public:
+    BatchesOnlyService() {
+        server_.set_tcp_nodelay(true);
+        server_.Post("/api/event_batches", [this](const httplib::Request& request, httplib::Response& response) {
+            const auto document = dataByGZipDecompressingDataWithError(request.body, nullptr);
+            const auto batch = nlohmann::json::parse(document.value_or("{}"), nullptr, false);
+            {
+                std::lock_guard lock(mutex_);
+                ++batches_;
+                if (batch.is_object() && batch.contains("events")) events_ += batch["events"].size();
+            }
+            response.set_content("{}", "application/json");
+        });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        while (!server_.is_running()) std::this_thread::yield();
+    }
+    ~BatchesOnlyService() {
+        server_.stop();
+        thread_.join();
+    }
+
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_) + "/"; }
+    std::int64_t batches() const {
+        std::lock_guard lock(mutex_);
+        return batches_;
+    }
+    std::int64_t events() const {
+        std::lock_guard lock(mutex_);
+        return events_;
+    }
+
+private:
+    httplib::Server server_;
+    int port_ = 0;
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::int64_t batches_ = 0;
+    std::int64_t events_ = 0;
+};
+
+TEST(SimulationRunner, AServiceWithoutReadBackIsCountedFromItsAnswersAndTheCheckIsReportedUnavailable) {
+    test::ConsoleCapture console;
+    test::TempDir dir;
+    BatchesOnlyService service;
+    SimulationOptions options;
+    options.outDir = dir.path();
+    options.serviceURL = service.baseURL();
+    SimulationRunner runner(walkNorth(), options);
+    const SimulationReport report = runner.run();
+
+    EXPECT_FALSE(report.delivery.readBack);
+    EXPECT_FALSE(report.deliveredExactlyOnce()) << "claimed without being checked";
+    ASSERT_GT(report.delivery.recorded, 20000);
+    EXPECT_EQ(report.delivery.leftInStore, 0);
+    // Every event the SDK let go of is one the service received; nothing else reached it.
+    EXPECT_EQ(report.delivery.accepted, report.delivery.recorded);
+    EXPECT_EQ(report.delivery.accepted, service.events() - report.delivery.batchDiagnostics);
+    EXPECT_EQ(report.delivery.batches, service.batches());
+    EXPECT_TRUE(report.delivery.eventsByType.empty());
+
+    const std::string summary = renderSummary(report, false);
+    EXPECT_NE(summary.find("acknowledged by the service " + groupedNumber(report.delivery.accepted)),
+              std::string::npos)
+        << summary;
+    EXPECT_NE(summary.find("read-back check not available"), std::string::npos);
+    EXPECT_EQ(summary.find("FAILED"), std::string::npos);
+    const auto figures = nlohmann::json::parse(renderSummaryJson(report));
+    EXPECT_EQ(figures["delivery"]["read_back"], false);
+    EXPECT_TRUE(figures["delivered_exactly_once"].is_null());
+    EXPECT_EQ(figures["uploads"]["batches"], service.batches());
 }
 
 }  // namespace

@@ -294,8 +294,9 @@ ul.legend svg { width: 24px; height: 16px; flex: none; }
                                    " accepted, " + groupedNumber(delivery.leftInStore) + " left, " +
                                    groupedNumber(delivery.identicalEvents) + " identical";
         figureRow("Delivery",
-                  escape(counts) + (figures_.deliveredExactlyOnce ? " <span class=\"ok\">exactly once</span>"
-                                                                  : " <span class=\"failed\">FAILED</span>"));
+                  escape(counts) + (!delivery.readBack                ? " (not read back: unchecked)"
+                                    : figures_.deliveredExactlyOnce ? " <span class=\"ok\">exactly once</span>"
+                                                                    : " <span class=\"failed\">FAILED</span>"));
         out_ += "</table>\n</header>\n";
     }
 

@@ -76,7 +76,7 @@ ReportFigures deriveFigures(const SimulationReport& report) {
     std::stable_sort(figures.eventsByCount.begin(), figures.eventsByCount.end(),
                      [](const auto& a, const auto& b) { return a.second > b.second; });
 
-    figures.unaccounted = delivery.recorded - (delivery.accepted - delivery.batchDiagnostics) - delivery.leftInStore;
+    if (delivery.readBack) figures.unaccounted = delivery.recorded - (delivery.accepted - delivery.batchDiagnostics) - delivery.leftInStore;
     figures.deliveredExactlyOnce = report.deliveredExactlyOnce();
     return figures;
 }

@@ -101,8 +101,13 @@ struct EnergyFigures {
 };
 
 struct DeliveryFigures {
+    // Whether the service's events were read back (GET /api/events). A service without
+    // read-back is known only by its answers: `accepted` is then what the SDK deleted after
+    // the service acknowledged it, the events by type, fixes and transitions are unknown, and
+    // nothing checks that each event arrived once.
+    bool readBack = true;
     std::int64_t recorded = 0;         // rows the SDK ever stored
-    std::int64_t accepted = 0;         // events the service holds
+    std::int64_t accepted = 0;         // events the service holds (acknowledged, without read-back)
     std::int64_t leftInStore = 0;      // rows still on the device at the end
     // Of the accepted, the diagnostic events that close a background batch: made for the batch,
     // never stored on the device, so never recorded.
@@ -169,9 +174,10 @@ struct SimulationReport {
     BeaconFigures beacons;
 
     // Nothing lost and nothing twice: every recorded event is either held by the service
-    // exactly once or still on the device.
+    // exactly once or still on the device. Unknown, so false, without read-back.
     bool deliveredExactlyOnce() const {
-        return delivery.recorded == delivery.accepted - delivery.batchDiagnostics + delivery.leftInStore;
+        return delivery.readBack &&
+               delivery.recorded == delivery.accepted - delivery.batchDiagnostics + delivery.leftInStore;
     }
 };
 

@@ -66,8 +66,9 @@ LocationCoordinate2D coordinateOf(const json& event) {
     return {event.at("latitude").get<double>(), event.at("longitude").get<double>()};
 }
 
-// A plain GET; throws std::runtime_error naming the URL when it does not answer 200.
-std::string httpGet(const std::string& url) {
+// A plain GET of a path the service may not have: none when it answers 404; throws
+// std::runtime_error naming the URL for any other answer but 200.
+std::optional<std::string> httpGetIfServed(const std::string& url) {
     CURL* curl = curl_easy_init();
     if (curl == nullptr) throw std::runtime_error("libcurl could not start");
     std::string body;
@@ -82,6 +83,7 @@ std::string httpGet(const std::string& url) {
     long status = 0;
     curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_cleanup(curl);
+    if (result == CURLE_OK && status == 404) return std::nullopt;
     if (result != CURLE_OK || status != 200) {
         throw std::runtime_error("could not read " + url + ": " +
                                  (result != CURLE_OK ? curl_easy_strerror(result) : "status " + std::to_string(status)));
@@ -448,19 +450,26 @@ private:
     std::vector<Kept> kept_;
 };
 
-// The events of the device an external service holds, a page at a time.
+// The events of the device an external service holds, a page at a time. False when the
+// service has no read-back (GET /api/events answers 404): a service need only take batches.
 template <typename Visit>
-void readServiceEvents(const std::string& base, const std::string& deviceId, Visit visit) {
+bool readServiceEvents(const std::string& base, const std::string& deviceId, Visit visit) {
     constexpr std::int64_t pageSize = 20000;
     for (std::int64_t offset = 0;;) {
-        const json page = json::parse(httpGet(base + "api/events?device_id=" + deviceId + "&offset=" +
-                                              std::to_string(offset) + "&limit=" + std::to_string(pageSize)));
+        const auto text = httpGetIfServed(base + "api/events?device_id=" + deviceId + "&offset=" +
+                                          std::to_string(offset) + "&limit=" + std::to_string(pageSize));
+        if (!text) {
+            if (offset == 0) return false;
+            throw std::runtime_error("the service stopped answering GET /api/events after " +
+                                     std::to_string(offset) + " events");
+        }
+        const json page = json::parse(*text);
         for (const auto& event : page) {
             visit(event.at("type").get<std::string>(), event.at("tracked_at_ms").get<std::int64_t>(),
                   event.at("payload").get<std::string>());
         }
         // A service that does not page answers everything at once.
-        if (static_cast<std::int64_t>(page.size()) != pageSize) return;
+        if (static_cast<std::int64_t>(page.size()) != pageSize) return true;
         offset += pageSize;
     }
 }
@@ -478,6 +487,13 @@ void matchStays(SimulationReport& report, const std::vector<TrueStay>& trueStays
                     outcome.wokeAt = report.transitions[j].time;
                     break;
                 }
+            }
+            // Tracking switched on wakes the SDK with a forced wake-up, which records no
+            // ToggleStandby: its ToggleTracking is the wake-up when it comes first.
+            for (const TrackingToggle& toggle : report.trackingToggles) {
+                if (!toggle.on || toggle.time < sleep.time) continue;
+                if (!outcome.wokeAt || toggle.time < *outcome.wokeAt) outcome.wokeAt = toggle.time;
+                break;
             }
             break;
         }
@@ -560,14 +576,22 @@ SimulationReport SimulationRunner::run() {
     } else {
         const std::string base = run.serviceURL.ends_with('/') ? run.serviceURL : run.serviceURL + "/";
         DeliveredEventsFold fold(report, 0);
-        readServiceEvents(base, deviceId, [&](const std::string& type, std::int64_t trackedAtMs,
-                                              const std::string& payload) {
-            deliver(fold, type, trackedAtMs, payload);
-        });
+        report.delivery.readBack = readServiceEvents(
+            base, deviceId, [&](const std::string& type, std::int64_t trackedAtMs, const std::string& payload) {
+                deliver(fold, type, trackedAtMs, payload);
+            });
         fold.finish();
-        const json figures = json::parse(httpGet(base + "api/stats"));
-        stats.batches = figures.value("batches", std::int64_t{0});
-        stats.batchRequests = figures.value("batch_requests", std::int64_t{0});
+        const auto statsText = httpGetIfServed(base + "api/stats");
+        const json figures = statsText ? json::parse(*statsText) : json::object();
+        // Without the service's own figures, the batches are the uploads it acknowledged.
+        if (!statsText) {
+            for (const UploadOutcome& upload : run.host->uploads) {
+                ++stats.batchRequests;
+                if (upload.succeeded) ++stats.batches;
+            }
+        }
+        stats.batches = figures.value("batches", stats.batches);
+        stats.batchRequests = figures.value("batch_requests", stats.batchRequests);
         stats.duplicatesRefused = figures.value("duplicates_refused", std::int64_t{0});
         stats.conflicts = figures.value("conflicts", std::int64_t{0});
         stats.sequentialIdStepBacks = figures.value("sequential_id_step_backs", std::int64_t{0});
@@ -577,6 +601,8 @@ SimulationReport SimulationRunner::run() {
     const auto [recorded, left] = storeFigures(run.dataRoot->privateDirectory("Store") / "RovalisSDK.sqlite");
     report.delivery.recorded = recorded;
     report.delivery.leftInStore = left;
+    // The SDK deletes a batch's events only once the service has answered it with success.
+    if (!report.delivery.readBack) report.delivery.accepted = recorded - left;
     report.delivery.batches = stats.batches;
     report.delivery.batchRequests = stats.batchRequests;
     report.delivery.duplicateBatchesRefused = stats.duplicatesRefused;

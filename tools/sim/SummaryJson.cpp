@@ -142,15 +142,18 @@ std::string renderSummaryJson(const SimulationReport& report) {
                        {"store_write_bytes", delivery.storeWriteBytes},
                        {"compression_ratio", orNull(figures.compressionRatio)}};
 
-    root["delivery"] = {{"recorded", delivery.recorded},
+    // Without read-back the check was not made: its verdict is null, not a pass or a fail.
+    const json verdict = delivery.readBack ? json(figures.deliveredExactlyOnce) : json(nullptr);
+    root["delivery"] = {{"read_back", delivery.readBack},
+                        {"recorded", delivery.recorded},
                         {"accepted", delivery.accepted},
                         {"batch_diagnostics", delivery.batchDiagnostics},
                         {"left_on_device", delivery.leftInStore},
                         {"identical", delivery.identicalEvents},
                         {"lost", figures.unaccounted > 0 ? figures.unaccounted : 0},
                         {"more_than_recorded", figures.unaccounted < 0 ? -figures.unaccounted : 0},
-                        {"delivered_exactly_once", figures.deliveredExactlyOnce}};
-    root["delivered_exactly_once"] = figures.deliveredExactlyOnce;
+                        {"delivered_exactly_once", verdict}};
+    root["delivered_exactly_once"] = verdict;
 
     root["counts"] = {{"fixes", report.fixes.size()},
                       {"geofences", report.geofences.size()},

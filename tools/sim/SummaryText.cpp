@@ -186,6 +186,12 @@ private:
     }
 
     void events() {
+        if (!report_.delivery.readBack) {
+            heading("Events: not read back from the service");
+            note("the service has no GET /api/events: the events by type, the sleeps, wake-ups and fixes");
+            note("are not known, and delivery is counted from the service's answers");
+            return;
+        }
         heading("Events accepted by the service: " + groupedNumber(figures_.eventsTotal) + " in " +
                 plural(static_cast<std::int64_t>(figures_.eventsByCount.size()), "type", "types"));
         Table table({{"type"}, {"count", true}, {"share", true}});
@@ -203,8 +209,10 @@ private:
     }
 
     void stays() {
-        heading("Stays of the trace: " + std::to_string(figures_.staysFound) + " of " +
-                std::to_string(report_.stays.size()) + " found by a sleep");
+        heading("Stays of the trace: " +
+                (report_.delivery.readBack ? std::to_string(figures_.staysFound) + " of " : std::string()) +
+                std::to_string(report_.stays.size()) +
+                (report_.delivery.readBack ? " found by a sleep" : ", the SDK's sleeps not read back"));
         if (report_.stays.empty()) {
             note("the trace has no stays");
         } else {
@@ -213,6 +221,7 @@ private:
             std::size_t number = 0;
             for (const auto& stay : report_.stays) {
                 const bool found = stay.sleptAt.has_value();
+                const char* result = !report_.delivery.readBack ? "unknown" : found ? "found" : "missed";
                 table.add({{std::to_string(++number)},
                            {clock(stay.start)},
                            {clock(stay.end)},
@@ -220,7 +229,7 @@ private:
                            {placeText(stay.centre)},
                            {stay.sleptAt ? clock(*stay.sleptAt) : "-"},
                            {stay.wokeAt ? clock(*stay.wokeAt) : "-"},
-                           {found ? "found" : "missed", found ? kGreen : kRed}});
+                           {result, !report_.delivery.readBack ? nullptr : found ? kGreen : kRed}});
             }
             table.render(lines_, paint_);
         }
@@ -345,6 +354,14 @@ private:
     void delivery() {
         const auto& delivery = report_.delivery;
         heading("Delivery");
+        if (!delivery.readBack) {
+            note("recorded " + groupedNumber(delivery.recorded) + ", acknowledged by the service " +
+                 groupedNumber(delivery.accepted) + ", left on the device " + groupedNumber(delivery.leftInStore));
+            note("read-back check not available: the service has no GET /api/events, so the acknowledged");
+            note("events are those the SDK deleted after a success answer, and none is checked to have");
+            note("arrived exactly once");
+            return;
+        }
         const std::string counts = "recorded " + groupedNumber(delivery.recorded) + ", accepted by the service " +
                                    groupedNumber(delivery.accepted) + ", left on the device " +
                                    groupedNumber(delivery.leftInStore) + ", identical in content " +
