@@ -35,7 +35,7 @@ DataRoot dataRootFor(const RovalisConfiguration& configuration) {
 // The host's bundle with what it left out taken from the real Linux platform; a host's own
 // main queue carries the main run loop when the bundle brings none.
 Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<Executor>& hostMainQueue,
-                          const DataRoot& root) {
+                          const DataRoot& root, const LinuxPlatformSettings& linuxSettings) {
     Platform platform = given ? std::move(*given) : Platform{};
     if (!platform.mainRunLoop && hostMainQueue) {
         if (!platform.dateSource) platform.dateSource = std::make_shared<SystemDateSource>();
@@ -47,7 +47,7 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
                           platform.makeMotionActivityManager && platform.makeBluetoothScanner && platform.deviceInfo &&
                           platform.systemState;
     if (complete) return platform;
-    Platform linux = makeLinuxPlatform(root, platform.dateSource, platform.mainRunLoop);
+    Platform linux = makeLinuxPlatform(root, platform.dateSource, platform.mainRunLoop, linuxSettings);
     auto fill = [](auto& field, auto& fallback) {
         if (!field) field = std::move(fallback);
     };
@@ -118,7 +118,8 @@ void RVLGeneralLocationManager::initializeUsing(std::shared_ptr<RovalisDelegate>
                                                 const std::optional<LaunchOptions>& /*launchOptions*/) {
     std::lock_guard lock(initialization_);
     if (isInitialized_) return;
-    platform_ = completePlatform(configuration_.platform, configuration_.mainQueue, dataRootFor(configuration_));
+    platform_ = completePlatform(configuration_.platform, configuration_.mainQueue, dataRootFor(configuration_),
+                                 configuration_.linuxPlatform);
     configuration_.platform.reset();
     onMain([&] {
         createTrackers();
@@ -152,6 +153,9 @@ void RVLGeneralLocationManager::createTrackers() {
         .host = configuration_.host,
         .buildConfiguration = BuildConfiguration(configuration_.isDebug, configuration_.isIntegration),
         .productionBaseURL = configuration_.productionBaseURL,
+        .serviceBaseURL = configuration_.serviceBaseURL,
+        .stayTimeLimit = configuration_.stayTimeLimit,
+        .uploadSchedule = configuration_.uploadSchedule,
         .sleepRegions = RegionCalculator::sleepRegions(sleepRegions),
         .sessionOptions = {},
         .apiClientOptions = apiClientOptions,
