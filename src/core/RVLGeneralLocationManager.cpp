@@ -286,10 +286,19 @@ void RVLGeneralLocationManager::initializeTracking() {
 
 void RVLGeneralLocationManager::startTrackingWithForced(bool forced) {
     const std::int64_t state = localTrackingStatePrivate_;
+    // The first authorization answer after a host's early start carries that start out.
+    if (hostStartAwaitsAuthorization_) forced = true;
+    hostStartAwaitsAuthorization_ = false;
     if (state == 1) return;
     // The host's stop is undone only by the host; an interruption by the SDK only by the SDK.
-    const bool refused = (state == 0 && !forced) || (state == -1 && forced) ||
-                         !authorizationManager_->fullyAuthorizedAlready();
+    const bool refusedByState = (state == 0 && !forced) || (state == -1 && forced);
+    // Nothing has been denied yet while the platform does not know: the start waits for it.
+    if (forced && !refusedByState && !authorizationManager_->authorizationKnown()) {
+        hostStartAwaitsAuthorization_ = true;
+        Console::log("start waits until the location service has answered");
+        return;
+    }
+    const bool refused = refusedByState || !authorizationManager_->fullyAuthorizedAlready();
     if (refused) {
         tellDelegateTrackingStatusChanged(false);
         return;
@@ -302,6 +311,11 @@ void RVLGeneralLocationManager::startTrackingWithForced(bool forced) {
 
 void RVLGeneralLocationManager::stopTrackingWithReason(std::int64_t reason) {
     const std::int64_t state = localTrackingStatePrivate_;
+    if (hostStartAwaitsAuthorization_) {
+        // The host's stop withdraws its waiting start; the platform's answer refuses it.
+        hostStartAwaitsAuthorization_ = false;
+        if (reason != 0) tellDelegateTrackingStatusChanged(false);
+    }
     if (state == 0) return;
     if (reason != 0 && state == -1) return;
     for (const auto& tracker : locationManagers_) {
