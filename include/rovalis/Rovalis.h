@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "rovalis/Executor.h"
 #include "rovalis/Export.h"
@@ -92,6 +93,10 @@ struct LinuxPlatformSettings {
     std::uint16_t gpsdPort = 2947;
     // The sysfs class directory of the battery and mains supplies.
     std::filesystem::path powerSupplyRoot = "/sys/class/power_supply";
+    // Network interfaces that count as cellular besides those detected (PPP links, WWAN
+    // devices and modem drivers, interfaces udev marks with ROVALIS_CELLULAR=1): exact
+    // names, or a prefix followed by '*' ("usb*").
+    std::vector<std::string> cellularInterfaces;
 
     friend bool operator==(const LinuxPlatformSettings&, const LinuxPlatformSettings&) = default;
 };

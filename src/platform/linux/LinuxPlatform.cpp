@@ -34,7 +34,7 @@ Platform makeLinuxPlatform(const DataRoot& root, std::shared_ptr<RVLDateSource> 
     platform.mainRunLoop = mainRunLoop ? std::move(mainRunLoop) : std::make_shared<ThreadRunLoop>(platform.dateSource);
     platform.keyValueStore = std::make_shared<SqliteKeyValueStore>(root.root() / "Preferences.sqlite");
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
-    platform.network = std::make_shared<LinuxNetworkMonitor>();
+    platform.network = std::make_shared<LinuxNetworkMonitor>(linuxnet::CellularMarks{settings.cellularInterfaces});
     platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
     platform.notificationCenter = NotificationCenter::defaultCenter();
     GpsdOptions gpsd;
