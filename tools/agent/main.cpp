@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -264,8 +265,7 @@ int main(int argc, char** argv) {
     app.add_option("--token-file", settings.tokenFile, "File whose first line is the user token")
         ->envname("ROVALIS_TOKEN_FILE");
     app.add_option("--data-root", settings.dataRoot,
-                   "Where the SDK keeps its state (default: $STATE_DIRECTORY, else $XDG_DATA_HOME/rovalis/" +
-                       std::string(agentIdentifier) + ")");
+                   "Where the SDK keeps its state (default: $STATE_DIRECTORY, else the SDK's)");
     app.add_option("--gpsd-host", settings.gpsdHost, "gpsd host")->capture_default_str();
     app.add_option("--gpsd-port", settings.gpsdPort, "gpsd port")->capture_default_str();
     app.add_option("--power-supply-root", settings.powerSupplyRoot, "sysfs power supply class directory")
@@ -287,8 +287,8 @@ int main(int argc, char** argv) {
     app.add_option("--log-level", settings.logLevel, "error, warning, info or debug")
         ->capture_default_str()
         ->check(CLI::IsMember({"error", "warning", "info", "debug"}));
-    auto* status = app.add_subcommand("status", "Print tracking and sleep state, last fix, events waiting and the "
-                                                "last upload from the data root, then exit");
+    auto* status = app.add_subcommand("status", "Print what the data root holds (tracking, sleep, last fix, "
+                                                "events waiting, last upload) and exit");
     status->fallthrough();
     CLI11_PARSE(app, argc, argv);
 
