@@ -300,7 +300,7 @@ int main(int argc, char** argv) {
     if (status->parsed()) {
         const auto report = agent::statusReport(dataRootOf(settings));
         if (!report) {
-            std::cerr << "no SDK state in " << dataRootOf(settings) << "\n";
+            std::cerr << "no SDK state in " << dataRootOf(settings).string() << "\n";
             return 1;
         }
         std::cout << *report;
