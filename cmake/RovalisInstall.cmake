@@ -63,7 +63,7 @@ if(TARGET rovalis_c)
     NAMELINK_COMPONENT Development)
 endif()
 
-foreach(tool rovalis-collector rovalis-sim rovalis-tracegen)
+foreach(tool rovalis-collector rovalis-sim rovalis-tracegen rovalis-agent)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   endif()

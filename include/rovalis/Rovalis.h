@@ -3,11 +3,13 @@
 // The host-facing library: the shared entry object, the public interface, and what a Linux
 // host tells the SDK about itself before it initialises it.
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "rovalis/Executor.h"
 #include "rovalis/Export.h"
@@ -84,6 +86,31 @@ struct TransferLimits {
     friend bool operator==(const TransferLimits&, const TransferLimits&) = default;
 };
 
+// The real Linux services the SDK builds for what the platform bundle leaves out.
+struct LinuxPlatformSettings {
+    // gpsd's JSON interface.
+    std::string gpsdHost = "127.0.0.1";
+    std::uint16_t gpsdPort = 2947;
+    // The sysfs class directory of the battery and mains supplies.
+    std::filesystem::path powerSupplyRoot = "/sys/class/power_supply";
+    // Network interfaces that count as cellular besides those detected (PPP links, WWAN
+    // devices and modem drivers, interfaces udev marks with ROVALIS_CELLULAR=1): exact
+    // names, or a prefix followed by '*' ("usb*").
+    std::vector<std::string> cellularInterfaces;
+
+    friend bool operator==(const LinuxPlatformSettings&, const LinuxPlatformSettings&) = default;
+};
+
+// When uploads start besides the app becoming active and the network returning: on a new
+// location once the last successful upload is older than `interval` seconds, and never two
+// starts closer together than `minimumInterval` seconds.
+struct UploadSchedule {
+    double interval = 900.0;
+    double minimumInterval = 300.0;
+
+    friend bool operator==(const UploadSchedule&, const UploadSchedule&) = default;
+};
+
 struct RovalisConfiguration {
     // Display name, version, build, identifier, and the Info settings
     // ("RV_SDK_BEACON_TRACKING_ENABLED", "RV_SDK_EDDYSTONE_TRACKING_ENABLED").
@@ -98,10 +125,18 @@ struct RovalisConfiguration {
     std::shared_ptr<Executor> mainQueue;
     // The collection service of a production build.
     std::string productionBaseURL = "https://collect.rovalis.io/";
-    // A debug build; an integration build uses http://localhost:8080/ and detects stays
-    // after 15 seconds.
+    // A debug build. An integration build talks to http://localhost:8080/ and detects stays
+    // after 15 seconds unless serviceBaseURL and stayTimeLimit say otherwise.
     bool isDebug = false;
     bool isIntegration = false;
+    // The collection service whatever the build; by default as above.
+    std::optional<std::string> serviceBaseURL;
+    // Seconds the device stays within the stay radius before the SDK sleeps; by default 600,
+    // 15 in an integration build.
+    std::optional<double> stayTimeLimit;
+    UploadSchedule uploadSchedule;
+    // The Linux services built over the data root (gpsd, power supplies, network).
+    LinuxPlatformSettings linuxPlatform;
     // The regions laid around a stay; an invalid configuration is refused with a console
     // line and the defaults are used.
     SleepRegionConfiguration sleepRegions;

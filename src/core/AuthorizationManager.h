@@ -33,6 +33,8 @@ public:
     virtual ~RVLAuthorizationManagerType() = default;
     // Location services on, "always" permission and full accuracy.
     virtual bool fullyAuthorizedAlready() const = 0;
+    // Whether the platform has told the permission and the location services' state yet.
+    virtual bool authorizationKnown() const { return true; }
     virtual std::shared_ptr<RovalisDelegate> sdkDelegate() const = 0;
     virtual void setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate) = 0;
 };
@@ -71,6 +73,7 @@ public:
 
     // RVLAuthorizationManagerType
     bool fullyAuthorizedAlready() const override;
+    bool authorizationKnown() const override { return locationManager_->authorizationKnown(); }
     std::shared_ptr<RovalisDelegate> sdkDelegate() const override { return sdkDelegate_.lock(); }
     void setSdkDelegate(std::weak_ptr<RovalisDelegate> delegate) override { sdkDelegate_ = std::move(delegate); }
 

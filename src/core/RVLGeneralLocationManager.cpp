@@ -35,7 +35,7 @@ DataRoot dataRootFor(const RovalisConfiguration& configuration) {
 // The host's bundle with what it left out taken from the real Linux platform; a host's own
 // main queue carries the main run loop when the bundle brings none.
 Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<Executor>& hostMainQueue,
-                          const DataRoot& root) {
+                          const DataRoot& root, const LinuxPlatformSettings& linuxSettings) {
     Platform platform = given ? std::move(*given) : Platform{};
     if (!platform.mainRunLoop && hostMainQueue) {
         if (!platform.dateSource) platform.dateSource = std::make_shared<SystemDateSource>();
@@ -47,7 +47,7 @@ Platform completePlatform(std::optional<Platform> given, const std::shared_ptr<E
                           platform.makeMotionActivityManager && platform.makeBluetoothScanner && platform.deviceInfo &&
                           platform.systemState;
     if (complete) return platform;
-    Platform linux = makeLinuxPlatform(root, platform.dateSource, platform.mainRunLoop);
+    Platform linux = makeLinuxPlatform(root, platform.dateSource, platform.mainRunLoop, linuxSettings);
     auto fill = [](auto& field, auto& fallback) {
         if (!field) field = std::move(fallback);
     };
@@ -118,7 +118,8 @@ void RVLGeneralLocationManager::initializeUsing(std::shared_ptr<RovalisDelegate>
                                                 const std::optional<LaunchOptions>& /*launchOptions*/) {
     std::lock_guard lock(initialization_);
     if (isInitialized_) return;
-    platform_ = completePlatform(configuration_.platform, configuration_.mainQueue, dataRootFor(configuration_));
+    platform_ = completePlatform(configuration_.platform, configuration_.mainQueue, dataRootFor(configuration_),
+                                 configuration_.linuxPlatform);
     configuration_.platform.reset();
     onMain([&] {
         createTrackers();
@@ -152,6 +153,9 @@ void RVLGeneralLocationManager::createTrackers() {
         .host = configuration_.host,
         .buildConfiguration = BuildConfiguration(configuration_.isDebug, configuration_.isIntegration),
         .productionBaseURL = configuration_.productionBaseURL,
+        .serviceBaseURL = configuration_.serviceBaseURL,
+        .stayTimeLimit = configuration_.stayTimeLimit,
+        .uploadSchedule = configuration_.uploadSchedule,
         .sleepRegions = RegionCalculator::sleepRegions(sleepRegions),
         .sessionOptions = {},
         .apiClientOptions = apiClientOptions,
@@ -282,10 +286,19 @@ void RVLGeneralLocationManager::initializeTracking() {
 
 void RVLGeneralLocationManager::startTrackingWithForced(bool forced) {
     const std::int64_t state = localTrackingStatePrivate_;
+    // The first authorization answer after a host's early start carries that start out.
+    if (hostStartAwaitsAuthorization_) forced = true;
+    hostStartAwaitsAuthorization_ = false;
     if (state == 1) return;
     // The host's stop is undone only by the host; an interruption by the SDK only by the SDK.
-    const bool refused = (state == 0 && !forced) || (state == -1 && forced) ||
-                         !authorizationManager_->fullyAuthorizedAlready();
+    const bool refusedByState = (state == 0 && !forced) || (state == -1 && forced);
+    // Nothing has been denied yet while the platform does not know: the start waits for it.
+    if (forced && !refusedByState && !authorizationManager_->authorizationKnown()) {
+        hostStartAwaitsAuthorization_ = true;
+        Console::log("start waits until the location service has answered");
+        return;
+    }
+    const bool refused = refusedByState || !authorizationManager_->fullyAuthorizedAlready();
     if (refused) {
         tellDelegateTrackingStatusChanged(false);
         return;
@@ -298,6 +311,11 @@ void RVLGeneralLocationManager::startTrackingWithForced(bool forced) {
 
 void RVLGeneralLocationManager::stopTrackingWithReason(std::int64_t reason) {
     const std::int64_t state = localTrackingStatePrivate_;
+    if (hostStartAwaitsAuthorization_) {
+        // The host's stop withdraws its waiting start; the platform's answer refuses it.
+        hostStartAwaitsAuthorization_ = false;
+        if (reason != 0) tellDelegateTrackingStatusChanged(false);
+    }
     if (state == 0) return;
     if (reason != 0 && state == -1) return;
     for (const auto& tracker : locationManagers_) {

@@ -152,6 +152,9 @@ private:
     std::atomic<int> paused_{-1};
     std::atomic<std::int64_t> localTrackingStatePrivate_{0};
     std::optional<Date> toggleTrackingOffDate_;
+    // The host asked to start before the platform knew the permission (Linux: before gpsd
+    // first answered); the answer carries the start out or refuses it. Main run loop only.
+    bool hostStartAwaitsAuthorization_ = false;
     // Asleep with the sleep regions laid round a centre, and none of them crossed since: the
     // regions' own evidence that the phone is still where it fell asleep. Main run loop only.
     bool asleepInsideCentreRegion_ = false;

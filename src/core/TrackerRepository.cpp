@@ -67,7 +67,7 @@ void TrackerRepository::registerSendDataQueue(Factory<RVLSendDataQueue> factory)
 }
 
 std::string TrackerRepository::baseURL() const {
-    return serviceBaseURL(environment_.buildConfiguration, environment_.productionBaseURL);
+    return serviceBaseURL(environment_.buildConfiguration, environment_.productionBaseURL, environment_.serviceBaseURL);
 }
 
 bool TrackerRepository::isBeaconTrackingEnabled() const { return environment_.host.isSwitchOn(beaconTrackingSwitch); }
@@ -211,7 +211,9 @@ std::shared_ptr<RVLSendDataQueue> TrackerRepository::sendDataQueue() {
             sendDataQueue_ = sendDataQueueType_(*this);
         } else {
             sendDataQueue_ = std::make_shared<RVLSendDataQueue>(operationsController(), userDefaultsManager(),
-                                                                reachabilityTracker(), environment_.platform.dateSource);
+                                                                reachabilityTracker(), environment_.platform.dateSource,
+                                                                environment_.uploadSchedule.interval,
+                                                                environment_.uploadSchedule.minimumInterval);
         }
     }
     return sendDataQueue_;
@@ -223,7 +225,7 @@ std::shared_ptr<RegularLocationTracker> TrackerRepository::regularLocationTracke
     if (!regularLocationTracker_) {
         regularLocationTracker_ = RegularLocationTracker::create(
             freshLocationManager(), std::make_shared<LocationManagerForwarder>(), dependencies_.sleepInitiationProvider,
-            std::make_unique<StayDetector>(stayTimeLimit(environment_.buildConfiguration)),
+            std::make_unique<StayDetector>(stayTimeLimit(environment_.buildConfiguration, environment_.stayTimeLimit)),
             dependencies_.locationUpdateReceiver, debugEventsManager(), environment_.platform.mainRunLoop);
     }
     return regularLocationTracker_;

@@ -18,6 +18,7 @@
 #include "events/EventRepository.h"
 #include "rovalis/HostInfo.h"
 #include "rovalis/Platform.h"
+#include "rovalis/Rovalis.h"
 #include "rovalis/RovalisDelegate.h"
 #include "sensing/RegionCalculator.h"
 #include "upload/CredentialsManager.h"
@@ -90,6 +91,10 @@ struct TrackerEnvironment {
     BuildConfiguration buildConfiguration;
     // The collection service of a production build (an integration build uses the local one).
     std::string productionBaseURL;
+    // The host's own service and stay limit, which replace the build's defaults.
+    std::optional<std::string> serviceBaseURL;
+    std::optional<double> stayTimeLimit;
+    UploadSchedule uploadSchedule;
     RegionCalculator sleepRegions = RegionCalculator::sleepRegions();
     CurlUrlSessionOptions sessionOptions;
     RVLAPIClientOptions apiClientOptions;

@@ -5,11 +5,14 @@ namespace rovalis {
 RVLSendDataQueue::RVLSendDataQueue(std::shared_ptr<RVLOperationsControllerType> operationsController,
                                    std::shared_ptr<RVLLastSuccessfulEventUploadDateModifier> userDefaultsManager,
                                    std::shared_ptr<RVLReachabilityType> reachabilityManager,
-                                   std::shared_ptr<RVLDateSource> dateSource)
+                                   std::shared_ptr<RVLDateSource> dateSource, double uploadInterval,
+                                   double minimumTransferInterval)
     : operationsController_(std::move(operationsController)),
       userDefaultsManager_(std::move(userDefaultsManager)),
       reachabilityManager_(std::move(reachabilityManager)),
-      dateSource_(std::move(dateSource)) {
+      dateSource_(std::move(dateSource)),
+      uploadInterval_(uploadInterval),
+      minimumTransferInterval_(minimumTransferInterval) {
     reachabilityManager_->setChangeListener([this](bool canSendNow) { reachabilityChanged(canSendNow); });
 }
 
@@ -23,7 +26,7 @@ void RVLSendDataQueue::reachabilityChanged(bool canSendNow) {
 
 void RVLSendDataQueue::updateTime() {
     const Date lastUpload = userDefaultsManager_->lastSuccessfulEventUploadDate();
-    if (dateSource_->now().timeIntervalSince(lastUpload) > uploadInterval) initiateDataTransfer();
+    if (dateSource_->now().timeIntervalSince(lastUpload) > uploadInterval_) initiateDataTransfer();
 }
 
 void RVLSendDataQueue::initiateDataTransfer() {
@@ -31,7 +34,7 @@ void RVLSendDataQueue::initiateDataTransfer() {
     {
         std::lock_guard lock(mutex_);
         const Date now = dateSource_->now();
-        if (now.timeIntervalSince(lastDataTransferInitiationDate_) < minimumTransferInterval) return;
+        if (now.timeIntervalSince(lastDataTransferInitiationDate_) < minimumTransferInterval_) return;
         lastDataTransferInitiationDate_ = now;
     }
     // Asked outside the lock: the controller may call back into the SDK.

@@ -15,17 +15,18 @@ namespace rovalis {
 // at least five minutes apart.
 class RVLSendDataQueue {
 public:
-    // A location update starts a transfer when the last upload is older than this.
-    static constexpr double uploadInterval = 900.0;
-    // No two transfers start closer together than this.
-    static constexpr double minimumTransferInterval = 300.0;
+    // A location update starts a transfer when the last upload is older than this, by default.
+    static constexpr double defaultUploadInterval = 900.0;
+    // No two transfers start closer together than this, by default.
+    static constexpr double defaultMinimumTransferInterval = 300.0;
 
     // Installs itself as the reachability tracker's change listener. The tracker must not
     // report to it after the queue is gone.
     RVLSendDataQueue(std::shared_ptr<RVLOperationsControllerType> operationsController,
                      std::shared_ptr<RVLLastSuccessfulEventUploadDateModifier> userDefaultsManager,
                      std::shared_ptr<RVLReachabilityType> reachabilityManager,
-                     std::shared_ptr<RVLDateSource> dateSource);
+                     std::shared_ptr<RVLDateSource> dateSource, double uploadInterval = defaultUploadInterval,
+                     double minimumTransferInterval = defaultMinimumTransferInterval);
     ~RVLSendDataQueue();
 
     RVLSendDataQueue(const RVLSendDataQueue&) = delete;
@@ -42,6 +43,8 @@ private:
     const std::shared_ptr<RVLLastSuccessfulEventUploadDateModifier> userDefaultsManager_;
     const std::shared_ptr<RVLReachabilityType> reachabilityManager_;
     const std::shared_ptr<RVLDateSource> dateSource_;
+    const double uploadInterval_;
+    const double minimumTransferInterval_;
     // Triggers arrive on the main run loop and on the reachability handler's queue.
     std::mutex mutex_;
     Date lastDataTransferInitiationDate_ = Date::distantPast();

@@ -129,6 +129,18 @@ TEST_F(TrackingEndToEnd, EveryStayOfATripIsSleptInAndLeavingWakesTheSdkThroughTh
     EXPECT_LT(gps, 0.7 * run.report.energy.alwaysOnBaselineSeconds);
 }
 
+// An integration build keeps its short stays but talks to the service it is given, here the
+// simulation's own, rather than to whatever listens on localhost:8080.
+TEST_F(TrackingEndToEnd, AnIntegrationBuildSleepsAfterFifteenSecondsAndUploadsToItsOwnService) {
+    SimulationOptions integration;
+    integration.integrationBuild = true;
+    const Replay run = replay(Trip().stay(3).go(800, 80, walking).stay(3).input(), integration);
+    // Three minutes at each end: a production build, with its ten minutes, would not sleep.
+    EXPECT_GE(run.eventsOf("PreSleep").size(), 2u);
+    EXPECT_GT(run.report.delivery.accepted, 0);
+    EXPECT_EQ(run.report.delivery.leftInStore, 0);
+}
+
 TEST_F(TrackingEndToEnd, LeavingWakesTheSdkOnTheCentreExitOrOnASignificantChangeWhenThatComesFirst) {
     // The centre region alone: walking away, it reports the exit long before 500 m are covered.
     SimulationOptions centreOnly;

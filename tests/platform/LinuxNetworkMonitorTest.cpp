@@ -47,6 +47,51 @@ TEST(LinuxNetworkRoutes, DefaultRoutesAreReadFromProcText) {
     EXPECT_EQ(linuxnet::parseProcNetIpv6Route(v6), (std::vector<DefaultRoute>{{"eth0", 0x400}, {"wwan0", 100}}));
 }
 
+// Cellular links that carry no WWAN device type: PPP, modems on cdc_ncm (told from USB
+// Ethernet adapters by their control port), and what the user marks.
+TEST(LinuxNetworkRoutes, PppModemsAndMarkedInterfacesAreCellular) {
+    test::TempDir sys;
+    test::TempDir udev;
+    const auto addInterface = [&](const std::string& name, const std::string& type, const std::string& index) {
+        std::filesystem::create_directories(sys / name);
+        test::writeFile(sys / name / "flags", "0x1091\n");
+        test::writeFile(sys / name / "operstate", "unknown\n");
+        test::writeFile(sys / name / "carrier", "1\n");
+        test::writeFile(sys / name / "type", type + "\n");
+        test::writeFile(sys / name / "ifindex", index + "\n");
+    };
+    // A USB device (its interfaces side by side) whose network interface cdc_ncm drives.
+    const auto addNcmInterface = [&](const std::string& name, const std::string& controlPort) {
+        addInterface(name, "1", "9");
+        const auto usbDevice = sys / ("usb-" + name);
+        std::filesystem::create_directories(usbDevice / "1-1:1.0");
+        std::filesystem::create_directories(sys / "drivers" / "cdc_ncm");
+        std::filesystem::create_directory_symlink(sys / "drivers" / "cdc_ncm", usbDevice / "1-1:1.0" / "driver");
+        std::filesystem::create_directory_symlink(usbDevice / "1-1:1.0", sys / name / "device");
+        if (!controlPort.empty()) std::filesystem::create_directories(usbDevice / "1-1:1.2" / controlPort);
+    };
+    addInterface("ppp0", "512", "5");
+    addInterface("usb0", "1", "6");
+    addInterface("eth7", "1", "7");
+    addInterface("tun3", "65534", "8");
+    addNcmInterface("enx1", "usbmisc");
+    addNcmInterface("enx2", "tty");
+    addNcmInterface("enx3", "");
+    test::writeFile(udev / "n7", "I:123\nE:ID_NET_NAME=eth7\nE:ROVALIS_CELLULAR=1\n");
+
+    const linuxnet::CellularMarks marks{{"usb*", "tun9"}, udev.path()};
+    const auto kindOf = [&](const std::string& name) { return linuxnet::interfaceState(sys.path(), name, marks).kind; };
+    EXPECT_EQ(kindOf("ppp0"), InterfaceKind::wwan);
+    EXPECT_EQ(kindOf("usb0"), InterfaceKind::wwan) << "named by a pattern of the setting";
+    EXPECT_EQ(kindOf("eth7"), InterfaceKind::wwan) << "marked by udev";
+    EXPECT_EQ(kindOf("tun3"), InterfaceKind::other);
+    EXPECT_EQ(kindOf("enx1"), InterfaceKind::wwan) << "an MBIM modem's data interface";
+    EXPECT_EQ(kindOf("enx2"), InterfaceKind::wwan) << "an NCM modem with an AT port";
+    EXPECT_EQ(kindOf("enx3"), InterfaceKind::other) << "a USB Ethernet adapter";
+    EXPECT_EQ(linuxnet::interfaceState(sys.path(), "usb0").kind, InterfaceKind::other) << "unmarked";
+    EXPECT_TRUE(linuxnet::interfaceState(sys.path(), "ppp0").upAndRunning);
+}
+
 TEST(LinuxNetworkRoutes, InterfaceKindAndStateComeFromSysfs) {
     const struct {
         std::string name, flags, uevent, operstate, carrier;

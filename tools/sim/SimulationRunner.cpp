@@ -211,7 +211,9 @@ struct SimulationRunner::Run {
         configuration.host = hostInfo;
         configuration.dataRoot = dataRoot->root();
         configuration.platform = processPlatform;
-        configuration.productionBaseURL = serviceURL;
+        // The simulated app talks to the simulation's service in every build, an integration
+        // build too: that build's own default is whatever listens on localhost:8080.
+        configuration.serviceBaseURL = serviceURL;
         configuration.isIntegration = options.integrationBuild;
         configuration.sleepRegions = options.sleepRegions;
         configuration.transferLimits = options.transferLimits;

@@ -74,6 +74,10 @@ public:
     virtual void stopRangingBeacons(const BeaconIdentityConstraint& /*constraint*/) {}
 
     virtual AuthorizationStatus authorizationStatus() const = 0;
+    // Whether the platform knows the permission and the location services' state yet. One
+    // that learns them only after starting (on Linux, once gpsd first answers) says false
+    // until then and reports an authorization change when they become known.
+    virtual bool authorizationKnown() const { return true; }
     virtual AccuracyAuthorization accuracyAuthorization() const = 0;
     virtual bool locationServicesEnabled() const = 0;
 };

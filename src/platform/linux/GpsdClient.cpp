@@ -256,8 +256,7 @@ void GpsdClient::serve(int socket) {
     lastReported_ = GpsdStatus{};
     report(GpsdStatus{true, false});
 
-    std::set<std::string> devices;
-    bool answered = false;
+    Session session;
     bool firstRound = true;
     bool sentWatching = false;  // gpsd's default for a new client
     std::string outbox;
@@ -340,7 +339,7 @@ void GpsdClient::serve(int socket) {
                 if (partial.size() > options_.maximumLineBytes) {
                     ++ignoredLines_;
                 } else if (!partial.empty()) {
-                    handleLine(partial, sentWatching, devices, answered);
+                    handleLine(partial, sentWatching, session);
                 }
                 partial.clear();
             }
@@ -348,14 +347,15 @@ void GpsdClient::serve(int socket) {
     }
 }
 
-void GpsdClient::handleLine(std::string_view line, bool watching, std::set<std::string>& devices, bool& answered) {
+void GpsdClient::handleLine(std::string_view line, bool watching, Session& session) {
     gpsd::Message message = gpsd::parseLine(line, runLoop_->now());
     if (std::holds_alternative<gpsd::Invalid>(message)) {
         ++ignoredLines_;
         return;
     }
-    if (!answered) {
-        answered = true;
+    auto& devices = session.devices;
+    if (!session.answered) {
+        session.answered = true;
         runLoop_->async([self = self_] {
             if (const auto client = self.lock()) client->connectionAnswered();
         });
@@ -372,6 +372,7 @@ void GpsdClient::handleLine(std::string_view line, bool watching, std::set<std::
                 });
             } else if constexpr (std::is_same_v<T, gpsd::DeviceList>) {
                 devices = std::set<std::string>(value.paths.begin(), value.paths.end());
+                session.deviceListKnown = true;
             } else if constexpr (std::is_same_v<T, gpsd::DeviceChange>) {
                 if (value.active) {
                     devices.insert(value.path);
@@ -383,7 +384,7 @@ void GpsdClient::handleLine(std::string_view line, bool watching, std::set<std::
             }
         },
         message);
-    report(GpsdStatus{true, !devices.empty()});
+    report(GpsdStatus{true, !devices.empty(), session.deviceListKnown});
 }
 
 void GpsdClient::report(GpsdStatus status) {

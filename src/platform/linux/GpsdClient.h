@@ -35,10 +35,12 @@ struct GpsdOptions {
 // The delay before the next attempt after one that waited `previous` seconds.
 double nextGpsdRetryDelay(double previous, const GpsdOptions& options);
 
-// Whether gpsd can be reached and knows a device to take fixes from.
+// Whether gpsd can be reached and knows a device to take fixes from. Until gpsd has sent
+// its device list on a connection, hasDevice says nothing yet: deviceListKnown tells.
 struct GpsdStatus {
     bool connected = false;
     bool hasDevice = false;
+    bool deviceListKnown = false;
 
     friend bool operator==(const GpsdStatus&, const GpsdStatus&) = default;
 };
@@ -112,7 +114,12 @@ private:
     bool waitForConnectionRequest();
     int connectSocket();
     void serve(int socket);
-    void handleLine(std::string_view line, bool watching, std::set<std::string>& devices, bool& answered);
+    struct Session {
+        std::set<std::string> devices;
+        bool deviceListKnown = false;
+        bool answered = false;
+    };
+    void handleLine(std::string_view line, bool watching, Session& session);
     void report(GpsdStatus status);
     void wake();
 

@@ -31,6 +31,7 @@ GpsdLocationService::GpsdLocationService(std::shared_ptr<RunLoop> mainRunLoop,
     : runLoop_(std::move(mainRunLoop)), dateSource_(std::move(dateSource)), connection_(std::move(connection)) {
     const GpsdStatus status = connection_->status();
     servicesEnabled_ = status.connected && status.hasDevice;
+    answered_ = servicesEnabled_ || (status.connected && status.deviceListKnown);
 }
 
 std::shared_ptr<LocationManagerType> GpsdLocationService::makeLocationManager() {
@@ -72,8 +73,11 @@ void GpsdLocationService::updateWatching() {
 
 void GpsdLocationService::gpsdStatusDidChange(const GpsdStatus& status) {
     const bool enabled = status.connected && status.hasDevice;
-    if (enabled == servicesEnabled_) return;
+    // Once gpsd has answered, a lost connection is a real "off", not "not known yet".
+    const bool answered = answered_ || enabled || (status.connected && status.deviceListKnown);
+    if (enabled == servicesEnabled_ && answered == answered_) return;
     servicesEnabled_ = enabled;
+    answered_ = answered;
     for (const auto& manager : liveManagers()) {
         if (const auto delegate = manager->delegate_.lock()) delegate->locationManagerDidChangeAuthorization(*manager);
     }

@@ -24,9 +24,11 @@ class GpsdLocationManager;
 // significant changes, gpsd is told to stop watching so that receivers may power down.
 //
 // Location services count as enabled while gpsd is reachable and knows a device. Linux
-// has no per-application location permission: authorization is always "always" with
-// full accuracy, and every change of the enabled state is reported to every manager's
-// delegate as an authorization change.
+// has no per-application location permission: authorization is "always" with full
+// accuracy once gpsd has first sent its device list (or named a device). Until then (gpsd not started yet,
+// or slow to answer) nothing is known: authorization is "not determined" and
+// authorizationKnown() is false. The first answer and every later change of the enabled
+// state are reported to every manager's delegate as an authorization change.
 //
 // Lives on the main run loop: every report and every delegate call happens there.
 class GpsdLocationService final : public GpsdConnectionDelegate,
@@ -47,6 +49,8 @@ public:
     std::shared_ptr<LocationManagerType> makeLocationManager();
 
     bool locationServicesEnabled() const { return servicesEnabled_; }
+    // Whether gpsd has answered with its device list since the service began.
+    bool hasAnswered() const { return answered_; }
     // Whether gpsd has been asked to stream reports.
     bool isWatching() const { return watching_; }
     const std::shared_ptr<GpsdConnection>& connection() const { return connection_; }
@@ -77,6 +81,7 @@ private:
     // Monitored regions are the process's, shared by every manager.
     RegionMonitor regions_;
     bool servicesEnabled_ = false;
+    bool answered_ = false;
     bool watching_ = false;
     std::atomic<bool> demandCheckPending_{false};
 };
@@ -116,7 +121,10 @@ public:
     void startMonitoring(const CircularRegion& region) override;
     void stopMonitoring(const CircularRegion& region) override;
 
-    AuthorizationStatus authorizationStatus() const override { return AuthorizationStatus::authorizedAlways; }
+    AuthorizationStatus authorizationStatus() const override {
+        return service_->hasAnswered() ? AuthorizationStatus::authorizedAlways : AuthorizationStatus::notDetermined;
+    }
+    bool authorizationKnown() const override { return service_->hasAnswered(); }
     AccuracyAuthorization accuracyAuthorization() const override { return AccuracyAuthorization::fullAccuracy; }
     bool locationServicesEnabled() const override { return service_->locationServicesEnabled(); }
 

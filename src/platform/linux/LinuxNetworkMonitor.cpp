@@ -93,7 +93,46 @@ bool isWwanDriver(std::string_view driver) {
     return std::find(std::begin(drivers), std::end(drivers), driver) != std::end(drivers);
 }
 
+// ARPHRD_PPP in /sys/class/net/<if>/type.
+constexpr unsigned long pppLinkType = 512;
+
+// A cdc_ncm interface is a modem's (rather than a USB Ethernet adapter's) when its USB device
+// also offers a control port: a cdc-wdm device (MBIM, QMI) or a serial AT port.
+bool usbDeviceHasModemControlPort(const std::filesystem::path& interfaceDir) {
+    std::error_code ec;
+    const auto usbDevice = std::filesystem::canonical(interfaceDir / "device", ec).parent_path();
+    if (ec) return false;
+    for (const auto& entry : std::filesystem::directory_iterator(usbDevice, ec)) {
+        std::error_code inner;
+        if (!entry.is_directory(inner)) continue;
+        if (std::filesystem::exists(entry.path() / "usbmisc", inner) ||
+            std::filesystem::exists(entry.path() / "tty", inner)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool markedCellularByUdev(const std::filesystem::path& interfaceDir, const std::filesystem::path& udevData) {
+    const std::string index = trimmed(readSmallFile(interfaceDir / "ifindex"));
+    if (index.empty() || udevData.empty()) return false;
+    bool marked = false;
+    forEachLine(readSmallFile(udevData / ("n" + index)), [&](std::string_view line) {
+        if (line == "E:ROVALIS_CELLULAR=1") marked = true;
+    });
+    return marked;
+}
+
 }  // namespace
+
+bool matchesInterfaceName(const std::vector<std::string>& patterns, std::string_view name) {
+    return std::any_of(patterns.begin(), patterns.end(), [name](const std::string& pattern) {
+        if (!pattern.empty() && pattern.back() == '*') {
+            return name.starts_with(std::string_view(pattern).substr(0, pattern.size() - 1));
+        }
+        return name == pattern;
+    });
+}
 
 std::vector<DefaultRoute> parseProcNetRoute(std::string_view text) {
     std::vector<DefaultRoute> routes;
@@ -135,7 +174,8 @@ std::vector<DefaultRoute> parseProcNetIpv6Route(std::string_view text) {
     return routes;
 }
 
-InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const std::string& name) {
+InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const std::string& name,
+                              const CellularMarks& marks) {
     InterfaceState state;
     // A name that could step out of the directory is no interface.
     if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) return state;
@@ -167,7 +207,10 @@ InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const st
         if (line == "DEVTYPE=wlan") wlanType = true;
     });
     const std::string driver = std::filesystem::read_symlink(dir / "device" / "driver", ec).filename().string();
-    if (wwanType || name.starts_with("wwan") || (!ec && isWwanDriver(driver))) {
+    const bool modemDriver = !ec && (isWwanDriver(driver) || (driver == "cdc_ncm" && usbDeviceHasModemControlPort(dir)));
+    const bool pppLink = decimal(trimmed(readSmallFile(dir / "type"))) == pppLinkType;
+    if (wwanType || name.starts_with("wwan") || modemDriver || pppLink || matchesInterfaceName(marks.names, name) ||
+        markedCellularByUdev(dir, marks.udevData)) {
         state.kind = InterfaceKind::wwan;
     } else if (wlanType || std::filesystem::exists(dir / "wireless", ec) ||
                std::filesystem::exists(dir / "phy80211", ec)) {
@@ -334,6 +377,7 @@ struct LinuxNetworkMonitor::Registry {
     std::mutex mutex;
     std::set<Target*> targets;
     bool watching = false;
+    linuxnet::CellularMarks cellularMarks;  // set once, before any target exists
 };
 
 class LinuxNetworkMonitor::Target final : public NetworkReachabilityTarget {
@@ -348,7 +392,7 @@ public:
     }
 
     std::optional<std::uint32_t> flags() const override {
-        return loopback_ ? linuxnet::loopbackFlags : LinuxNetworkMonitor::currentFlags();
+        return loopback_ ? linuxnet::loopbackFlags : LinuxNetworkMonitor::currentFlags(registry_->cellularMarks);
     }
 
     bool setCallback(std::function<void(std::uint32_t)> callback, Executor* queue) override {
@@ -377,15 +421,17 @@ private:
     Executor* queue_ = nullptr;
 };
 
-std::uint32_t LinuxNetworkMonitor::currentFlags() {
+std::uint32_t LinuxNetworkMonitor::currentFlags(const linuxnet::CellularMarks& cellularMarks) {
     auto routes = linuxnet::dumpDefaultRoutes();
     if (!routes) routes = linuxnet::defaultRoutesFromProc();
-    return linuxnet::reachabilityFlagsFor(*routes, [](const std::string& name) {
-        return linuxnet::interfaceState("/sys/class/net", name);
+    return linuxnet::reachabilityFlagsFor(*routes, [&cellularMarks](const std::string& name) {
+        return linuxnet::interfaceState("/sys/class/net", name, cellularMarks);
     });
 }
 
-LinuxNetworkMonitor::LinuxNetworkMonitor() : registry_(std::make_shared<Registry>()) {
+LinuxNetworkMonitor::LinuxNetworkMonitor(linuxnet::CellularMarks cellularMarks)
+    : registry_(std::make_shared<Registry>()) {
+    registry_->cellularMarks = std::move(cellularMarks);
     netlinkSocket_ = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
     if (netlinkSocket_ < 0) return;
     sockaddr_nl address{};
@@ -466,7 +512,7 @@ void LinuxNetworkMonitor::watch() {
 }
 
 void LinuxNetworkMonitor::notifyTargets() {
-    const std::uint32_t flags = currentFlags();
+    const std::uint32_t flags = currentFlags(registry_->cellularMarks);
     std::lock_guard lock(registry_->mutex);
     for (Target* target : registry_->targets) target->deliverLocked(flags);
 }

@@ -37,9 +37,24 @@ std::vector<DefaultRoute> parseProcNetRoute(std::string_view text);
 // Default routes in the text of /proc/net/ipv6_route.
 std::vector<DefaultRoute> parseProcNetIpv6Route(std::string_view text);
 
+// What marks an interface as cellular beyond what the kernel says of it: the host's list of
+// names (exact, or a prefix followed by '*'), and the udev property ROVALIS_CELLULAR=1 in
+// the interface's record under udevData (normally /run/udev/data, file n<ifindex>).
+struct CellularMarks {
+    std::vector<std::string> names;
+    std::filesystem::path udevData = "/run/udev/data";
+};
+
+// Whether the name is one of the marked names.
+bool matchesInterfaceName(const std::vector<std::string>& patterns, std::string_view name);
+
 // The state of one interface as sysfs describes it under sysClassNet (normally
-// /sys/class/net). An interface that is not there is down.
-InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const std::string& name);
+// /sys/class/net). An interface that is not there is down. Cellular are: WWAN devices
+// (DEVTYPE=wwan, names wwan*), interfaces of modem drivers (qmi_wwan, cdc_mbim and the like),
+// PPP links, cdc_ncm interfaces of a USB device that also has a modem control port
+// (cdc-wdm or a tty, as ModemManager drives them), and what the marks name.
+InterfaceState interfaceState(const std::filesystem::path& sysClassNet, const std::string& name,
+                              const CellularMarks& marks = {});
 
 // The flags of "any network": reachable when the preferred (lowest-metric) default route
 // through an interface that is up and running exists, with the WWAN bit when that interface
@@ -66,7 +81,7 @@ std::optional<std::vector<DefaultRoute>> dumpDefaultRoutes();
 // a callback. Flags are read afresh from the routing table and sysfs on every request.
 class LinuxNetworkMonitor final : public NetworkMonitor {
 public:
-    LinuxNetworkMonitor();
+    explicit LinuxNetworkMonitor(linuxnet::CellularMarks cellularMarks = {});
     // Stops and joins the watching thread. Targets may outlive the monitor; they then no
     // longer report changes.
     ~LinuxNetworkMonitor() override;
@@ -82,7 +97,7 @@ public:
     std::unique_ptr<NetworkReachabilityTarget> reachabilityForZeroAddress() override;
 
     // The current flags of "any network".
-    static std::uint32_t currentFlags();
+    static std::uint32_t currentFlags(const linuxnet::CellularMarks& cellularMarks);
 
 private:
     class Target;

@@ -28,20 +28,23 @@ std::string kernelRelease() {
 }  // namespace
 
 Platform makeLinuxPlatform(const DataRoot& root, std::shared_ptr<RVLDateSource> dateSource,
-                           std::shared_ptr<RunLoop> mainRunLoop) {
+                           std::shared_ptr<RunLoop> mainRunLoop, const LinuxPlatformSettings& settings) {
     Platform platform;
     platform.dateSource = dateSource ? std::move(dateSource) : std::make_shared<SystemDateSource>();
     platform.mainRunLoop = mainRunLoop ? std::move(mainRunLoop) : std::make_shared<ThreadRunLoop>(platform.dateSource);
     platform.keyValueStore = std::make_shared<SqliteKeyValueStore>(root.root() / "Preferences.sqlite");
     platform.keychain = std::make_shared<FileKeychain>(root.privateDirectory("Keychain"));
-    platform.network = std::make_shared<LinuxNetworkMonitor>();
+    platform.network = std::make_shared<LinuxNetworkMonitor>(linuxnet::CellularMarks{settings.cellularInterfaces});
     platform.backgroundTasks = std::make_shared<LinuxBackgroundTasks>();
     platform.notificationCenter = NotificationCenter::defaultCenter();
-    platform.makeLocationManager = makeGpsdLocationManagerFactory(platform.mainRunLoop, platform.dateSource);
+    GpsdOptions gpsd;
+    gpsd.host = settings.gpsdHost;
+    gpsd.port = settings.gpsdPort;
+    platform.makeLocationManager = makeGpsdLocationManagerFactory(platform.mainRunLoop, platform.dateSource, gpsd);
     platform.makeMotionManager = [] { return std::make_shared<LinuxMotionManager>(); };
     platform.makeMotionActivityManager = [] { return std::make_shared<LinuxMotionActivityManager>(); };
     platform.makeBluetoothScanner = [] { return std::make_shared<LinuxBluetoothScanner>(); };
-    platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(LinuxDeviceInfo::defaultPowerSupplyRoot,
+    platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(settings.powerSupplyRoot,
                                                             platform.mainRunLoop, platform.notificationCenter);
     platform.systemState = std::make_shared<LinuxSystemState>();
     platform.systemVersion = kernelRelease();
