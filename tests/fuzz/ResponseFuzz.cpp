@@ -1,9 +1,9 @@
 // The upload client's reading of a service's answer: a status code and a body exactly as the
 // transfer hands them over, turned into the message or the error the host sees. Any service
-// (or anything posing as one) can answer anything.
+// (or anything posing as one) can answer anything. The headers of an answer are not read.
 //
-// Input: two bytes of status (taken modulo 600), a byte whose low bit says whether the
-// transfer itself failed, then the body.
+// Input: two bytes of status (modulo 1000: libcurl reads three digits), a byte whose low bit
+// says whether the transfer itself failed, then the body.
 
 #include <cstddef>
 #include <cstdint>
@@ -35,7 +35,7 @@ bool isValidUtf8(const std::string& text) { return dumpsAsUtf8(nlohmann::json(te
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 3) return 0;
-    const long status = (data[0] << 8 | data[1]) % 600;
+    const long status = (data[0] << 8 | data[1]) % 1000;
     const bool transportFailed = (data[2] & 1) != 0;
     const std::string body(rovalis::fuzz::asText(data + 3, size - 3));
 
