@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <stdexcept>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -84,7 +85,10 @@ nlohmann::json encode(const JournaledTask& task) {
 // Throws nlohmann's exceptions on entries of the wrong shape.
 JournaledTask decode(const nlohmann::json& entry) {
     JournaledTask task;
-    task.taskIdentifier = entry.at("taskIdentifier").get<std::uint64_t>();
+    // Only what store() writes: converting another number (1e30, -1) would be undefined or wrap.
+    const auto& identifier = entry.at("taskIdentifier");
+    if (!identifier.is_number_unsigned()) throw std::invalid_argument("taskIdentifier");
+    task.taskIdentifier = identifier.get<std::uint64_t>();
     task.request.url = entry.at("url").get<std::string>();
     task.request.httpMethod = entry.at("httpMethod").get<std::string>();
     for (const auto& header : entry.at("headers")) {
@@ -131,7 +135,7 @@ std::vector<JournaledTask> BackgroundTaskJournal::load() const {
     if (!in.good() && !in.eof()) return dropFile("it could not be read");
     const nlohmann::json document = nlohmann::json::parse(text, nullptr, false);
     if (document.is_discarded() || !document.is_object() || !document.contains("tasks") ||
-        !document["tasks"].is_array() || document.value("version", 0) != kJournalVersion) {
+        !document["tasks"].is_array() || document.value("version", nlohmann::json()) != kJournalVersion) {
         return dropFile("it is not a journal");
     }
     std::vector<JournaledTask> tasks;

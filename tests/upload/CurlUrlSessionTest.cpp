@@ -410,6 +410,26 @@ TEST_F(CurlUrlSessionTest, DamagedJournalsAndMissingBodyFilesDoNotBlockTheSessio
         << "a new task reuses a restored task's identifier";
 }
 
+// Inputs found by fuzzing: numbers that no journal holds, and a version of another type.
+TEST(BackgroundTaskJournal, ValuesOutOfRangeDropTheirEntryAndAVersionOfAnotherTypeTheFile) {
+    test::TempDir dir;
+    test::ConsoleCapture console;
+    const BackgroundTaskJournal journal(dir.path(), "damaged");
+    const std::string task = R"("url":"u","httpMethod":"POST","headers":[],"properties":{},"bodyFile":"/b","created":1.0})";
+    for (const char* identifier : {"1e30", "-1", "2.5"}) {
+        test::writeFile(journal.file(), std::string(R"({"version":1,"tasks":[{"taskIdentifier":)") + identifier + "," +
+                                            task + R"(,{"taskIdentifier":9,)" + task + "]}");
+        const auto tasks = journal.load();
+        ASSERT_EQ(tasks.size(), 1u) << identifier;
+        EXPECT_EQ(tasks[0].taskIdentifier, 9u);
+    }
+    for (const char* version : {R"("1")", "1e30", "null"}) {
+        test::writeFile(journal.file(), std::string(R"({"version":)") + version + R"(,"tasks":[]})");
+        EXPECT_TRUE(journal.load().empty()) << version;
+        EXPECT_FALSE(std::filesystem::exists(journal.file())) << version;
+    }
+}
+
 TEST_F(CurlUrlSessionTest, InvalidateAndCancelEndsEverythingThenRefusesTasks) {
     RawServer hung(RawServer::hang);
     hung.listen();

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <sstream>
 
@@ -359,14 +360,23 @@ std::optional<std::vector<DefaultRoute>> dumpDefaultRoutes() {
         const ssize_t received = ::recv(socket.get(), buffer, sizeof(buffer), 0);
         if (received < 0 && errno == EINTR) continue;
         if (received <= 0) return std::nullopt;
-        int length = static_cast<int>(received);
-        for (auto* message = reinterpret_cast<const nlmsghdr*>(buffer); messageFits(message, length);
-             message = NLMSG_NEXT(message, length)) {
-            if (message->nlmsg_type == NLMSG_DONE) return routes;
-            if (message->nlmsg_type == NLMSG_ERROR) return std::nullopt;
-            if (message->nlmsg_type == RTM_NEWROUTE) collectDefaultRoutes(message, routes);
+        switch (readRouteDump(buffer, static_cast<std::size_t>(received), routes)) {
+            case RouteDumpProgress::done: return routes;
+            case RouteDumpProgress::failed: return std::nullopt;
+            case RouteDumpProgress::more: break;
         }
     }
+}
+
+RouteDumpProgress readRouteDump(const void* buffer, std::size_t size, std::vector<DefaultRoute>& routes) {
+    int length = static_cast<int>(std::min<std::size_t>(size, std::numeric_limits<int>::max()));
+    for (auto* message = static_cast<const nlmsghdr*>(buffer); messageFits(message, length);
+         message = NLMSG_NEXT(message, length)) {
+        if (message->nlmsg_type == NLMSG_DONE) return RouteDumpProgress::done;
+        if (message->nlmsg_type == NLMSG_ERROR) return RouteDumpProgress::failed;
+        if (message->nlmsg_type == RTM_NEWROUTE) collectDefaultRoutes(message, routes);
+    }
+    return RouteDumpProgress::more;
 }
 
 }  // namespace linuxnet

@@ -74,6 +74,13 @@ bool isLoopbackHost(std::string_view host);
 // not available.
 std::optional<std::vector<DefaultRoute>> dumpDefaultRoutes();
 
+// Where a route dump stands after one buffer of the kernel's answer.
+enum class RouteDumpProgress { more, done, failed };
+
+// Adds the default routes of the RTM_NEWROUTE messages in one buffer received from the kernel
+// (aligned as a netlink message header) and says whether the dump ended or failed there.
+RouteDumpProgress readRouteDump(const void* buffer, std::size_t size, std::vector<DefaultRoute>& routes);
+
 }  // namespace linuxnet
 
 // Reachability on Linux. A thread of its own watches the kernel's link, address and route
