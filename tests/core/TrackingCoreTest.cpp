@@ -104,6 +104,20 @@ protected:
         settle();
     }
 
+    // Tracks for 20 s against `service`, then switches off with the service holding the
+    // switch-off's first upload unanswered; false when that upload never came.
+    bool switchOffWithItsUploadHeld(HeldService& service) {
+        serviceURL = service.baseURL();
+        relaunch();
+        sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
+        sdk->start();
+        device.runUntil(device.now().addingSeconds(20));
+        const std::size_t requests = service.requests();
+        service.hold();
+        sdk->stop();
+        return service.waitForRequests(requests + 1);
+    }
+
     void relaunch(const std::string& build = "40") {
         settle();
         sdk.reset();
@@ -417,15 +431,7 @@ TEST_F(TrackingCore, EveryStoredWaypointTheSleepBurstsIncludedIsOneTheHostHearsO
 
 TEST_F(TrackingCore, TrackingSwitchedOnAgainWhileTheSwitchOffUploadsRunKeepsItsTrackersRunning) {
     HeldService service;
-    serviceURL = service.baseURL();
-    relaunch();
-    sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
-    sdk->start();
-    device.runUntil(device.now().addingSeconds(20));
-    const std::size_t requests = service.requests();
-    service.hold();
-    sdk->stop();
-    ASSERT_TRUE(service.waitForRequests(requests + 1));
+    ASSERT_TRUE(switchOffWithItsUploadHeld(service));
     sdk->start();  // before the switch-off's uploads have ended
     service.release();
     device.runUntil(device.now().addingSeconds(30));
@@ -472,15 +478,7 @@ TEST_F(TrackingCore, WhileTrackingIsOffLifecycleNotificationsAreRecordedUntilThe
     // The debug record is kept while the debug events are still on: after a switch-off,
     // until its uploads have ended.
     HeldService service;
-    serviceURL = service.baseURL();
-    relaunch();
-    sdk->setUserToken(tokenFor("0f8fad5b-d9cb-469f-a165-70867728950e"));
-    sdk->start();
-    device.runUntil(device.now().addingSeconds(20));
-    const std::size_t requests = service.requests();
-    service.hold();
-    sdk->stop();
-    ASSERT_TRUE(service.waitForRequests(requests + 1));
+    ASSERT_TRUE(switchOffWithItsUploadHeld(service));
     for (const char* name : observedNames) platform.notificationCenter->post(name);
     service.release();
     device.runUntil(device.now().addingSeconds(5));
