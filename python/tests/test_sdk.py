@@ -28,7 +28,8 @@ def simulated(tmp_path, trace, service_url="http://127.0.0.1:9/", **overrides):
 def recorded_events(data_root):
     """How many events the SDK ever stored: its row ids are never reused."""
     with sqlite3.connect(data_root / "Store" / "RovalisSDK.sqlite") as store:
-        return store.execute("SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'").fetchone()[0]
+        return store.execute("SELECT max(coalesce((SELECT max(id) FROM EventEntity), 0),"
+                             " (SELECT highest_event_id FROM StoreMetadata))").fetchone()[0]
 
 
 def test_an_hour_on_the_simulated_device_reaches_the_service_once(tmp_path, trace, collector):

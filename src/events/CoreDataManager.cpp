@@ -10,9 +10,11 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <limits>
 
 #include "events/SqliteDatabase.h"
 #include "events/StoreSalvage.h"
+#include "events/StoredPayload.h"
 #include "events/WriteCountingVfs.h"
 #include "rovalis/Console.h"
 #include "rovalis/RunLoop.h"
@@ -23,23 +25,34 @@ namespace rovalis {
 
 namespace {
 
-// 1: the events and the store's identity. 2: adds the pending batch.
-constexpr int schemaVersion = 2;
+// 1: the events and the store's identity. 2: adds the pending batch. 3: rows numbered by the
+// store itself (their highest id kept in StoreMetadata), payloads kept without the ending
+// their columns give back (see StoredPayload.h), and no time index.
+constexpr int schemaVersion = 3;
 
 // Rows named per delete statement. Unused places are bound to NULL, which matches no id,
 // so one prepared statement serves every chunk.
 constexpr int deleteChunkSize = 500;
 
+// Row ids reserved at a time (see reserveIds): about an hour of moving.
+constexpr std::int64_t idReservationStep = 10000;
+
 constexpr const char* eventsSchemaSql =
+    // Ids are handed out by the store, from the highest it knows; not by AUTOINCREMENT, whose
+    // sequence row would add a page to every commit. There is no index on the time: rows
+    // arrive a little out of time order (a group of acceleration samples after the fixes of
+    // the same seconds), which split its pages at every commit and doubled what each insert
+    // writes. The reads that need time order (uploads, a few a day) sort instead.
     "CREATE TABLE EventEntity ("
-    " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " id INTEGER PRIMARY KEY,"
     " type TEXT NOT NULL,"
     " tracked_at_ms REAL NOT NULL,"  // seconds since 1970, like the record's date
     " payload BLOB NOT NULL);"
-    "CREATE INDEX EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);"
     "CREATE TABLE StoreMetadata ("
     " singleton INTEGER PRIMARY KEY CHECK (singleton = 1),"
-    " store_uuid TEXT NOT NULL);";
+    " store_uuid TEXT NOT NULL,"
+    " highest_event_id INTEGER NOT NULL DEFAULT 0,"  // kept by every delete
+    " ids_reserved_through INTEGER NOT NULL DEFAULT 0);";  // see reserveIds
 
 // Version 2.
 constexpr const char* pendingBatchSchemaSql =
@@ -55,19 +68,39 @@ constexpr const char* pendingBatchSchemaSql =
     " closing_payload BLOB);"
     "CREATE TABLE PendingBatchEvent (event_id INTEGER PRIMARY KEY);";
 
-// The columns (name and declared type) each table must have, for a store of each version.
+// Version 3, for a store made before it. Its events table keeps AUTOINCREMENT, which the
+// explicit ids keep up to date; its time index goes.
+constexpr const char* version3SchemaSql =
+    "ALTER TABLE StoreMetadata ADD COLUMN highest_event_id INTEGER NOT NULL DEFAULT 0;"
+    "ALTER TABLE StoreMetadata ADD COLUMN ids_reserved_through INTEGER NOT NULL DEFAULT 0;"
+    "DROP INDEX IF EXISTS EventEntity_tracked_at;";
+
+// The columns (name, declared type, the version that added it) each table must have, for a
+// store of each version.
+struct ColumnShape {
+    std::string_view name;
+    std::string_view type;
+    int sinceVersion = 1;
+};
+
 struct TableShape {
     const char* table;
     int sinceVersion;
-    std::vector<std::pair<std::string_view, std::string_view>> columns;
+    std::vector<ColumnShape> columns;
+    bool optional = false;  // a table that may be missing, but is this shape if there
 };
 
 const std::vector<TableShape>& tableShapes() {
     static const std::vector<TableShape> shapes = {
         {"EventEntity", 1, {{"id", "INTEGER"}, {"type", "TEXT"}, {"tracked_at_ms", "REAL"}, {"payload", "BLOB"}}},
-        {"StoreMetadata", 1, {{"singleton", "INTEGER"}, {"store_uuid", "TEXT"}}},
-        // Made with EventEntity's AUTOINCREMENT, without which a row id could come back.
-        {"sqlite_sequence", 1, {{"name", ""}, {"seq", ""}}},
+        {"StoreMetadata",
+         1,
+         {{"singleton", "INTEGER"},
+          {"store_uuid", "TEXT"},
+          {"highest_event_id", "INTEGER", 3},
+          {"ids_reserved_through", "INTEGER", 3}}},
+        // Made by the AUTOINCREMENT of stores created before version 3.
+        {"sqlite_sequence", 1, {{"name", ""}, {"seq", ""}}, /*optional=*/true},
         {"PendingBatch",
          2,
          {{"singleton", "INTEGER"},
@@ -141,15 +174,21 @@ struct CoreDataManager::CarriedState {
 
 struct CoreDataManager::Statements {
     explicit Statements(sqlite::Database& db)
-        : insert(db, "INSERT INTO EventEntity (type, tracked_at_ms, payload) VALUES (?1, ?2, ?3)"),
+        : insert(db, "INSERT INTO EventEntity (id, type, tracked_at_ms, payload) VALUES (?1, ?2, ?3, ?4)"),
+          keepHighestEventId(db,
+                             "UPDATE StoreMetadata SET highest_event_id = ?1"
+                             " WHERE singleton = 1 AND highest_event_id < ?1"),
+          reserveIds(db, "UPDATE StoreMetadata SET ids_reserved_through = ?1 WHERE singleton = 1"),
+          // The rows come in id order; the caller puts them in time order. Only the keys
+          // (time and id) are sorted, so that the sort stays small and in memory.
           fetchAscending(db,
-                         "SELECT id, type, tracked_at_ms, payload FROM EventEntity"
-                         " WHERE tracked_at_ms > ?1 AND tracked_at_ms <= ?2"
-                         " ORDER BY tracked_at_ms ASC, id ASC LIMIT ?3"),
+                         "SELECT id, type, tracked_at_ms, payload FROM EventEntity WHERE id IN"
+                         " (SELECT id FROM EventEntity WHERE tracked_at_ms > ?1 AND tracked_at_ms <= ?2"
+                         " ORDER BY tracked_at_ms ASC, id ASC LIMIT ?3)"),
           fetchDescending(db,
-                          "SELECT id, type, tracked_at_ms, payload FROM EventEntity"
-                          " WHERE tracked_at_ms > ?1 AND tracked_at_ms <= ?2"
-                          " ORDER BY tracked_at_ms DESC, id DESC LIMIT ?3"),
+                          "SELECT id, type, tracked_at_ms, payload FROM EventEntity WHERE id IN"
+                          " (SELECT id FROM EventEntity WHERE tracked_at_ms > ?1 AND tracked_at_ms <= ?2"
+                          " ORDER BY tracked_at_ms DESC, id DESC LIMIT ?3)"),
           count(db, "SELECT COUNT(*) FROM EventEntity"),
           deleteUpTo(db, "DELETE FROM EventEntity WHERE tracked_at_ms <= ?1"),
           deleteUpToId(db, "DELETE FROM EventEntity WHERE id <= ?1"),
@@ -159,7 +198,14 @@ struct CoreDataManager::Statements {
                            " closing_payload FROM PendingBatch WHERE singleton = 1"),
           fetchPendingEvents(db,
                              "SELECT e.id, e.type, e.tracked_at_ms, e.payload FROM PendingBatchEvent b"
-                             " JOIN EventEntity e ON e.id = b.event_id ORDER BY e.tracked_at_ms ASC, e.id ASC"),
+                             " JOIN EventEntity e ON e.id = b.event_id"),
+          // The next keys of the batch in time order, after the last one read: a batch of
+          // every stored event is read a part at a time, so that memory does not grow with it.
+          nextPendingEventKeys(db,
+                               "SELECT e.tracked_at_ms, e.id FROM PendingBatchEvent b JOIN EventEntity e"
+                               " ON e.id = b.event_id WHERE (e.tracked_at_ms, e.id) > (?1, ?2)"
+                               " ORDER BY e.tracked_at_ms, e.id LIMIT ?3"),
+          fetchEvent(db, "SELECT id, type, tracked_at_ms, payload FROM EventEntity WHERE id = ?1"),
           insertPendingBatch(db,
                              "INSERT INTO PendingBatch (singleton, batch_id, sequential_id, event_count,"
                              " closing_type, closing_tracked_at, closing_payload)"
@@ -180,8 +226,8 @@ struct CoreDataManager::Statements {
           forgetPendingEvents(db, "DELETE FROM PendingBatchEvent"),
           forgetPendingBatch(db, "DELETE FROM PendingBatch") {}
 
-    sqlite::Statement insert, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
-    sqlite::Statement readPendingBatch, fetchPendingEvents, insertPendingBatch, insertPendingEvent,
+    sqlite::Statement insert, keepHighestEventId, reserveIds, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
+    sqlite::Statement readPendingBatch, fetchPendingEvents, nextPendingEventKeys, fetchEvent, insertPendingBatch, insertPendingEvent,
         countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
         anyEventOutsidePendingBatch, deleteAllEvents, forgetPendingEvents, forgetPendingBatch;
 };
@@ -324,7 +370,8 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
         if (db_->queryText("PRAGMA journal_mode") != "wal") db_->exec("PRAGMA journal_mode = WAL");
         if (version < schemaVersion) {
             sqlite::Transaction transaction(*db_);
-            db_->exec(pendingBatchSchemaSql);
+            if (version < 2) db_->exec(pendingBatchSchemaSql);
+            db_->exec(version3SchemaSql);
             db_->exec("PRAGMA user_version = " + std::to_string(schemaVersion));
             transaction.commit();
         }
@@ -341,6 +388,9 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
     // are not written over once more: their bytes stay until the pages are reused, as the
     // journal's older copies of them do anyway.
     db_->exec("PRAGMA secure_delete = FAST");
+    // Sorts (of keys only, see Statements) stay in memory: a temporary file could not be
+    // written on a full disk, when reading and deleting rows must still work.
+    db_->exec("PRAGMA temp_store = MEMORY");
 
     std::string identifier = db_->queryText("SELECT store_uuid FROM StoreMetadata WHERE singleton = 1");
     if (identifier.empty()) {
@@ -355,8 +405,15 @@ void CoreDataManager::openAndPrepare(const CarriedState* carried) {
         if (error.code() != SQLITE_ERROR) throw;
         throw ForeignStore{"a database whose tables the store cannot use (" + std::string(error.what()) + ")"};
     }
-    highestKnownId_ =
-        std::max(highestKnownId_, db_->queryInt64("SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'"));
+    // New rows are numbered after every id handed out: the highest still stored, the highest
+    // kept when rows were deleted, and an older store's AUTOINCREMENT sequence.
+    highestKnownId_ = std::max({highestKnownId_, db_->queryInt64("SELECT max(id) FROM EventEntity"),
+                                db_->queryInt64("SELECT highest_event_id FROM StoreMetadata WHERE singleton = 1")});
+    idsReservedThrough_ = db_->queryInt64("SELECT ids_reserved_through FROM StoreMetadata WHERE singleton = 1");
+    if (db_->queryInt64("SELECT count(*) FROM sqlite_schema WHERE name = 'sqlite_sequence'") > 0) {
+        highestKnownId_ = std::max(highestKnownId_,
+                                   db_->queryInt64("SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'"));
+    }
     // The identity never changes once known: URIs handed out must keep naming their rows.
     if (storeIdentifier_.empty()) {
         storeIdentifier_ = identifier;
@@ -375,17 +432,15 @@ void CoreDataManager::createSchema(const CarriedState* carried) {
     db_->exec(eventsSchemaSql);
     db_->exec(pendingBatchSchemaSql);
     db_->exec("PRAGMA user_version = " + std::to_string(schemaVersion));
+    // New rows are numbered after every id the replaced store handed out.
+    highestKnownId_ = std::max(highestKnownId_, carried ? carried->highestRowId : 0);
     {
-        sqlite::Statement insert(*db_, "INSERT INTO StoreMetadata (singleton, store_uuid) VALUES (1, ?1)");
+        sqlite::Statement insert(*db_,
+                                 "INSERT INTO StoreMetadata (singleton, store_uuid, highest_event_id, ids_reserved_through)"
+                                 " VALUES (1, ?1, ?2, ?2)");
         insert.bindText(1, identifier);
+        insert.bind(2, highestKnownId_);
         insert.run();
-    }
-    const std::int64_t highestRowId = std::max(highestKnownId_, carried ? carried->highestRowId : 0);
-    if (highestRowId > 0) {
-        // New rows are numbered after every id the replaced store handed out.
-        sqlite::Statement sequence(*db_, "INSERT INTO sqlite_sequence (name, seq) VALUES ('EventEntity', ?1)");
-        sequence.bind(1, highestRowId);
-        sequence.run();
     }
     if (carried && carried->pendingBatch) {
         const auto& batch = *carried->pendingBatch;
@@ -425,16 +480,21 @@ void CoreDataManager::checkSchema(std::int64_t version) {
     sqlite::Statement columns(*db_, "SELECT name, type FROM pragma_table_info(?1) ORDER BY cid");
     for (const auto& shape : tableShapes()) {
         if (shape.sinceVersion > version) continue;
+        std::vector<ColumnShape> expected;
+        for (const auto& column : shape.columns) {
+            if (column.sinceVersion <= version) expected.push_back(column);
+        }
         sqlite::StatementReset resetAfter(columns);
         columns.bindText(1, shape.table);
         bool matches = true;
         std::size_t index = 0;
         while (columns.step()) {
-            matches = matches && index < shape.columns.size() && columns.columnText(0) == shape.columns[index].first &&
-                      columns.columnText(1) == shape.columns[index].second;
+            matches = matches && index < expected.size() && columns.columnText(0) == expected[index].name &&
+                      columns.columnText(1) == expected[index].type;
             ++index;
         }
-        if (!matches || index != shape.columns.size()) {
+        if (index == 0 && shape.optional) continue;
+        if (!matches || index != expected.size()) {
             throw ForeignStore{"a database of another kind (its table " + std::string(shape.table) +
                                " is not the store's)"};
         }
@@ -539,19 +599,10 @@ std::string CoreDataManager::carryRows(StoreSalvage& salvage) {
     std::size_t carried = 0;
     std::string stopped;
     try {
-        sqlite::Statement insert(*db_,
-                                 "INSERT INTO EventEntity (id, type, tracked_at_ms, payload) VALUES (?1, ?2, ?3, ?4)");
         for (auto rows = salvage.nextRows(maxRowsPerTransaction); !rows.empty();
              rows = salvage.nextRows(maxRowsPerTransaction)) {
             sqlite::Transaction transaction(*db_);
-            for (const auto& row : rows) {
-                sqlite::StatementReset resetAfter(insert);
-                insert.bind(1, row.id);
-                insert.bindText(2, row.type);
-                insert.bind(3, row.trackedAt);
-                insert.bindBlob(4, row.payload);
-                insert.run();
-            }
+            for (const auto& row : rows) insertRow(row.id, row.type, row.trackedAt, row.payload);
             transaction.commit();
             carried += rows.size();
             highestKnownId_ = std::max(highestKnownId_, rows.back().id);
@@ -731,17 +782,49 @@ bool CoreDataManager::writeRows() {
 // One transaction: the chunk is written whole or not at all.
 void CoreDataManager::writeChunk(std::size_t start, std::size_t count) {
     sqlite::Transaction transaction(*db_);
-    auto& insert = statements_->insert;
+    std::int64_t id = highestKnownId_;
     for (std::size_t i = start; i < start + count; ++i) {
         const auto& row = writing_[i];
-        sqlite::StatementReset resetAfter(insert);
-        insert.bindText(1, row.type);
-        insert.bind(2, row.trackedAt);
-        insert.bindBlob(3, row.payload);
-        insert.run();
+        insertRow(++id, row.type, row.trackedAt, row.payload);
     }
+    const std::int64_t reserved = reserveIds(id);
     transaction.commit();
-    highestKnownId_ = std::max(highestKnownId_, db_->lastInsertRowid());
+    highestKnownId_ = id;
+    idsReservedThrough_ = reserved;
+}
+
+// A store cut short loses the rows at its end, and with them the highest ids it handed out;
+// the store that replaces it numbers its rows after the ids reserved here, so that an id
+// named before the damage never names another row. Ids are reserved in steps, in the
+// transaction of the insert that passes the last reservation: one more page for thousands
+// of rows. Returns what is reserved once the transaction commits.
+std::int64_t CoreDataManager::reserveIds(std::int64_t highestId) {
+    if (highestId <= idsReservedThrough_) return idsReservedThrough_;
+    const std::int64_t reserved = highestId + idReservationStep;
+    auto& reserve = statements_->reserveIds;
+    sqlite::StatementReset resetAfter(reserve);
+    reserve.bind(1, reserved);
+    reserve.run();
+    return reserved;
+}
+
+void CoreDataManager::insertRow(std::int64_t id, std::string_view type, double trackedAt, std::string_view payload) {
+    auto& insert = statements_->insert;
+    sqlite::StatementReset resetAfter(insert);
+    insert.bind(1, id);
+    insert.bindText(2, type);
+    insert.bind(3, trackedAt);
+    insert.bindBlob(4, stored_payload::kept(type, trackedAt, payload, keptScratch_));
+    insert.run();
+}
+
+// In every transaction that deletes rows: the highest id handed out stays known when the
+// rows that had it are gone, so that no id is handed out twice.
+void CoreDataManager::keepHighestEventId() {
+    auto& keep = statements_->keepHighestEventId;
+    sqlite::StatementReset resetAfter(keep);
+    keep.bind(1, highestKnownId_);
+    keep.run();
 }
 
 std::optional<std::int64_t> CoreDataManager::insertAndWait(PendingRow row) {
@@ -756,6 +839,41 @@ std::optional<std::int64_t> CoreDataManager::insertAndWait(PendingRow row) {
 
 // ---- Reading and deleting ----
 
+// Events in time order, and in id order within the same time: the order of a batch.
+struct CoreDataManager::EventKey {
+    double trackedAt;
+    std::int64_t id;
+    auto operator<=>(const EventKey&) const = default;
+};
+
+// events[i] is the event of keys[i].
+std::vector<EventPayload> CoreDataManager::inTimeOrder(std::vector<EventPayload> events,
+                                                       const std::vector<EventKey>& keys, bool ascending) {
+    std::vector<std::size_t> order(events.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return ascending ? keys[a] < keys[b] : keys[b] < keys[a];
+    });
+    std::vector<EventPayload> sorted;
+    sorted.reserve(events.size());
+    for (const std::size_t i : order) sorted.push_back(std::move(events[i]));
+    return sorted;
+}
+
+// The event of a row read as (id, type, tracked_at_ms, payload), into event.
+void CoreDataManager::readStoredEvent(sqlite::Statement& row, EventPayload& event) const {
+    event.type.assign(row.columnText(1));
+    event.trackedAtMs = Date{row.columnDouble(2)};
+    stored_payload::restore(event.type, event.trackedAtMs.secondsSince1970, row.columnBlob(3), event.payload);
+    event.uri = uriRepresentation(row.columnInt64(0));
+}
+
+EventPayload CoreDataManager::storedEvent(sqlite::Statement& row) const {
+    EventPayload event;
+    readStoredEvent(row, event);
+    return event;
+}
+
 std::vector<EventPayload> CoreDataManager::fetch(Date lower, Date upper, bool ascending, std::int64_t limit) {
     return performAndWait([&] {
         saveContext();
@@ -767,12 +885,12 @@ std::vector<EventPayload> CoreDataManager::fetch(Date lower, Date upper, bool as
             fetch.bind(2, upper.secondsSince1970);
             fetch.bind(3, limit > 0 ? limit : std::int64_t{-1});
             if (limit > 0) result.reserve(static_cast<std::size_t>(std::min<std::int64_t>(limit, 20000)));
+            std::vector<EventKey> keys;
             while (fetch.step()) {
-                result.push_back(EventPayload{std::string(fetch.columnText(1)), Date{fetch.columnDouble(2)},
-                                              std::string(fetch.columnBlob(3)),
-                                              uriRepresentation(fetch.columnInt64(0))});
+                keys.push_back({fetch.columnDouble(2), fetch.columnInt64(0)});
+                result.push_back(storedEvent(fetch));
             }
-            return result;
+            return inTimeOrder(std::move(result), keys, ascending);
         });
     });
 }
@@ -794,9 +912,13 @@ long CoreDataManager::deleteUpTo(Date date) {
         const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
             auto& remove = statements_->deleteUpTo;
             sqlite::StatementReset resetAfter(remove);
+            sqlite::Transaction transaction(*db_);
             remove.bind(1, date.secondsSince1970);
             remove.run();
-            return static_cast<long>(db_->changes());
+            const long removed = db_->changes();
+            keepHighestEventId();
+            transaction.commit();
+            return removed;
         });
         if (deleted < 0) return 0L;
         Console::log("Successfully deleted EventEntity objects");
@@ -810,9 +932,13 @@ long CoreDataManager::deleteUpToId(std::int64_t id) {
         const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
             auto& remove = statements_->deleteUpToId;
             sqlite::StatementReset resetAfter(remove);
+            sqlite::Transaction transaction(*db_);
             remove.bind(1, id);
             remove.run();
-            return static_cast<long>(db_->changes());
+            const long removed = db_->changes();
+            keepHighestEventId();
+            transaction.commit();
+            return removed;
         });
         if (deleted < 0) return 0L;
         Console::log("Successfully deleted EventEntity objects");
@@ -835,6 +961,7 @@ long CoreDataManager::deleteObjects(const std::vector<std::int64_t>& ids) {
                 remove.run();
                 removed += db_->changes();
             }
+            keepHighestEventId();
             transaction.commit();
             return removed;
         });
@@ -905,11 +1032,12 @@ std::optional<PendingBatch> CoreDataManager::pendingBatch() {
             auto& fetch = statements_->fetchPendingEvents;
             sqlite::StatementReset resetAfter(fetch);
             batch.events.reserve(static_cast<std::size_t>(std::clamp<std::int64_t>(record->storedEvents, 0, 20000)) + 1);
+            std::vector<EventKey> keys;
             while (fetch.step()) {
-                batch.events.push_back(EventPayload{std::string(fetch.columnText(1)), Date{fetch.columnDouble(2)},
-                                                    std::string(fetch.columnBlob(3)),
-                                                    uriRepresentation(fetch.columnInt64(0))});
+                keys.push_back({fetch.columnDouble(2), fetch.columnInt64(0)});
+                batch.events.push_back(storedEvent(fetch));
             }
+            batch.events = inTimeOrder(std::move(batch.events), keys, true);
             batch.complete = static_cast<std::int64_t>(batch.events.size()) == record->storedEvents;
             if (record->closing) batch.events.push_back(std::move(*record->closing));
             return batch;
@@ -944,18 +1072,32 @@ bool CoreDataManager::forEachPendingBatchEvent(const std::string& batchId,
             if (std::exchange(started, true)) return false;
             auto record = readPendingRecord(statements_->readPendingBatch);
             if (!record || record->batchId != batchId) return false;
-            auto& fetch = statements_->fetchPendingEvents;
-            sqlite::StatementReset resetAfter(fetch);
+            auto& fetch = statements_->fetchEvent;
             EventPayload event;
             std::int64_t handed = 0;
-            while (fetch.step()) {
-                event.type.assign(fetch.columnText(1));
-                event.trackedAtMs = Date{fetch.columnDouble(2)};
-                event.payload.assign(fetch.columnBlob(3));
-                event.uri = uriRepresentation(fetch.columnInt64(0));
-                each(event);
-                ++handed;
-            }
+            std::vector<EventKey> keys;
+            keys.reserve(pendingKeysAtATime);
+            EventKey after{-std::numeric_limits<double>::infinity(), 0};
+            do {
+                keys.clear();
+                auto& next = statements_->nextPendingEventKeys;
+                {
+                    sqlite::StatementReset resetAfter(next);
+                    next.bind(1, after.trackedAt);
+                    next.bind(2, after.id);
+                    next.bind(3, static_cast<std::int64_t>(pendingKeysAtATime));
+                    while (next.step()) keys.push_back({next.columnDouble(0), next.columnInt64(1)});
+                }
+                for (const auto& key : keys) {
+                    sqlite::StatementReset resetAfter(fetch);
+                    fetch.bind(1, key.id);
+                    if (!fetch.step()) continue;
+                    readStoredEvent(fetch, event);
+                    each(event);
+                    ++handed;
+                }
+                if (!keys.empty()) after = keys.back();
+            } while (keys.size() == pendingKeysAtATime);
             // One that lost events is never sent as if it were whole.
             if (handed != record->storedEvents) return false;
             if (record->closing) each(*record->closing);
@@ -991,7 +1133,8 @@ std::optional<PendingBatchOutline> CoreDataManager::recordPendingBatchOfAllEvent
                         digest.newestTrackedAt = Date{describe.columnDouble(1)};
                     }
                     if (type == ToggleTracking::typeName) {
-                        digest.toggleTrackingPayloads.emplace_back(describe.columnBlob(2));
+                        digest.toggleTrackingPayloads.push_back(
+                            stored_payload::restored(type, describe.columnDouble(1), describe.columnBlob(2)));
                     }
                 }
             }
@@ -1051,6 +1194,7 @@ std::optional<long> CoreDataManager::deleteAcceptedBatch(const std::string& batc
                 sqlite::StatementReset resetAfter(*statement);
                 statement->run();
             }
+            keepHighestEventId();
             transaction.commit();
             return removed;
         });

@@ -83,9 +83,13 @@ public:
     // written, and a chunk that fails never holds back what came before it.
     static constexpr std::size_t maxRowsPerTransaction = 4096;
     // The page size of a new store. Most commits add a row or two (a fix a second), and each
-    // writes the pages it changes whole: the last page of the table, of its index and of the
-    // id sequence. Small pages keep that close to what the rows need.
+    // writes the pages it changes whole: the last page of the table. Small pages keep that
+    // close to what the rows need.
     static constexpr int pageSize = 1024;
+    // Keys of a pending batch read at a time when it is streamed (1.6 MB of them): a batch of
+    // every stored event is read a part at a time, so that memory does not grow with it; a
+    // million events take a dozen passes over its members.
+    static constexpr std::size_t pendingKeysAtATime = 100000;
     // The journal is copied into the store file whenever it holds this much.
     static constexpr std::int64_t journalBytesBetweenCheckpoints = 4 * 1024 * 1024;
 
@@ -174,6 +178,14 @@ private:
     bool saveWaiting();
     bool writeRows();
     void writeChunk(std::size_t start, std::size_t count);
+    void insertRow(std::int64_t id, std::string_view type, double trackedAt, std::string_view payload);
+    void keepHighestEventId();
+    std::int64_t reserveIds(std::int64_t highestId);
+    void readStoredEvent(sqlite::Statement& row, EventPayload& event) const;
+    struct EventKey;
+    static std::vector<EventPayload> inTimeOrder(std::vector<EventPayload> events, const std::vector<EventKey>& keys,
+                                                 bool ascending);
+    EventPayload storedEvent(sqlite::Statement& row) const;
     template <typename Fn>
     auto performAndWait(Fn&& fn);
 
@@ -192,9 +204,11 @@ private:
     // capped only then, and the console line that drops rows says why.
     std::string unwritableReason_;
     std::size_t chunkRows_ = maxRowsPerTransaction;  // halved on a full disk
-    // The highest row id handed out so far, which a new store replacing a damaged one
-    // numbers its rows after.
+    // The highest row id handed out so far: new rows are numbered after it, in this store
+    // and in a new store replacing a damaged one.
     std::int64_t highestKnownId_ = 0;
+    std::int64_t idsReservedThrough_ = 0;  // as the store file says
+    std::string keptScratch_;  // the payload ending each insert compares
 
     const CommitDelay commitDelay_;
     // Reached by the commit timer's callback, which may outlive this manager.

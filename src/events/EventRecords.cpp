@@ -235,6 +235,12 @@ Date trackedAtOf(const EventRecord& record) {
     return std::visit([](const auto& r) { return r.trackedAtMs; }, record);
 }
 
+bool isEventTypeName(std::string_view name) {
+    return [name]<std::size_t... kind>(std::index_sequence<kind...>) {
+        return ((std::variant_alternative_t<kind, EventRecord>::typeName == name) || ...);
+    }(std::make_index_sequence<std::variant_size_v<EventRecord>>{});
+}
+
 // ---- Raw texts ----
 
 std::string_view rawText(PreSleep::Reason reason) {

@@ -255,6 +255,9 @@ using EventRecord = std::variant<Waypoint, SignificantLocation, PreSleep, PreWak
 std::string_view typeOf(const EventRecord& record);
 Date trackedAtOf(const EventRecord& record);
 
+// Whether name is the "type" of one of the records above.
+bool isEventTypeName(std::string_view name);
+
 // Raw texts of the enumerations, as written in the JSON.
 std::string_view rawText(PreSleep::Reason);
 std::string_view rawText(PreWakeUp::Reason);

@@ -6,7 +6,9 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "events/EventRecords.h"
 #include "events/SqliteDatabase.h"
+#include "events/StoredPayload.h"
 #include "rovalis/Uuid.h"
 
 namespace rovalis {
@@ -136,8 +138,9 @@ std::optional<SalvagedRow> eventAt(sqlite::Statement& statement, int firstColumn
     if ((time != SQLITE_FLOAT && time != SQLITE_INTEGER) || (payload != SQLITE_BLOB && payload != SQLITE_TEXT)) {
         return std::nullopt;
     }
-    return SalvagedRow{0, std::string(statement.columnText(firstColumn)), statement.columnDouble(firstColumn + 1),
-                       std::string(statement.columnBlob(firstColumn + 2))};
+    SalvagedRow row{0, std::string(statement.columnText(firstColumn)), statement.columnDouble(firstColumn + 1), {}};
+    stored_payload::restore(row.type, row.trackedAt, statement.columnBlob(firstColumn + 2), row.payload);
+    return row;
 }
 
 }  // namespace
@@ -177,6 +180,8 @@ std::int64_t StoreSalvage::highestRowId() {
     if (!db_) return 0;
     std::int64_t highest = 0;
     for (const char* sql : {"SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'",
+                            "SELECT highest_event_id FROM StoreMetadata WHERE singleton = 1",
+                            "SELECT ids_reserved_through FROM StoreMetadata WHERE singleton = 1",
                             "SELECT max(id) FROM EventEntity"}) {
         try {
             highest = std::max(highest, db_->queryInt64(sql));
@@ -237,7 +242,9 @@ std::size_t StoreSalvage::skippedRows() const {
 std::size_t StoreSalvage::damagedRegions() const { return events_ ? events_->damagedRegions() : 0; }
 
 bool StoreSalvage::isPlausibleEvent(const SalvagedRow& row) {
-    if (!std::isfinite(row.trackedAt) || row.type.empty()) return false;
+    // A row kept without its type at the end of its JSON takes it from its type column, so
+    // that column must name a kind of event.
+    if (!std::isfinite(row.trackedAt) || !isEventTypeName(row.type)) return false;
     // The parser refuses ill-formed UTF-8, so a payload it accepts can be sent as text.
     const auto json = nlohmann::json::parse(row.payload, nullptr, /*allow_exceptions=*/false);
     if (!json.is_object()) return false;

@@ -47,7 +47,8 @@ public:
     StoreSalvage& operator=(const StoreSalvage&) = delete;
 
     std::optional<std::string> storeIdentifier();
-    // The highest row id the store handed out, as far as can be read (0 when nothing can).
+    // The highest row id the store may have handed out, as far as can be read (0 when
+    // nothing can): at least the highest of its rows, and the ids it had reserved.
     std::int64_t highestRowId();
     std::optional<SalvagedBatch> pendingBatch();
     // The next plausible rows in id order, at most max of them; empty once none is left.

@@ -9,6 +9,7 @@
 #include "core/RVLGeneralLocationManager.h"
 #include "core/UserDefaultsManager.h"
 #include "events/SqliteDatabase.h"
+#include "events/StoredPayload.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/sim/SimulatedDevice.h"
 #include "rovalis/Exceptions.h"
@@ -355,9 +356,12 @@ TEST_F(TrackingCore, BackgroundAndTerminateNotificationsCommitWhatIsQueuedWithou
     // What another connection sees in the store file: the committed Debug comments.
     const auto committedDebugTexts = [&] {
         sqlite::Database db(sdk->eventRepository()->coreDataManager().path().string(), sqlite::Database::Mode::readOnly);
-        sqlite::Statement debug(db, "SELECT payload FROM EventEntity WHERE type = 'Debug'");
+        sqlite::Statement debug(db, "SELECT tracked_at_ms, payload FROM EventEntity WHERE type = 'Debug'");
         std::vector<std::string> texts;
-        while (debug.step()) texts.push_back(json::parse(debug.columnBlob(0))["comment"].get<std::string>());
+        while (debug.step()) {
+            const auto payload = stored_payload::restored("Debug", debug.columnDouble(0), debug.columnBlob(1));
+            texts.push_back(json::parse(payload)["comment"].get<std::string>());
+        }
         return texts;
     };
     const Date before = device.now();

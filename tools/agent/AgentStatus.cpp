@@ -139,7 +139,11 @@ std::optional<std::string> statusReport(const fs::path& dataRoot) {
                 nullptr, [&](sqlite3_stmt* row) {
                     const double time = sqlite3_column_double(row, 0);
                     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(row, 1));
-                    const json payload = json::parse(bytes, bytes + sqlite3_column_bytes(row, 1), nullptr, false);
+                    std::string text(bytes, static_cast<std::size_t>(sqlite3_column_bytes(row, 1)));
+                    // The store may keep an event without its time and type at the end (its
+                    // columns hold them): the position before them reads as an object once closed.
+                    if (text.ends_with(',')) text.back() = '}';
+                    const json payload = json::parse(text, nullptr, false);
                     if (!payload.is_object() || (lastFix.lastFixTime && *lastFix.lastFixTime >= time)) return;
                     lastFix.lastFixTime = time;
                     lastFix.lastFixLatitude = payload.value("latitude", 0.0);

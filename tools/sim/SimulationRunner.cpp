@@ -310,8 +310,11 @@ std::pair<std::int64_t, std::int64_t> storeFigures(const std::filesystem::path& 
     std::int64_t recorded = 0;
     std::int64_t left = 0;
     {
-        sqlite::Statement sequence(db, "SELECT seq FROM sqlite_sequence WHERE name = 'EventEntity'");
-        if (sequence.step()) recorded = sequence.columnInt64(0);
+        // The highest id still stored or kept when rows were deleted.
+        sqlite::Statement highest(db,
+                                  "SELECT max(coalesce((SELECT max(id) FROM EventEntity), 0),"
+                                  " (SELECT highest_event_id FROM StoreMetadata WHERE singleton = 1))");
+        if (highest.step()) recorded = highest.columnInt64(0);
     }
     {
         sqlite::Statement count(db, "SELECT COUNT(*) FROM EventEntity");
