@@ -21,9 +21,8 @@ std::vector<RawRow> rawRows(const std::vector<EventRecord>& events) {
 RawStore::RawStore(const std::filesystem::path& path) {
     if (sqlite3_open(path.c_str(), &db) != SQLITE_OK) throw std::runtime_error("open failed");
     exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
-         "CREATE TABLE EventEntity (id INTEGER PRIMARY KEY AUTOINCREMENT, type TEXT NOT NULL,"
-         " tracked_at_ms REAL NOT NULL, payload BLOB NOT NULL);"
-         "CREATE INDEX EventEntity_tracked_at ON EventEntity (tracked_at_ms, id);");
+         "CREATE TABLE EventEntity (id INTEGER PRIMARY KEY, type TEXT NOT NULL,"
+         " tracked_at_ms REAL NOT NULL, payload BLOB NOT NULL);");
     sqlite3_prepare_v2(db, "INSERT INTO EventEntity (type, tracked_at_ms, payload) VALUES (?1, ?2, ?3)", -1, &insert_,
                        nullptr);
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// The bare baselines' tools: SQLite with the event store's table, index and settings but
+// The bare baselines' tools: SQLite with the event store's table and settings but
 // none of its code, and zlib called directly.
 
 #include <sqlite3.h>

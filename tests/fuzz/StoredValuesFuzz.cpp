@@ -2,7 +2,8 @@
 // a value or refuses it, and what it reads, written again, reads back the same.
 //
 // The first byte chooses: 0 the pause record, 1 the background-upload journal, 2 a keychain
-// item's file, 3 an event row's payload (its type, a newline, then the payload), 4 a value of
+// item's file, 3 an event row's payload (its type, a newline, then the payload as the row keeps
+// it, possibly without its ending), 4 a value of
 // the key-value store (its kind, its column type, then the value).
 
 #include <sqlite3.h>
@@ -22,6 +23,7 @@
 #include "FuzzSupport.h"
 #include "core/PauseManager.h"
 #include "events/StoreSalvage.h"
+#include "events/StoredPayload.h"
 #include "platform/linux/FileKeychain.h"
 #include "platform/linux/SqliteKeyValueStore.h"
 #include "rovalis/Console.h"
@@ -125,7 +127,7 @@ void eventPayload(std::string_view bytes) {
     const std::size_t newline = std::min(bytes.find('\n'), bytes.size());
     rovalis::SalvagedRow row;
     row.type = std::string(bytes.substr(0, newline));
-    row.payload = std::string(bytes.substr(std::min(newline + 1, bytes.size())));
+    row.payload = rovalis::stored_payload::restored(row.type, row.trackedAt, bytes.substr(std::min(newline + 1, bytes.size())));
     if (!rovalis::StoreSalvage::isPlausibleEvent(row)) return;
     // A payload carried over goes into a batch document as it is: it has to be JSON text.
     const auto json = nlohmann::json::parse(row.payload, nullptr, false);
