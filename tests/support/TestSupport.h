@@ -49,6 +49,11 @@ private:
     std::optional<std::string> old_;
 };
 
+// Unpadded base64url, as an access token carries its parts; and a token of three parts
+// whose payload is the given JSON text.
+std::string base64Url(const std::string& data);
+std::string tokenWithPayload(const std::string& json);
+
 // The permission bits of a file or directory (a failed stat is reported and gives 0).
 unsigned fileMode(const std::filesystem::path& path);
 std::string readFile(const std::filesystem::path& path);
