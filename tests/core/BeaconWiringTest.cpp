@@ -88,6 +88,8 @@ TEST_F(BeaconWiring, OnlyABooleanTrueAddsTheBeaconTrackerFifth) {
         {"the text YES", {{beaconSwitch, std::string("YES")}}},
         {"the text true", {{beaconSwitch, std::string("true")}}},
         {"the number 1", {{beaconSwitch, std::int64_t{1}}}},
+        {"the literal 1 (an integer, not a boolean)", {{beaconSwitch, 1}}},
+        {"the number 1.0", {{beaconSwitch, 1.0}}},
     };
     for (const auto& [name, info] : off) {
         launch(info);

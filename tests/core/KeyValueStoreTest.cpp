@@ -6,7 +6,6 @@
 #include <thread>
 
 #include "platform/linux/SqliteKeyValueStore.h"
-#include "support/ForwardingStores.h"
 #include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
 
@@ -130,16 +129,6 @@ TEST_F(SqliteKeyValueStoreFile, ConcurrentWritersOfDifferentKeysAllLand) {
     }
     for (auto& thread : threads) thread.join();
     for (int t = 0; t < 4; ++t) EXPECT_EQ(store.object("k" + std::to_string(t)), KeyValue(std::int64_t{24}));
-}
-
-TEST(ForwardingKeyValueStore, PassesEveryCallToItsTarget) {
-    auto target = std::make_shared<InMemoryKeyValueStore>();
-    test::ForwardingKeyValueStore store(target);
-    store.setObject(true, "kept");
-    EXPECT_EQ(target->object("kept"), KeyValue(true));
-    EXPECT_EQ(store.object("kept"), KeyValue(true));
-    store.removeObject("kept");
-    EXPECT_FALSE(target->object("kept").has_value());
 }
 
 }  // namespace

@@ -33,19 +33,7 @@ constexpr double start = 1700000000.0;
 const LocationCoordinate2D home{51.4555, -0.1075};
 
 // A token whose payload names the user with the given UUID.
-std::string tokenFor(const std::string& userId) {
-    const std::string payload = R"({"sub":")" + userId + R"("})";
-    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    std::string encoded;
-    int bits = 0, value = 0;
-    for (unsigned char c : payload) {
-        value = (value << 8) | c;
-        bits += 8;
-        while (bits >= 6) encoded += alphabet[(value >> (bits -= 6)) & 0x3F];
-    }
-    if (bits > 0) encoded += alphabet[(value << (6 - bits)) & 0x3F];
-    return "eyJhbGciOiJIUzI1NiJ9." + encoded + ".c2ln";
-}
+std::string tokenFor(const std::string& userId) { return test::tokenWithPayload(R"({"sub":")" + userId + R"("})"); }
 
 // The host: what it is told, in order.
 class RecordingHost final : public RovalisDelegate, public RovalisLocationDelegate {

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "core/UserDefaultsManager.h"
-#include "platform/linux/SqliteKeyValueStore.h"
-#include "support/TestSupport.h"
 #include "util/InMemoryKeyValueStore.h"
 
 namespace rovalis {
@@ -88,32 +86,6 @@ TEST_F(UserDefaults, ValuesOfAnotherTypeOrOutOfRangeReadAsTheDefault) {
         manager.setStoredTrackingInterruptedReason(stored);
         EXPECT_EQ(manager.storedTrackingInterruptedReason(), read) << stored;
     }
-}
-
-TEST(UserDefaultsOnDisk, ValuesSurviveReopeningTheStore) {
-    test::TempDir temp;
-    const auto file = temp / "Preferences.sqlite";
-    {
-        UserDefaultsManager manager(std::make_shared<SqliteKeyValueStore>(file));
-        manager.setStoredTrackingStatus(1);
-        manager.setStoredTrackingInterruptedReason(4);
-        manager.setPauseRecord(Bytes{0, 255});
-        manager.setLastSuccessfulEventUploadDate(Date{1700000000.125});
-        manager.setLastConnectionType(3);
-        manager.setWifiOnlyDataTransfer(true);
-        manager.setIsFirstStart(true);
-        manager.setAppInfo("Demo 1.2");
-    }
-    UserDefaultsManager manager(std::make_shared<SqliteKeyValueStore>(file));
-    EXPECT_EQ(manager.storedTrackingStatus(), 1);
-    EXPECT_EQ(manager.storedTrackingInterruptedReason(), 4);
-    EXPECT_EQ(manager.pauseRecord(), (Bytes{0, 255}));
-    EXPECT_EQ(manager.lastSuccessfulEventUploadDate(), Date{1700000000.125});
-    EXPECT_EQ(manager.lastConnectionType(), 3);
-    EXPECT_TRUE(manager.wifiOnlyDataTransfer());
-    EXPECT_TRUE(manager.isFirstStart());
-    EXPECT_EQ(manager.appInfo(), "Demo 1.2");
-    EXPECT_FALSE(manager.userActivatedTrackingOnce());
 }
 
 }  // namespace

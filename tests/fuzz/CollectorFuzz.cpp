@@ -108,25 +108,20 @@ void headers(std::size_t bodySize, std::string_view text) {
     if (const auto rejection = collector::checkUploadHeaders(headers, bodySize, agent)) requireRejection(rejection);
 }
 
+std::size_t twoBytesOf(std::string_view input) {
+    return static_cast<std::size_t>(static_cast<unsigned char>(input[0]) << 8 | static_cast<unsigned char>(input[1]));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const auto input = rovalis::fuzz::asText(data + 1, size - 1);
-    const auto twoBytes = [&] { return static_cast<std::size_t>(data[1] << 8 | data[2]); };
-    switch (data[0] % 4) {
-        case 0:
-            batchDocument(input);
-            break;
-        case 1:
-            userAgent(input);
-            break;
-        case 2:
-            if (size >= 3) gunzip(twoBytes(), input.substr(2));
-            break;
-        default:
-            if (size >= 3) headers(twoBytes(), input.substr(2));
-            break;
-    }
-    return 0;
+    // The gunzip's limit and the headers' body size are the two bytes after the first.
+    const auto gunzipWithLimit = [](std::string_view input) {
+        if (input.size() >= 2) gunzip(twoBytesOf(input), input.substr(2));
+    };
+    const auto headersWithBodySize = [](std::string_view input) {
+        if (input.size() >= 2) headers(twoBytesOf(input), input.substr(2));
+    };
+    return rovalis::fuzz::readWithChosenReader(data, size,
+                                               {batchDocument, userAgent, gunzipWithLimit, headersWithBodySize});
 }

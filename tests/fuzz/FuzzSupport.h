@@ -1,10 +1,15 @@
 #pragma once
 
-// What the fuzz targets share: a finding that is not a crash, and a scratch directory.
+// What the fuzz targets share: a finding that is not a crash, a scratch directory and its
+// files, and the choice of a reader by the input's first byte.
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -33,6 +38,25 @@ inline const std::filesystem::path& scratchDirectory() {
 
 inline std::string_view asText(const unsigned char* data, std::size_t size) {
     return {reinterpret_cast<const char*>(data), size};
+}
+
+inline std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void writeFile(const std::filesystem::path& path, std::string_view bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    require(out.good(), "cannot write a scratch file");
+}
+
+// The first byte chooses the reader (modulo their number), which gets the bytes after it.
+using Reader = void (*)(std::string_view);
+inline int readWithChosenReader(const std::uint8_t* data, std::size_t size, std::initializer_list<Reader> readers) {
+    if (size < 1) return 0;
+    readers.begin()[data[0] % readers.size()](asText(data + 1, size - 1));
+    return 0;
 }
 
 }  // namespace rovalis::fuzz

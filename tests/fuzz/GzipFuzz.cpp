@@ -7,8 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 
@@ -19,18 +17,9 @@
 
 namespace {
 
+using rovalis::fuzz::readFile;
 using rovalis::fuzz::require;
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const std::filesystem::path& path, std::string_view bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    require(out.good(), "cannot write a scratch file");
-}
+using rovalis::fuzz::writeFile;
 
 void inflateBuffer(std::string_view bytes) {
     rovalis::Error error;
@@ -74,18 +63,8 @@ void inflateFile(std::string_view bytes) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const auto input = rovalis::fuzz::asText(data + 1, size - 1);
-    switch (data[0] % 3) {
-        case 0:
-            inflateBuffer(input);
-            break;
-        case 1:
-            if (input.size() >= 3) deflateAndInflate(input.substr(0, 3), input.substr(3));
-            break;
-        default:
-            inflateFile(input);
-            break;
-    }
-    return 0;
+    const auto deflateWithSettings = [](std::string_view input) {
+        if (input.size() >= 3) deflateAndInflate(input.substr(0, 3), input.substr(3));
+    };
+    return rovalis::fuzz::readWithChosenReader(data, size, {inflateBuffer, deflateWithSettings, inflateFile});
 }

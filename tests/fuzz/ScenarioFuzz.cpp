@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <variant>
 
 #include "FuzzSupport.h"
@@ -47,14 +46,13 @@ void deviceList(std::string_view text) {
         rovalis::RVL_DeviceUtil::setResourceDirectory(path);
         return path;
     }();
-    {
-        std::ofstream out(directory / "DeviceList.json", std::ios::binary | std::ios::trunc);
-        out.write(text.data(), static_cast<std::streamsize>(text.size()));
-    }
+    rovalis::fuzz::writeFile(directory / "DeviceList.json", text);
     (void)rovalis::RVL_DeviceUtil::hardwareDescription();
     (void)rovalis::RVL_DeviceUtil::hardwareSimpleDescription();
     (void)rovalis::RVL_DeviceUtil::hardwareNumber();
 }
+
+void deviceDescription(std::string_view text) { (void)rovalis::RVL_DeviceUtil::simpleDescription(std::string(text)); }
 
 }  // namespace
 
@@ -64,12 +62,5 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const auto text = rovalis::fuzz::asText(data + 1, size - 1);
-    switch (data[0] % 3) {
-        case 0: scenario(text); break;
-        case 1: deviceList(text); break;
-        default: (void)rovalis::RVL_DeviceUtil::simpleDescription(std::string(text)); break;
-    }
-    return 0;
+    return rovalis::fuzz::readWithChosenReader(data, size, {scenario, deviceList, deviceDescription});
 }

@@ -12,8 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <variant>
 #include <vector>
@@ -31,19 +29,10 @@
 
 namespace {
 
+using rovalis::fuzz::readFile;
 using rovalis::fuzz::require;
+using rovalis::fuzz::writeFile;
 namespace fs = std::filesystem;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& path, std::string_view bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    require(out.good(), "cannot write a scratch file");
-}
 
 // Files that sync on every write live in memory when the machine has a place for that.
 fs::path workDirectory(const char* name) {
@@ -195,14 +184,5 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size < 1) return 0;
-    const auto input = rovalis::fuzz::asText(data + 1, size - 1);
-    switch (data[0] % 5) {
-        case 0: pauseRecord(input); break;
-        case 1: journal(input); break;
-        case 2: keychainItem(input); break;
-        case 3: eventPayload(input); break;
-        default: keyValue(input); break;
-    }
-    return 0;
+    return rovalis::fuzz::readWithChosenReader(data, size, {pauseRecord, journal, keychainItem, eventPayload, keyValue});
 }

@@ -11,16 +11,14 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/linux/GpsdLocationService.h"
+#include "support/ScriptedGpsd.h"
 #include "support/TestSupport.h"
-#include "util/SettableDateSource.h"
-#include "util/ThreadRunLoop.h"
 
 namespace rovalis {
 namespace {
@@ -175,16 +173,7 @@ protected:
         return client;
     }
 
-    // Moves the clock on and returns once every timer due by then has run on the loop: a
-    // probe timer due just after them has fired.
-    void advance(double seconds) {
-        clock->advance(seconds);
-        const auto fired = std::make_shared<std::promise<void>>();
-        auto done = fired->get_future();
-        loop->scheduleTimer(0.0, false, [fired] { fired->set_value(); });
-        clock->advance(0.001);
-        ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-    }
+    void advance(double seconds) { advanceAndRunDueTimers(*clock, *loop, seconds); }
 
     std::shared_ptr<SettableDateSource> clock = std::make_shared<SettableDateSource>();
     std::shared_ptr<ThreadRunLoop> loop = std::make_shared<ThreadRunLoop>(clock, "test.gpsd");

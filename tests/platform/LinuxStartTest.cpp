@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <future>
 #include <mutex>
 #include <vector>
 
@@ -14,8 +13,6 @@
 #include "support/ScriptedGpsd.h"
 #include "support/TestSupport.h"
 #include "support/UploadStack.h"
-#include "util/SettableDateSource.h"
-#include "util/ThreadRunLoop.h"
 
 namespace rovalis {
 namespace {
@@ -117,15 +114,7 @@ TEST_F(LinuxStart, AStartIsRefusedWhenGpsdAnswersWithoutAReceiver) {
 TEST_F(LinuxStart, AGpsdThatStartsLaterStartsTracking) {
     const auto clock = std::make_shared<SettableDateSource>();
     const auto loop = std::make_shared<ThreadRunLoop>(clock, "test.main");
-    // Moves the clock on and returns once the timers due by then have run.
-    const auto advance = [&](double seconds) {
-        clock->advance(seconds);
-        const auto fired = std::make_shared<std::promise<void>>();
-        auto done = fired->get_future();
-        loop->scheduleTimer(0.0, false, [fired] { fired->set_value(); });
-        clock->advance(0.001);
-        ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
-    };
+    const auto advance = [&](double seconds) { advanceAndRunDueTimers(*clock, *loop, seconds); };
     ScriptedGpsd gpsd({.listening = false});
     Platform platform;
     platform.dateSource = clock;

@@ -1,32 +1,14 @@
 #pragma once
 
-// Forwarding bases for fault doubles of the stores: each passes every call on to a real store,
+// A forwarding base for fault doubles of the keychain: it passes every call on to a real store,
 // so a double overrides only the member it wants to disturb.
 
 #include <memory>
 #include <utility>
 
-#include "rovalis/platform/KeyValueStore.h"
 #include "rovalis/platform/Keychain.h"
 
 namespace rovalis::test {
-
-// Passes every call on to another store; a test double overrides only the member it wants
-// to disturb.
-class ForwardingKeyValueStore : public KeyValueStore {
-public:
-    explicit ForwardingKeyValueStore(std::shared_ptr<KeyValueStore> target) : target_(std::move(target)) {}
-
-    std::optional<Value> object(const std::string& key) const override { return target_->object(key); }
-    void setObject(const Value& value, const std::string& key) override { target_->setObject(value, key); }
-    void removeObject(const std::string& key) override { target_->removeObject(key); }
-
-protected:
-    KeyValueStore& target() const { return *target_; }
-
-private:
-    std::shared_ptr<KeyValueStore> target_;
-};
 
 // Passes every call on to another store; a test double overrides only the member it wants
 // to disturb (an add that is refused, a lookup that fails).

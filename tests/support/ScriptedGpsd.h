@@ -7,13 +7,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "util/SettableDateSource.h"
+#include "util/ThreadRunLoop.h"
 
 namespace rovalis {
 
@@ -133,5 +140,16 @@ private:
     std::vector<Client> clients_;  // the serving thread's
     std::thread thread_;
 };
+
+// Moves the clock on and returns once every timer due by then has run on the loop: a probe
+// timer due just after them has fired. A gpsd client's retries come without the wait.
+inline void advanceAndRunDueTimers(SettableDateSource& clock, ThreadRunLoop& loop, double seconds) {
+    clock.advance(seconds);
+    const auto fired = std::make_shared<std::promise<void>>();
+    auto done = fired->get_future();
+    loop.scheduleTimer(0.0, false, [fired] { fired->set_value(); });
+    clock.advance(0.001);
+    ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+}
 
 }  // namespace rovalis

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -21,6 +22,25 @@ TempDir::~TempDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
 }
+
+std::string base64Url(const std::string& data) {
+    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    std::string text;
+    std::uint32_t bits = 0;
+    int count = 0;
+    for (const char c : data) {
+        bits = bits << 8 | static_cast<unsigned char>(c);
+        count += 8;
+        while (count >= 6) {
+            count -= 6;
+            text.push_back(alphabet[(bits >> count) & 0x3F]);
+        }
+    }
+    if (count > 0) text.push_back(alphabet[(bits << (6 - count)) & 0x3F]);
+    return text;
+}
+
+std::string tokenWithPayload(const std::string& json) { return "eyJhbGciOiJIUzI1NiJ9." + base64Url(json) + ".c2ln"; }
 
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);

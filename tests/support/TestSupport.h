@@ -2,8 +2,10 @@
 
 // Small helpers shared by the tests.
 
+#include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,31 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+// Sets an environment variable (or unsets it, for no value) while it lives, and puts the old
+// value back after.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        set(name_, value);
+    }
+    ~ScopedEnv() { set(name_, old_ ? old_->c_str() : nullptr); }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    static void set(const char* name, const char* value) {
+        if (value) ::setenv(name, value, 1); else ::unsetenv(name);
+    }
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+// Unpadded base64url, as an access token carries its parts; and a token of three parts
+// whose payload is the given JSON text.
+std::string base64Url(const std::string& data);
+std::string tokenWithPayload(const std::string& json);
 
 // The permission bits of a file or directory (a failed stat is reported and gives 0).
 unsigned fileMode(const std::filesystem::path& path);

@@ -5,31 +5,15 @@
 #include <cctype>
 
 #include "rovalis/Uuid.h"
+#include "support/TestSupport.h"
 
 namespace rovalis {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Unpadded base64url, as tokens carry their parts.
-std::string base64Url(const std::string& data) {
-    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-    std::string text;
-    std::uint32_t bits = 0;
-    int count = 0;
-    for (const char c : data) {
-        bits = bits << 8 | static_cast<unsigned char>(c);
-        count += 8;
-        while (count >= 6) {
-            count -= 6;
-            text.push_back(alphabet[(bits >> count) & 0x3F]);
-        }
-    }
-    if (count > 0) text.push_back(alphabet[(bits << (6 - count)) & 0x3F]);
-    return text;
-}
-
-std::string tokenWithPayload(const std::string& json) { return "eyJhbGciOiJIUzI1NiJ9." + base64Url(json) + ".c2ln"; }
+using test::base64Url;
+using test::tokenWithPayload;
 
 TEST(AccessTokenDecoder, SubThatIsAUuidGivesItInUpperCase) {
     const std::string uuid = Uuid::random().uuidString();

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <optional>
 
 #include "support/TestSupport.h"
 #include "util/DataRoot.h"
@@ -13,22 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::fileMode;
-
-// Sets an environment variable for one test and puts the old value back.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : name_(name) {
-        if (const char* old = std::getenv(name)) old_ = old;
-        if (value) ::setenv(name, value, 1); else ::unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (old_) ::setenv(name_, old_->c_str(), 1); else ::unsetenv(name_);
-    }
-
-private:
-    const char* name_;
-    std::optional<std::string> old_;
-};
+using test::ScopedEnv;
 
 TEST(DataRoot, CreatesPrivateDirectoriesAndTightensExistingOnes) {
     test::TempDir temp;

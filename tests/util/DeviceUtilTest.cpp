@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "support/TestSupport.h"
 #include "util/DeviceUtil.h"
@@ -78,22 +77,8 @@ TEST_F(DeviceListTest, OwnFolderIsPreferredOverTheResourceDirectory) {
 // directory that holds the list is read.
 class DeviceListLookup : public ::testing::Test {
 protected:
-    DeviceListLookup() {
-        if (const char* previous = std::getenv("ROVALIS_RESOURCE_DIR")) saved_ = previous;
-        ::setenv("ROVALIS_RESOURCE_DIR", fromEnvironment.path().c_str(), 1);
-    }
-    ~DeviceListLookup() override {
-        if (saved_) {
-            ::setenv("ROVALIS_RESOURCE_DIR", saved_->c_str(), 1);
-        } else {
-            ::unsetenv("ROVALIS_RESOURCE_DIR");
-        }
-    }
-
     test::TempDir fromEnvironment;
-
-private:
-    std::optional<std::string> saved_;
+    test::ScopedEnv resourceDirectory{"ROVALIS_RESOURCE_DIR", fromEnvironment.path().c_str()};
 };
 
 TEST_F(DeviceListLookup, EnvironmentThenInstalledDataThenFallback) {

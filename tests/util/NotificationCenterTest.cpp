@@ -4,7 +4,6 @@
 #include <thread>
 #include <vector>
 
-#include "rovalis/HostInfo.h"
 #include "rovalis/NotificationCenter.h"
 
 namespace rovalis {
@@ -67,20 +66,6 @@ TEST(NotificationCenter, PostsFromManyThreadsReachEveryObserver) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(delivered, 800);
-}
-
-TEST(HostInfo, OnlyABooleanTrueSwitchesASettingOn) {
-    HostInfo host{"Demo", "1.2", "34", "org.example.demo",
-                  {{"RV_SDK_BEACON_TRACKING_ENABLED", true},
-                   {"OFF", false},
-                   {"TEXT", "true"},
-                   {"NUMBER", std::int64_t{1}},
-                   {"REAL", 1.0}}};
-    EXPECT_TRUE(host.isSwitchOn("RV_SDK_BEACON_TRACKING_ENABLED"));
-    for (const char* key : {"OFF", "TEXT", "NUMBER", "REAL", "RV_SDK_EDDYSTONE_TRACKING_ENABLED"}) {
-        EXPECT_FALSE(host.isSwitchOn(key)) << key;
-    }
-    EXPECT_TRUE(std::holds_alternative<std::int64_t>(InfoValue{1}));  // an integer literal becomes an int64
 }
 
 }  // namespace
