@@ -12,7 +12,7 @@
 //   BM_StoreDeleteByPayload     deleteEventsWithPayload of 20000 fetched rows
 //   BM_RawDeleteByIds           one DELETE ... WHERE id IN (...) of 20000 ids
 //   BM_StoreBytesPerEvent       file size per stored event after a truncating checkpoint
-//   BM_RawBytesPerEvent         the same for bare SQLite with the store's table and index
+//   BM_RawBytesPerEvent         the same for bare SQLite with the store's table
 //
 // Each store benchmark measures the process's CPU time (the store works on threads of its
 // own), so "CPU" is all of it.

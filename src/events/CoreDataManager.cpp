@@ -226,9 +226,10 @@ struct CoreDataManager::Statements {
           forgetPendingEvents(db, "DELETE FROM PendingBatchEvent"),
           forgetPendingBatch(db, "DELETE FROM PendingBatch") {}
 
-    sqlite::Statement insert, keepHighestEventId, reserveIds, fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
-    sqlite::Statement readPendingBatch, fetchPendingEvents, nextPendingEventKeys, fetchEvent, insertPendingBatch, insertPendingEvent,
-        countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
+    sqlite::Statement insert, keepHighestEventId, reserveIds;
+    sqlite::Statement fetchAscending, fetchDescending, count, deleteUpTo, deleteUpToId, deleteChunk;
+    sqlite::Statement readPendingBatch, fetchPendingEvents, nextPendingEventKeys, fetchEvent, insertPendingBatch,
+        insertPendingEvent, countPendingEventsStored, pendingBatchId, deletePendingEvents, describeEvents, insertEveryPendingEvent,
         anyEventOutsidePendingBatch, deleteAllEvents, forgetPendingEvents, forgetPendingBatch;
 };
 
@@ -436,7 +437,8 @@ void CoreDataManager::createSchema(const CarriedState* carried) {
     highestKnownId_ = std::max(highestKnownId_, carried ? carried->highestRowId : 0);
     {
         sqlite::Statement insert(*db_,
-                                 "INSERT INTO StoreMetadata (singleton, store_uuid, highest_event_id, ids_reserved_through)"
+                                 "INSERT INTO StoreMetadata"
+                                 " (singleton, store_uuid, highest_event_id, ids_reserved_through)"
                                  " VALUES (1, ?1, ?2, ?2)");
         insert.bindText(1, identifier);
         insert.bind(2, highestKnownId_);

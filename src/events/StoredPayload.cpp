@@ -39,7 +39,9 @@ void restore(std::string_view type, double trackedAt, std::string_view kept, std
     out.assign(kept);
     if (!kept.ends_with(',')) return;
     // Only a damaged row has a cut payload whose time has no text: it reads as a null time.
-    if (!appendEnding(type, trackedAt, out)) out.append("\"tracked_at_ms\":null,\"type\":\"").append(type).append("\"}");
+    if (!appendEnding(type, trackedAt, out)) {
+        out.append("\"tracked_at_ms\":null,\"type\":\"").append(type).append("\"}");
+    }
 }
 
 std::string restored(std::string_view type, double trackedAt, std::string_view kept) {

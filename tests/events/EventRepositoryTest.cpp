@@ -455,7 +455,8 @@ TEST_F(EventRepositoryTest, StoreOfTheFirstVersionIsKeptAndMigrated) {
     EXPECT_EQ(splitUri(rows().back().uri).second, 52);
     repository_->coreDataManager().performAndWaitWithConnection([](sqlite::Database* db) {
         EXPECT_EQ(db->queryInt64("PRAGMA user_version"), 3);
-        EXPECT_EQ(db->queryInt64("SELECT count(*) FROM sqlite_schema WHERE type = 'index' AND name NOT LIKE 'sqlite_%'"),
+        EXPECT_EQ(db->queryInt64("SELECT count(*) FROM sqlite_schema"
+                                 " WHERE type = 'index' AND name NOT LIKE 'sqlite_%'"),
                   0);
     });
 }

@@ -116,7 +116,8 @@ void eventPayload(std::string_view bytes) {
     const std::size_t newline = std::min(bytes.find('\n'), bytes.size());
     rovalis::SalvagedRow row;
     row.type = std::string(bytes.substr(0, newline));
-    row.payload = rovalis::stored_payload::restored(row.type, row.trackedAt, bytes.substr(std::min(newline + 1, bytes.size())));
+    const std::string_view kept = bytes.substr(std::min(newline + 1, bytes.size()));
+    row.payload = rovalis::stored_payload::restored(row.type, row.trackedAt, kept);
     if (!rovalis::StoreSalvage::isPlausibleEvent(row)) return;
     // A payload carried over goes into a batch document as it is: it has to be JSON text.
     const auto json = nlohmann::json::parse(row.payload, nullptr, false);
