@@ -7,8 +7,9 @@
 namespace rovalis {
 
 SerialExecutor::SerialExecutor(std::string label, std::shared_ptr<WorkTracker> tracker)
-    : label_(std::move(label)), tracker_(std::move(tracker)) {
-    thread_ = std::thread([this] { run(); });
+    : label_(std::move(label)), queue_(std::make_shared<Queue>()) {
+    queue_->tracker = std::move(tracker);
+    thread_ = std::thread([queue = queue_] { run(*queue); });
     // Thread names are limited to 15 characters; the tail of a label is its most telling part.
     const std::string name = label_.size() > 15 ? label_.substr(label_.size() - 15) : label_;
     pthread_setname_np(thread_.native_handle(), name.c_str());
@@ -16,20 +17,27 @@ SerialExecutor::SerialExecutor(std::string label, std::shared_ptr<WorkTracker> t
 
 SerialExecutor::~SerialExecutor() {
     {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
+        std::lock_guard lock(queue_->mutex);
+        queue_->stopping = true;
     }
-    wake_.notify_one();
-    if (thread_.joinable()) thread_.join();
+    queue_->wake.notify_one();
+    if (!thread_.joinable()) return;
+    // A task that held the last owner (a hand-over that kept a host's queue alive, say) ends
+    // it on this very thread, which cannot wait for itself.
+    if (thread_.get_id() == std::this_thread::get_id()) {
+        thread_.detach();
+    } else {
+        thread_.join();
+    }
 }
 
 void SerialExecutor::async(std::function<void()> task) {
-    if (tracker_) tracker_->begin();
+    if (queue_->tracker) queue_->tracker->begin();
     {
-        std::lock_guard lock(mutex_);
-        tasks_.push_back(std::move(task));
+        std::lock_guard lock(queue_->mutex);
+        queue_->tasks.push_back(std::move(task));
     }
-    wake_.notify_one();
+    queue_->wake.notify_one();
 }
 
 // Like a dispatch queue, sync runs the task on the calling thread while the queue is held
@@ -78,18 +86,20 @@ bool SerialExecutor::isCurrent() const {
     return self == thread_.get_id() || self == borrower_.load();
 }
 
-void SerialExecutor::run() {
+void SerialExecutor::run(Queue& queue) {
     for (;;) {
         std::function<void()> task;
         {
-            std::unique_lock lock(mutex_);
-            wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
-            if (tasks_.empty()) return;  // stopping, and everything queued has run
-            task = std::move(tasks_.front());
-            tasks_.pop_front();
+            std::unique_lock lock(queue.mutex);
+            queue.wake.wait(lock, [&] { return queue.stopping || !queue.tasks.empty(); });
+            if (queue.tasks.empty()) return;  // stopping, and everything queued has run
+            task = std::move(queue.tasks.front());
+            queue.tasks.pop_front();
         }
         task();
-        if (tracker_) tracker_->end();
+        // The task's captures go before its work counts as done.
+        task = nullptr;
+        if (queue.tracker) queue.tracker->end();
     }
 }
 

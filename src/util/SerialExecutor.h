@@ -16,7 +16,8 @@ namespace rovalis {
 class WorkTracker;
 
 // A named serial queue with one thread of its own. On destruction it runs what is still
-// queued, then joins its thread.
+// queued, then joins its thread; destroyed by one of its own tasks (the task held the last
+// owner), it leaves its thread to run the rest and end.
 class SerialExecutor final : public Executor {
 public:
     explicit SerialExecutor(std::string label, std::shared_ptr<WorkTracker> tracker = nullptr);
@@ -32,14 +33,18 @@ public:
     const std::string& label() const { return label_; }
 
 private:
-    void run();
+    // What the thread works on: its own, so that it can outlive the executor.
+    struct Queue {
+        std::shared_ptr<WorkTracker> tracker;
+        std::mutex mutex;
+        std::condition_variable wake;
+        std::deque<std::function<void()>> tasks;
+        bool stopping = false;
+    };
+    static void run(Queue& queue);
 
     const std::string label_;
-    const std::shared_ptr<WorkTracker> tracker_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> tasks_;
-    bool stopping_ = false;
+    const std::shared_ptr<Queue> queue_;
     std::thread thread_;
     // The thread running a sync task in the queue's place, if any.
     std::atomic<std::thread::id> borrower_{};

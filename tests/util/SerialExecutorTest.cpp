@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -18,6 +21,22 @@ TEST(SerialExecutor, RunsTasksInOrderAndDrainsOnDestruction) {
     }
     ASSERT_EQ(seen.size(), 1000u);
     for (int i = 0; i < 1000; ++i) EXPECT_EQ(seen[i], i);
+}
+
+// A task that holds the last owner of its executor (as a hand-over queued on a host's queue
+// can) ends the executor on the executor's own thread; what is still queued runs after it.
+TEST(SerialExecutor, MayBeEndedByItsOwnTaskAndStillRunsWhatIsQueued) {
+    auto executor = std::make_shared<SerialExecutor>("test.self");
+    std::atomic<bool> release{false};
+    std::promise<void> queuedAfterRan;
+    executor->async([&] {
+        while (!release) std::this_thread::yield();
+    });
+    executor->async([last = std::shared_ptr<SerialExecutor>(executor)] {});
+    executor->async([&] { queuedAfterRan.set_value(); });
+    executor.reset();  // the second task now holds the last owner
+    release = true;
+    EXPECT_EQ(queuedAfterRan.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
 
 TEST(SerialExecutor, SyncWaitsAndMayBeCalledFromItsOwnQueue) {
