@@ -339,7 +339,7 @@ std::shared_ptr<RVLTracker> TrackerRepository::motionActivityTracker() {
             const Platform& platform = environment_.platform;
             motionActivityTracker_ = RVLMotionAccelManager::create(
                 eventRepository(), dependencies_.motionManagerType(), dependencies_.motionActivityManagerType(),
-                userDefaultsManager(), platform.dateSource, platform.systemState,
+                userDefaultsManager(), platform.dateSource, platform.systemState, platform.mainRunLoop,
                 // The repository is gone long before the tracker's last queue is made.
                 [platform](const std::string& label) {
                     return std::shared_ptr<Executor>(platform.makeSerialExecutor(label));

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "sensing/MotionActivityHelpers.h"
+#include "util/Fatal.h"
 
 namespace rovalis {
 
@@ -55,12 +56,13 @@ std::shared_ptr<RVLMotionAccelManager> RVLMotionAccelManager::create(
     std::shared_ptr<RVLEventInsertable> eventInsertable, std::shared_ptr<MotionManagerType> motionManager,
     std::shared_ptr<MotionActivityManagerType> activityManager,
     std::shared_ptr<RVLUserActivatedTrackingOnceModifier> userDefaultsManager,
-    std::shared_ptr<RVLDateSource> dateSource, std::shared_ptr<SystemStateType> systemState, QueueFactory makeQueue) {
+    std::shared_ptr<RVLDateSource> dateSource, std::shared_ptr<SystemStateType> systemState,
+    std::shared_ptr<Executor> mainQueue, QueueFactory makeQueue) {
     auto recorder = std::make_shared<Recorder>(
         Recorder{std::move(eventInsertable), std::move(dateSource), std::move(systemState)});
     std::shared_ptr<RVLMotionAccelManager> manager(
         new RVLMotionAccelManager(std::move(recorder), std::move(motionManager), std::move(activityManager),
-                                  std::move(userDefaultsManager), std::move(makeQueue)));
+                                  std::move(userDefaultsManager), std::move(mainQueue), std::move(makeQueue)));
     manager->setup();
     return manager;
 }
@@ -69,18 +71,21 @@ RVLMotionAccelManager::RVLMotionAccelManager(std::shared_ptr<Recorder> recorder,
                                              std::shared_ptr<MotionManagerType> motionManager,
                                              std::shared_ptr<MotionActivityManagerType> activityManager,
                                              std::shared_ptr<RVLUserActivatedTrackingOnceModifier> userDefaultsManager,
-                                             QueueFactory makeQueue)
+                                             std::shared_ptr<Executor> mainQueue, QueueFactory makeQueue)
     : recorder_(std::move(recorder)),
       motionManager_(std::move(motionManager)),
       activityManager_(std::move(activityManager)),
       userDefaultsManager_(std::move(userDefaultsManager)),
-      makeQueue_(std::move(makeQueue)) {}
+      mainQueue_(std::move(mainQueue)),
+      makeQueue_(std::move(makeQueue)) {
+    if (!mainQueue_ || !makeQueue_) fatalError("RVLMotionAccelManager needs a main queue and a queue factory");
+}
 
 RVLMotionAccelManager::~RVLMotionAccelManager() {
     stopAccelerometer();
     // Whatever the authorization says now: updates started earlier must not outlive us.
     if (activityManager_) activityManager_->stopActivityUpdates();
-    drain(accelerometerQueue_);
+    drain(mainQueue_);
     drain(activityQueue_);
 }
 
@@ -111,14 +116,11 @@ void RVLMotionAccelManager::slowDown(const std::optional<Location>&) {
 
 void RVLMotionAccelManager::startAccelerometer() {
     if (!motionManager_) return;
-    std::shared_ptr<Executor> queue = makeQueue_(accelerometerQueueLabel);
     stopAccelerometer();
     std::weak_ptr<const Recorder> recorder = recorder_;
-    motionManager_->startAccelerometerUpdates(queue, [recorder](std::span<const AccelerometerData> samples) {
+    motionManager_->startAccelerometerUpdates(mainQueue_, [recorder](std::span<const AccelerometerData> samples) {
         if (const auto strong = recorder.lock()) strong->processAccelerations(samples);
     });
-    // The previous queue is released here, on the caller's thread, never on its own.
-    accelerometerQueue_ = std::move(queue);
 }
 
 void RVLMotionAccelManager::stopAccelerometer() {

@@ -21,30 +21,32 @@ namespace rovalis {
 // times a second and records each sample's magnitude as an Acceleration event, and it
 // records each classification of the motion-activity service as an IOSActivity event.
 //
-// Tracker calls come from the main run loop. Samples arrive on a new queue
-// "core-motion-accelerations-updates" made at every start, classifications on the queue
-// "core-motion-activity-updates"; both write straight into the event store, the samples a
-// group at a time as the platform hands them over.
+// Tracker calls come from the main run loop. Samples arrive on the main run loop too, which
+// wakes for every location fix anyway: a queue of their own cost a thread hand-off for every
+// group the device hands over (a second's worth), for the few microseconds of turning them
+// into magnitudes and adding them to the acceleration buffer. Classifications arrive on the
+// queue "core-motion-activity-updates". Both write straight into the event store, the
+// samples a group at a time as the platform hands them over.
 class RVLMotionAccelManager final : public RVLTracker {
 public:
     using QueueFactory = std::function<std::shared_ptr<Executor>(const std::string& label)>;
 
-    static constexpr const char* accelerometerQueueLabel = "core-motion-accelerations-updates";
     static constexpr const char* activityQueueLabel = "core-motion-activity-updates";
     // Seconds between two samples. The platform's setting is a single-precision 0.05
     // widened to double, and that is the value it is given.
     static constexpr double accelerometerUpdateInterval = static_cast<double>(0.05f);
 
     // Runs setup. motionManager and activityManager may be empty on a device without them.
-    // makeQueue makes a named serial queue with a thread of its own.
+    // mainQueue is the main run loop; makeQueue makes a named serial queue with a thread of
+    // its own.
     static std::shared_ptr<RVLMotionAccelManager> create(
         std::shared_ptr<RVLEventInsertable> eventInsertable, std::shared_ptr<MotionManagerType> motionManager,
         std::shared_ptr<MotionActivityManagerType> activityManager,
         std::shared_ptr<RVLUserActivatedTrackingOnceModifier> userDefaultsManager,
         std::shared_ptr<RVLDateSource> dateSource, std::shared_ptr<SystemStateType> systemState,
-        QueueFactory makeQueue);
+        std::shared_ptr<Executor> mainQueue, QueueFactory makeQueue);
 
-    // Stops both updates and waits for a sample or classification being recorded.
+    // Stops both updates and waits for samples or a classification being recorded.
     ~RVLMotionAccelManager() override;
     RVLMotionAccelManager(const RVLMotionAccelManager&) = delete;
     RVLMotionAccelManager& operator=(const RVLMotionAccelManager&) = delete;
@@ -59,7 +61,7 @@ public:
     void speedUp() override;
     void slowDown(const std::optional<Location>& centerLocation) override;
 
-    // Restarts sampling on a new accelerometer queue.
+    // Restarts sampling, delivered on the main queue.
     void startAccelerometer();
     void stopAccelerometer();
     // Only with activity authorized and available.
@@ -83,10 +85,10 @@ private:
     RVLMotionAccelManager(std::shared_ptr<Recorder> recorder, std::shared_ptr<MotionManagerType> motionManager,
                           std::shared_ptr<MotionActivityManagerType> activityManager,
                           std::shared_ptr<RVLUserActivatedTrackingOnceModifier> userDefaultsManager,
-                          QueueFactory makeQueue);
+                          std::shared_ptr<Executor> mainQueue, QueueFactory makeQueue);
 
     bool activityAuthorized() const;
-    // Lets a handler already running on the queue finish.
+    // Lets what is queued on the queue, and a handler running there, finish.
     static void drain(const std::shared_ptr<Executor>& queue);
 
     // What the handlers need, held by them weakly: they never keep the manager's parts
@@ -95,9 +97,9 @@ private:
     const std::shared_ptr<MotionManagerType> motionManager_;
     const std::shared_ptr<MotionActivityManagerType> activityManager_;
     const std::shared_ptr<RVLUserActivatedTrackingOnceModifier> userDefaultsManager_;
+    const std::shared_ptr<Executor> mainQueue_;
     const QueueFactory makeQueue_;
     bool motionActivityActive_ = false;
-    std::shared_ptr<Executor> accelerometerQueue_;
     std::shared_ptr<Executor> activityQueue_;
 };
 

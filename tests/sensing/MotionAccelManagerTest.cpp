@@ -53,7 +53,8 @@ TEST(MotionActivityHelpers, FlagsGiveCodesTextsAndTests) {
 
 class MotionAccelManagerTest : public ::testing::Test {
 protected:
-    // The stored events, once the managers' queues and the acceleration buffer are through.
+    // The stored events, once the queues the samples and classifications arrive on and the
+    // acceleration buffer are through.
     std::vector<nlohmann::json> storedEvents() {
         for (const auto& queue : {motion->queue, activities->queue}) {
             if (queue) queue->sync([] {});
@@ -71,18 +72,21 @@ protected:
         std::make_shared<UserDefaultsManager>(std::make_shared<InMemoryKeyValueStore>());
     test::TempDir dir;
     std::shared_ptr<EventRepository> repository = std::make_shared<EventRepository>(dir / "events.sqlite");
+    // Stands in for the main run loop.
+    std::shared_ptr<Executor> mainQueue = std::make_shared<SerialExecutor>("main");
     std::shared_ptr<RVLMotionAccelManager> manager = RVLMotionAccelManager::create(
-        repository, motion, activities, defaults, clock, systemState,
+        repository, motion, activities, defaults, clock, systemState, mainQueue,
         [](const std::string& label) { return std::make_shared<SerialExecutor>(label); });
 };
 
-TEST_F(MotionAccelManagerTest, SpeedUpRestartsBothOnANewQueueStopWaitsForTheUserSlowDownAlwaysStops) {
+TEST_F(MotionAccelManagerTest, SpeedUpRestartsBothSamplesOnTheMainQueueStopWaitsForTheUserSlowDownAlwaysStops) {
     EXPECT_EQ(motion->interval, static_cast<double>(0.05f));
     manager->speedUp();
     EXPECT_EQ(activities->calls, (Strings{"stopActivityUpdates", "startActivityUpdates"}));
-    const auto firstQueue = motion->queue;
     manager->speedUp();
-    EXPECT_NE(motion->queue, firstQueue);
+    EXPECT_EQ(motion->calls, (Strings{"stopAccelerometerUpdates", "startAccelerometerUpdates",
+                                      "stopAccelerometerUpdates", "startAccelerometerUpdates"}));
+    EXPECT_EQ(motion->queue, mainQueue);
 
     // Nothing was started for a user who never activated tracking, so nothing is stopped.
     const auto callsBefore = motion->calls.size() + activities->calls.size();
