@@ -28,7 +28,7 @@ public:
 
     // The delay the SDK gives rows to share a commit: a process killed outright loses at
     // most the rows of this last second (and the acceleration buffer), never a committed one.
-    static constexpr double commitDelaySeconds = 1.0;
+    static constexpr double commitDelaySeconds = 2.0;
 
     explicit EventRepository(const std::filesystem::path& databasePath,
                              std::shared_ptr<WorkTracker> tracker = nullptr, CommitDelay commitDelay = {});
