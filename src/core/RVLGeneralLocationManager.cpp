@@ -76,10 +76,12 @@ RVLGeneralLocationManager::RVLGeneralLocationManager(RovalisConfiguration config
 RVLGeneralLocationManager::~RVLGeneralLocationManager() {
     if (!isInitialized_) return;
     for (const auto token : observers_) platform_.notificationCenter->removeObserver(token);
-    // Network reports stop first: they start sends through the queue that goes next.
+    // Network reports stop first: they start sends through the queue that goes next, so a
+    // report still being handled must be over before it goes.
     if (reachabilityTracker_) {
         reachabilityTracker_->setChangeListener(nullptr);
         reachabilityTracker_->stop();
+        reachabilityTracker_->finishReportsUnderWay();
     }
     // The trackers go on the main run loop, where their timers and delegates live.
     auto trackers = std::move(locationManagers_);

@@ -24,6 +24,10 @@ ReachabilityTracker::ReachabilityTracker(std::shared_ptr<RVLEventInsertable> eve
 ReachabilityTracker::~ReachabilityTracker() {
     reachabilityManager_->stopListening();
     // A report may already wait on the queue with this tracker in it; let it run now.
+    finishReportsUnderWay();
+}
+
+void ReachabilityTracker::finishReportsUnderWay() {
     if (!queue_->isCurrent()) queue_->sync([] {});
 }
 

@@ -53,6 +53,9 @@ public:
     // RVLReachabilityType
     bool canSendDataNow() const override;
     void setChangeListener(std::function<void(bool canSendNow)> listener) override;
+    // Waits until a report being handled, or queued, has been handled: one that copied the
+    // change listener before it was replaced may still be calling it until then.
+    void finishReportsUnderWay();
 
     ConnectionType status() const { return status_.load(); }
     bool isTrackingActive() const { return isTrackingActive_.load(); }
