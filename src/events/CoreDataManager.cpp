@@ -908,14 +908,17 @@ long CoreDataManager::count() {
     });
 }
 
-long CoreDataManager::deleteUpTo(Date date) {
+// One delete statement with its one parameter, and the highest id kept in the same
+// transaction.
+template <typename Value>
+long CoreDataManager::deleteWhere(sqlite::Statement Statements::*statement, Value value) {
     return performAndWait([&] {
         saveContext();
         const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
-            auto& remove = statements_->deleteUpTo;
+            auto& remove = (*statements_).*statement;
             sqlite::StatementReset resetAfter(remove);
             sqlite::Transaction transaction(*db_);
-            remove.bind(1, date.secondsSince1970);
+            remove.bind(1, value);
             remove.run();
             const long removed = db_->changes();
             keepHighestEventId();
@@ -928,25 +931,9 @@ long CoreDataManager::deleteUpTo(Date date) {
     });
 }
 
-long CoreDataManager::deleteUpToId(std::int64_t id) {
-    return performAndWait([&] {
-        saveContext();
-        const long deleted = guarded("Failed to execute batch delete events request: ", -1L, [&] {
-            auto& remove = statements_->deleteUpToId;
-            sqlite::StatementReset resetAfter(remove);
-            sqlite::Transaction transaction(*db_);
-            remove.bind(1, id);
-            remove.run();
-            const long removed = db_->changes();
-            keepHighestEventId();
-            transaction.commit();
-            return removed;
-        });
-        if (deleted < 0) return 0L;
-        Console::log("Successfully deleted EventEntity objects");
-        return deleted;
-    });
-}
+long CoreDataManager::deleteUpTo(Date date) { return deleteWhere(&Statements::deleteUpTo, date.secondsSince1970); }
+
+long CoreDataManager::deleteUpToId(std::int64_t id) { return deleteWhere(&Statements::deleteUpToId, id); }
 
 long CoreDataManager::deleteObjects(const std::vector<std::int64_t>& ids) {
     return performAndWait([&] {

@@ -180,6 +180,8 @@ private:
     void writeChunk(std::size_t start, std::size_t count);
     void insertRow(std::int64_t id, std::string_view type, double trackedAt, std::string_view payload);
     void keepHighestEventId();
+    template <typename Value>
+    long deleteWhere(sqlite::Statement Statements::*statement, Value value);
     std::int64_t reserveIds(std::int64_t highestId);
     void readStoredEvent(sqlite::Statement& row, EventPayload& event) const;
     struct EventKey;
